@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: MIT
+#include "GadgetDriver.h"
+
+#include "UsbHalLog.h"
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned long setWriteTimeout = 0x5301;
+constexpr unsigned long setReadTimeout = 0x5302;
+
+constexpr qint64 drainTime = 1000;             // ms
+constexpr unsigned long drainErrorPause = 10;  // ms
+constexpr unsigned long emptyReadPause = 1;    // s
+constexpr unsigned long failedWritePause = 17; // ms
+
+// Closes a descriptor that nobody owns yet: the thread may be killed while it drains the node.
+class DescriptorGuard
+{
+public:
+    explicit DescriptorGuard(int fd) : _fd(fd) {}
+    ~DescriptorGuard()
+    {
+        if (_fd >= 0)
+            ::close(_fd);
+    }
+    Q_DISABLE_COPY(DescriptorGuard)
+
+    void release() { _fd = -1; }
+
+private:
+    int _fd;
+};
+
+} // namespace
+
+GadgetDriver::GadgetDriver()
+{
+    setObjectName(QStringLiteral("GadgetDriver"));
+    _instancePaths.append(QStringLiteral("/dev/brn7200"));
+    _selectedInstance = 0;
+}
+
+GadgetDriver::~GadgetDriver() = default;
+
+bool GadgetDriver::open()
+{
+    _openedFds.clear();
+    for (int index = 0; index < _instancePaths.size(); ++index) {
+        if (!_openDrvInstance(_instancePaths.at(index), index))
+            return false;
+    }
+    _selectedInstance = 0;
+    _currentFd = 0;
+    logLine("open", "all drivers opened successfully: " + QString::number(_instancePaths.size()));
+    return true;
+}
+
+bool GadgetDriver::close()
+{
+    for (const int fd : qAsConst(_openedFds))
+        ::close(fd);
+    return true;
+}
+
+int GadgetDriver::write(QByteArray data)
+{
+    const size_t length = std::min(size_t(data.size()), size_t(getMaxWriteSize()));
+    const ssize_t result = ::write(_currentFd, data.constData(), length);
+    const int count = static_cast<int>(result);
+    if (result >= 0 && size_t(result) >= length)
+        return count;
+    const QString detail = getDrvDetailedError(count);
+    if (count > 0) {
+        logLine("write", "_write() size = " + QString::number(count) + " (partial -> failed)");
+        return 0;
+    }
+    logLine("write", "Gadget, error code = " + QString::number(count));
+    logLine("write", "Write error: " + detail);
+    logLine("write", "_write() failed (no byte sent)");
+    QThread::msleep(failedWritePause);
+    return 0;
+}
+
+int GadgetDriver::read(QByteArray *data)
+{
+    if (_currentFd != 0)
+        return _read(data);
+    _currentFd = _selectDriver(data);
+    return data->size();
+}
+
+void GadgetDriver::cancelPendingIo()
+{
+    logLine("cancelPendingIo", "Cancel pending io not yet implemented on linux drivers");
+}
+
+QString GadgetDriver::getDrvDetailedError(int code) const
+{
+    const int error = errno;
+    if (code >= 0)
+        return QStringLiteral("ok");
+    return QString::number(error) + ": " + QString::fromUtf8(std::strerror(error));
+}
+
+bool GadgetDriver::_openDrvInstance(QString path, int /*index*/)
+{
+    if (!_readBuffer) {
+        logLine("_openDrvInstance", "Error: raw data is null");
+        return false;
+    }
+    _currentFd = ::open(path.toUtf8().constData(), O_RDWR | O_CLOEXEC);
+    if (_currentFd < 0) {
+        const QString detail = getDrvDetailedError(_currentFd);
+        logLine("_openDrvInstance",
+                "Error: unable to open driver instance: " + path + "( " + detail + " )");
+        return false;
+    }
+    DescriptorGuard guard(_currentFd);
+    _flushReadBuffer();
+    ::ioctl(_currentFd, setWriteTimeout, getWrTimeout());
+    ::ioctl(_currentFd, setReadTimeout, getRdTimeout());
+    _openedFds.append(_currentFd);
+    guard.release();
+    logLine("_openDrvInstance", path + " successfully opened");
+    return true;
+}
+
+void GadgetDriver::_flushReadBuffer()
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < drainTime) {
+        const qint64 left = std::max<qint64>(drainTime - timer.elapsed(), 0);
+        ::ioctl(_currentFd, setReadTimeout, static_cast<unsigned int>(left));
+        const ssize_t count = ::read(_currentFd, _readBuffer.get(), _readLimit());
+        if (count == 0)
+            return;
+        const uint length = qstrnlen(_readBuffer.get(), static_cast<uint>(_readBufferSize));
+        logLine("_flushReadBuffer",
+                "Discarded message : " +
+                    QString::fromLatin1(_readBuffer.get(), static_cast<int>(length)));
+        // An error that comes at once would fill the log within the second.
+        if (count < 0)
+            QThread::msleep(drainErrorPause);
+    }
+}
+
+int GadgetDriver::_read(QByteArray *data)
+{
+    const ssize_t result = ::read(_currentFd, _readBuffer.get(), _readLimit());
+    const int count = static_cast<int>(result);
+    if (count > 0) {
+        if (data) {
+            _readBuffer[static_cast<size_t>(count)] = '\0';
+            data->setRawData(_readBuffer.get(), static_cast<uint>(count));
+        }
+        return count;
+    }
+    const QString detail = getDrvDetailedError(count);
+    if (detail != QLatin1String("ok"))
+        logLine("_read", detail);
+    QThread::sleep(emptyReadPause);
+    return 0;
+}
+
+int GadgetDriver::_selectDriver(QByteArray *data)
+{
+    const int count = std::min(_instancePaths.size(), _openedFds.size());
+    for (int i = 0; i < count; ++i) {
+        _currentFd = _openedFds.at(i);
+        if (_read(data) == 0)
+            continue;
+        logLine("_selectDriver", "selected driver " + _instancePaths.at(i));
+        _selectedInstance = i + 1;
+        _setDriverName(_instancePaths.at(i));
+        return _currentFd;
+    }
+    return 0;
+}

@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: MIT
+#include "UsbHal.h"
+
+#include "UsbHalLog.h"
+#include "workerthread.h"
+
+#include <iostream>
+#include <new>
+
+namespace {
+
+constexpr quint32 largestMaxClients = 5;
+constexpr quint32 defaultMainLoopPeriod = 100; // ms
+constexpr int timerStopPolls = 25;
+constexpr unsigned long timerStopPause = 20; // ms
+constexpr int destructionTimeout = 10000;    // ms
+
+const char *const errorTexts[] = {
+    "No error",
+    "Peer received message with wrong size !",
+    "Peer received message with wrong ID !",
+    "Could not allocate memory !",
+    "Tried to open a port already opened !",
+    "Too many clients connected !",
+    "Tried to close a not opened port !",
+    "Driver not initialized !",
+    "Failed to close driver !",
+    "Peer received message for a not opened port !",
+    "Buffer overflow !",
+};
+constexpr int errorCount = sizeof errorTexts / sizeof errorTexts[0];
+
+// Qt aborts the process when the object of a running thread is destroyed, and the process may well
+// end in that thread: a handler may call exit().
+union ThreadStorage {
+    ThreadStorage() { new (&thread) WorkerThread; }
+    ~ThreadStorage()
+    {
+        if (!thread.isRunning())
+            thread.~WorkerThread();
+    }
+    Q_DISABLE_COPY(ThreadStorage)
+
+    WorkerThread thread;
+};
+
+ThreadStorage threadStorage;
+
+} // namespace
+
+WorkerThread &UsbHAL::_connectedThread = threadStorage.thread;
+
+UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(drivers)
+{
+    UsbHalLog::getInstance();
+    qRegisterMetaType<DriverState>("DriverState");
+    qRegisterMetaType<SocketState>("SocketState");
+    qRegisterMetaType<TargetType>("TargetType");
+    qRegisterMetaType<UsbConnID>("UsbConnID");
+    connect(this, &UsbHAL::error, this, &UsbHAL::_onError);
+}
+
+UsbHAL::~UsbHAL()
+{
+    logLine("~UsbHAL", QStringLiteral("UsbHAL::~UsbHAL"));
+    stop();
+    waitForDisconnected(destructionTimeout);
+}
+
+void UsbHAL::getDefaultSetup(ParamHal &param) const
+{
+    param.maxReadSize = 10000;
+    param.maxWriteSize = 10000;
+    param.rdTimeout = 2000;
+    param.wrTimeout = 2000;
+    param.maxWatchdogErrors = 40;
+    param.threadStopTimeout = 2500;
+    param.maxWriteFifoSize = 10;
+    param.nbRetry = 4;
+}
+
+bool UsbHAL::setupConfig(const ParamHal &param)
+{
+    const QMutexLocker locker(&_mutex);
+    if (_configured)
+        return true;
+    _param = param;
+    if (!UsbHalLog::getInstance()->open(_param.logDir, QStringLiteral("UsbHal"))) {
+        const QByteArray folder = _param.logDir.toUtf8();
+        std::cout << "couldn't open log file in " << folder.constData() << std::endl;
+    }
+    if (_param.maxClients == 0 || _param.maxClients > largestMaxClients)
+        _param.maxClients = largestMaxClients;
+    if (_param.mainLoopPeriod == 0)
+        _param.mainLoopPeriod = defaultMainLoopPeriod;
+    UsbHalLog::getInstance()->setupConfig(_param);
+    _configured = true;
+    if (_hwDriver)
+        _hwDriver->setupConfig(_param);
+    _setupDone = true;
+    logLine("setupConfig", QStringLiteral("configuration is now set"));
+    return true;
+}
+
+void UsbHAL::stop()
+{
+    QMutexLocker locker(&_mutex);
+    ++_epoch;
+    ++_stopsInProgress;
+    _setMainLoopTimer(0);
+    for (int i = 0; _mainLoopActive && i < timerStopPolls; ++i)
+        _pause(timerStopPause, locker);
+    logLine("stop", QStringLiteral("watchdog stopped"));
+    if (_hwDriver)
+        _hwDriver->cancelPendingIo();
+    _running = false;
+    _startPending = false;
+    if (!isConnectedThread())
+        _endThread(locker);
+    --_stopsInProgress;
+    _stopEndedCond.wakeAll();
+    _updateStatus(DriverState::DISCONNECTED, locker);
+}
+
+DriverState UsbHAL::status() const
+{
+    const QMutexLocker locker(&_mutex);
+    return _driverState;
+}
+
+bool UsbHAL::isRunning() const
+{
+    return _connectedThread.isRunning();
+}
+
+bool UsbHAL::isHost() const
+{
+    return false;
+}
+
+QString UsbHAL::driverName() const
+{
+    const QMutexLocker locker(&_mutex);
+    return _hwDriver ? _hwDriver->getDriverName() : QString();
+}
+
+quint32 UsbHAL::nbClients() const
+{
+    const QMutexLocker locker(&_mutex);
+    return _nbClients();
+}
+
+const char *UsbHAL::getErrorStr(int code) const
+{
+    return code >= 0 && code < errorCount ? errorTexts[code] : "";
+}
+
+QString UsbHAL::getSocketStateStr(SocketState state) const
+{
+    const int index = static_cast<int>(state);
+    constexpr int count = sizeof SocketStateStr / sizeof SocketStateStr[0];
+    return index >= 0 && index < count ? SocketStateStr[index] : QString();
+}
+
+bool UsbHAL::waitForConnected(int msecs) const
+{
+    const QMutexLocker locker(&_mutex);
+    return _waitUntil(_connectedCond, msecs,
+                      [this] { return _driverState == DriverState::CONNECTED; });
+}
+
+bool UsbHAL::waitForDisconnected(int msecs) const
+{
+    const QMutexLocker locker(&_mutex);
+    return _waitUntil(_disconnectedCond, msecs,
+                      [this] { return _driverState == DriverState::DISCONNECTED; });
+}
+
+bool UsbHAL::_updateStatus(DriverState state, QMutexLocker &locker)
+{
+    if (state == _driverState)
+        return false;
+    _driverState = state;
+    _emitUnlocked(locker, [&] { emit stateChanged(state); });
+    logLine("_updateStatus",
+            "UsbHal switched to " + DriverStateStr[static_cast<int>(state)] + " state");
+    return true;
+}
+
+void UsbHAL::_onConnected(QMutexLocker &locker)
+{
+    _emitUnlocked(locker, [this] { emit connected(); });
+    _changeAllSocketsState(SocketState::OPENED, locker);
+    _connectedCond.wakeOne();
+}
+
+void UsbHAL::_onDisconnected(QMutexLocker &locker)
+{
+    _emitUnlocked(locker, [this] { emit disconnected(); });
+    _changeAllSocketsState(SocketState::DISCONNECTED, locker);
+    _disconnectedCond.wakeOne();
+}
+
+void UsbHAL::_emitError(int code, void *data, QMutexLocker &locker)
+{
+    _emitUnlocked(locker, [&] { emit error(code, data); });
+}
+
+void UsbHAL::_onError(int num, void *data)
+{
+    const QString text = QString::fromLatin1(getErrorStr(num));
+    const QString value = QString::number(static_cast<int>(reinterpret_cast<qintptr>(data)));
+    switch (num) {
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+    case 5:
+    case 8:
+        logLine("_onError", text + " Param = " + value);
+        break;
+    case 7:
+        logLine("_onError", text);
+        break;
+    case 9:
+    case 10:
+        logLine("_onError", text + " on port #" + value);
+        break;
+    default: // a close of a port that is not open is too common to log
+        break;
+    }
+}

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: MIT
+#include "UsbHalIntf.h"
+
+#include "GadgetDriver.h"
+#include "UsbHal.h"
+
+namespace {
+
+QSharedPointer<AbstractDriver> createDriver()
+{
+    return QSharedPointer<GadgetDriver>(new GadgetDriver).staticCast<AbstractDriver>();
+}
+
+} // namespace
+
+UsbHALIntf *UsbHALIntf::getInstance()
+{
+    static UsbHALIntf instance;
+    return &instance;
+}
+
+UsbHALIntf::UsbHALIntf()
+{
+    QList<QSharedPointer<AbstractDriver>> drivers;
+    drivers.append(createDriver());
+    drivers.append(createDriver());
+    _hal = new UsbHAL(drivers);
+    _relaySignals();
+}
+
+UsbHALIntf::~UsbHALIntf()
+{
+    if (_freed)
+        return;
+    // With exit() in a handler the process ends in the communication thread, amid the core's
+    // frames.
+    if (_hal->isConnectedThread())
+        _hal->stop();
+    else
+        freeMem();
+}
+
+void UsbHALIntf::freeMem()
+{
+    if (!_hal || _freed)
+        return;
+    _freed = true;
+    if (_hal->isConnectedThread()) {
+        _hal->stop();
+        _hal->deleteLater();
+    } else {
+        delete _hal;
+    }
+}
+
+void UsbHALIntf::_relaySignals()
+{
+    const auto relay = [this](auto from, auto to) {
+        connect(_hal, from, this, to, Qt::DirectConnection);
+    };
+    relay(QOverload<>::of(&UsbHAL::connected), QOverload<>::of(&UsbHALIntf::connected));
+    relay(QOverload<>::of(&UsbHAL::disconnected), QOverload<>::of(&UsbHALIntf::disconnected));
+    relay(QOverload<int>::of(&UsbHAL::connected), QOverload<int>::of(&UsbHALIntf::connected));
+    relay(QOverload<int>::of(&UsbHAL::disconnected), QOverload<int>::of(&UsbHALIntf::disconnected));
+    relay(QOverload<int>::of(&UsbHAL::readyRead), QOverload<int>::of(&UsbHALIntf::readyRead));
+    relay(QOverload<>::of(&UsbHAL::readyRead), QOverload<>::of(&UsbHALIntf::readyRead));
+    relay(&UsbHAL::error, &UsbHALIntf::error);
+    relay(&UsbHAL::stateChanged, &UsbHALIntf::stateChanged);
+    relay(&UsbHAL::socketStateChanged, &UsbHALIntf::socketStateChanged);
+}
+
+bool UsbHALIntf::isHost() const
+{
+    return _hal->isHost();
+}
+
+bool UsbHALIntf::setupConfig(const ParamHal &param)
+{
+    return _hal->setupConfig(param);
+}
+
+void UsbHALIntf::getDefaultSetup(ParamHal &param) const
+{
+    _hal->getDefaultSetup(param);
+}
+
+bool UsbHALIntf::openConnection(int port)
+{
+    return _hal->openConnection(port);
+}
+
+DriverState UsbHALIntf::status() const
+{
+    return _hal->status();
+}
+
+SocketState UsbHALIntf::socketStatus(int port) const
+{
+    return _hal->socketStatus(port);
+}
+
+bool UsbHALIntf::closeConnection(int port)
+{
+    return _hal->closeConnection(port);
+}
+
+QString UsbHALIntf::driverName() const
+{
+    return _hal->driverName();
+}
+
+quint32 UsbHALIntf::nbClients() const
+{
+    return _hal->nbClients();
+}
+
+const char *UsbHALIntf::getErrorStr(int code) const
+{
+    return _hal->getErrorStr(code);
+}
+
+QString UsbHALIntf::getSocketStateStr(SocketState state) const
+{
+    return _hal->getSocketStateStr(state);
+}
+
+int UsbHALIntf::write(int port, QByteArray data)
+{
+    return _hal->write(port, data);
+}
+
+int UsbHALIntf::nbBytesReceived(int port) const
+{
+    return _hal->nbBytesReceived(port);
+}
+
+int UsbHALIntf::bytesToWrite() const
+{
+    return _hal->bytesToWrite();
+}
+
+QByteArray UsbHALIntf::peek(int port, unsigned int maxSize) const
+{
+    return _hal->peek(port, maxSize);
+}
+
+QByteArray UsbHALIntf::read(int port, unsigned int maxSize)
+{
+    return _hal->read(port, maxSize);
+}
+
+QByteArray UsbHALIntf::readAll(int port)
+{
+    return _hal->readAll(port);
+}
+
+void UsbHALIntf::flush(int msecs)
+{
+    _hal->flush(msecs);
+}
+
+bool UsbHALIntf::waitForConnected(int msecs) const
+{
+    return _hal->waitForConnected(msecs);
+}
+
+bool UsbHALIntf::waitForDisconnected(int msecs) const
+{
+    return _hal->waitForDisconnected(msecs);
+}
+
+bool UsbHALIntf::waitForReadyRead(int port, int msecs) const
+{
+    return _hal->waitForReadyRead(port, msecs);
+}
+
+void UsbHALIntf::disconnectFromHost(int port)
+{
+    _hal->disconnectFromHost(port);
+}
+
+void UsbHALIntf::watchdog(bool enable)
+{
+    _hal->watchdog(enable);
+}
+
+void UsbHALIntf::peerDisconnected(int port)
+{
+    _hal->peerDisconnected(port);
+}
+
+void UsbHALIntf::stop()
+{
+    _hal->stop();
+}
+
+bool UsbHALIntf::isRunning() const
+{
+    return _hal->isRunning();
+}
+
+int UsbHALIntf::getMaxWriteSize() const
+{
+    return _hal->getMaxWriteSize();
+}

@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: MIT
+#ifndef USBHALINTF_H
+#define USBHALINTF_H
+
+#include <QByteArray>
+#include <QMetaType>
+#include <QObject>
+#include <QString>
+
+class UsbHAL;
+
+/** Marks what the shared library exports; everything else in it is hidden. */
+#define USBHAL_EXPORT Q_DECL_EXPORT
+
+/** Identifies one client connection ("port" or "socket"); 0 to 9999 on the wire. */
+using UsbConnID = qint32;
+
+/** State of the link to the USB host. */
+enum class DriverState { DISCONNECTED = 0, CONNECTED = 1 };
+
+/** State of one port. */
+enum class SocketState { CLOSED = 0, OPENED = 1, DISCONNECTED = 2 };
+
+/** The two ends of the link; the library always plays the device. */
+enum class TargetType { DEVICE = 0, HOST = 1 };
+
+Q_DECLARE_METATYPE(DriverState)
+Q_DECLARE_METATYPE(SocketState)
+Q_DECLARE_METATYPE(TargetType)
+
+/** Texts of DriverState, indexed by its value. */
+const QString DriverStateStr[2] = {QStringLiteral("DISCONNECTED"), QStringLiteral("CONNECTED")};
+
+/** Texts of SocketState, indexed by its value. */
+const QString SocketStateStr[3] = {QStringLiteral("CLOSED"), QStringLiteral("OPENED"),
+                                   QStringLiteral("DISCONNECTED")};
+
+/**
+ * Configuration, filled by the client (usually from UsbHALIntf::getDefaultSetup) and applied once
+ * by UsbHALIntf::setupConfig. Fields that the library does not use keep their place for the sake of
+ * the record's layout.
+ */
+struct ParamHal
+{
+    quint32 maxReadSize = 0;       ///< largest single read from the device, bytes
+    quint32 maxWriteSize = 0;      ///< largest single write to the device, bytes
+    quint32 drvOption = 0;         ///< handed to the driver, not used
+    quint32 rdTimeout = 0;         ///< read time-out of the device node, ms
+    quint32 wrTimeout = 0;         ///< write time-out of the device node, ms
+    quint32 maxWatchdogErrors = 0; ///< periods without progress before the thread is restarted
+    quint32 threadStopTimeout = 0; ///< longest wait for the communication thread to end, ms
+    quint32 maxWriteFifoSize = 0;  ///< messages; used by the host role only
+    quint32 nbRetry = 0;           ///< failed reads or writes in a row that the link survives
+    quint32 maxClients = 0;        ///< ports open at once; 0 and values above 5 mean 5
+    quint32 mainLoopPeriod = 0;    ///< period of the watchdog, ms; 0 means 100
+    quint32 spareParam1 = 0;       ///< not used
+    quint32 spareParam2 = 0;       ///< not used
+    quint32 spareParam3 = 0;       ///< not used
+    QString logDir;                ///< folder of the log files; empty: the working directory
+    bool spareFlag = false;        ///< not used
+    QString spareName;             ///< not used
+    qint32 maxLogLines = 0;        ///< lines in one log file; 0 means 500, the most is 20000
+};
+
+/**
+ * The library's one public object: numbered byte-stream ports to a USB host over one gadget device
+ * node.
+ *
+ * Every operation may be called from any thread unless it says otherwise, also from a handler of
+ * one of the signals. Signals are emitted with no lock held, in the thread in which the event arose
+ * (often the library's own communication thread), so a directly connected handler must be
+ * thread-safe and short.
+ */
+class USBHAL_EXPORT UsbHALIntf : public QObject
+{
+    Q_OBJECT
+
+public:
+    /**
+     * The one instance, created by the first call and destroyed at the end of the process. Its
+     * watchdog runs in the event loop of the thread that makes the first call.
+     */
+    static UsbHALIntf *getInstance();
+
+    /** Whether this side plays the USB host: always false. Takes no lock. */
+    bool isHost() const;
+
+    /**
+     * Applies the configuration and opens the log; only the first call has an effect. Always
+     * returns true; a log that cannot be opened is reported on standard output and the log goes
+     * there.
+     */
+    bool setupConfig(const ParamHal &param);
+
+    /**
+     * Writes the defaults into maxReadSize, maxWriteSize, rdTimeout, wrTimeout, maxWatchdogErrors,
+     * threadStopTimeout, maxWriteFifoSize and nbRetry; the other fields stay. Takes no lock.
+     */
+    void getDefaultSetup(ParamHal &param) const;
+
+    /**
+     * Opens a port; the first open starts the communication with the host. While an earlier stop()
+     * is under way it waits for that, at most threadStopTimeout ms.
+     * Returns false after emitting error() with code 3, 4, 5 or 7.
+     */
+    bool openConnection(int port);
+
+    /** State of the link to the host. */
+    DriverState status() const;
+
+    /** State of a port; CLOSED for one that was never opened. */
+    SocketState socketStatus(int port) const;
+
+    /**
+     * Closes a port. Waits up to 300 ms for the messages of all ports to be written; what is still
+     * queued for the port then is dropped. Returns false after emitting error() with code 6 when
+     * the port is not open.
+     */
+    bool closeConnection(int port);
+
+    /** Path of the device node in use; empty while none is chosen. */
+    QString driverName() const;
+
+    /** Number of ports that were opened and not yet closed. */
+    quint32 nbClients() const;
+
+    /** Text of an error code; empty for a code outside of 0 to 10. Takes no lock. */
+    const char *getErrorStr(int code) const;
+
+    /** Text of a port state; empty for a value outside of the enumeration. Takes no lock. */
+    QString getSocketStateStr(SocketState state) const;
+
+    /**
+     * Queues bytes for a port, cut into messages. Returns the number of bytes queued: fewer than
+     * given when the queue of 100 messages (shared by all ports) is full, 0 when the port is not
+     * open or the link is down. Does not wait for the device.
+     */
+    int write(int port, QByteArray data);
+
+    /** Size in bytes of the oldest received message of a port, 0 when there is none. */
+    int nbBytesReceived(int port) const;
+
+    /** Number of messages (not bytes) that wait to be written, of all ports. */
+    int bytesToWrite() const;
+
+    /**
+     * The first maxSize bytes of the port's oldest received message, which stays. Empty when there
+     * is none, the port is not open or the link is down.
+     */
+    QByteArray peek(int port, unsigned int maxSize) const;
+
+    /**
+     * Takes up to maxSize bytes of the port's oldest received message; never joins two messages.
+     * Empty when there is none, the port is not open or the link is down.
+     */
+    QByteArray read(int port, unsigned int maxSize);
+
+    /** Always empty; call read() until nbBytesReceived() is 0 instead. Takes no lock. */
+    QByteArray readAll(int port);
+
+    /** Waits until no message waits to be written, at most msecs ms. */
+    void flush(int msecs);
+
+    /** Waits for the link, at most msecs ms; 0 or less only looks. Returns whether it is up. */
+    bool waitForConnected(int msecs) const;
+
+    /** Waits for the link's loss, at most msecs ms; 0 or less only looks. Returns whether it is
+     * down. */
+    bool waitForDisconnected(int msecs) const;
+
+    /**
+     * Waits until the port's oldest received message has bytes, at most msecs ms; 0 or less only
+     * looks. Returns false on time-out, when the port is not open or the link is down.
+     */
+    bool waitForReadyRead(int port, int msecs) const;
+
+    /** Like closeConnection(), for a port that may never have been opened: then it does nothing. */
+    void disconnectFromHost(int port);
+
+    /** Does nothing. */
+    void watchdog(bool enable);
+
+    /** Marks an open port as cut off by the far side; it still counts until it is closed. */
+    void peerDisconnected(int port);
+
+    /**
+     * Ends the communication and closes the device; ports stay as they are and a later
+     * openConnection() starts it again. Waits for the communication thread, at most
+     * threadStopTimeout ms, and kills it after that. In a handler that runs in the communication
+     * thread it only asks: the thread ends when the handler returns.
+     */
+    void stop();
+
+    /** Whether the communication thread runs. Takes no lock. */
+    bool isRunning() const;
+
+    /** Largest payload of one message in bytes; 0 while no device is open. */
+    int getMaxWriteSize() const;
+
+    /**
+     * Destroys the core; meant as the last use of the library, nothing else may be called after it.
+     * Without it the core is destroyed at the end of the process.
+     */
+    void freeMem();
+
+signals:
+    /** The link to the host is up. */
+    void connected();
+    /** The link to the host was lost. */
+    void disconnected();
+    /** A port was opened, or is back with the link. */
+    void connected(int port);
+    /** A port was closed, cut off by the far side, or lost with the link. */
+    void disconnected(int port);
+    /** A message was received for a port; emitted once for each message. */
+    void readyRead(int port);
+    /** Relayed for clients that connect to it; never emitted at present. */
+    void readyRead();
+    /** An operation failed: code (see getErrorStr) and its parameter, the port as a pointer's
+     * value. */
+    void error(int num, void *data);
+    /** The link changed its state. */
+    void stateChanged(DriverState st);
+    /** A port changed its state; a close is reported as DISCONNECTED. */
+    void socketStateChanged(UsbConnID port, SocketState st);
+
+private:
+    UsbHALIntf();
+    ~UsbHALIntf() override;
+    Q_DISABLE_COPY(UsbHALIntf)
+
+    void _relaySignals();
+
+    UsbHAL *_hal;
+    bool _freed = false;
+};
+
+#endif

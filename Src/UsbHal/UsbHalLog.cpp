@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: MIT
+#include "UsbHalLog.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <QThread>
+
+#include <iostream>
+#include <mutex>
+#include <pthread.h>
+
+namespace {
+
+constexpr int defaultMaxLines = 500;
+constexpr int largestMaxLines = 20000;
+constexpr int lastFileIndex = 30000;
+constexpr int lockPollPeriod = 10; // ms
+
+// A thread that is killed in the middle of a line would leave the file or the stream in disorder.
+class CancellationBlocker
+{
+public:
+    CancellationBlocker() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_formerState); }
+    ~CancellationBlocker() { pthread_setcancelstate(_formerState, nullptr); }
+    Q_DISABLE_COPY(CancellationBlocker)
+
+    void testCancel() const
+    {
+        pthread_setcancelstate(_formerState, nullptr);
+        pthread_testcancel();
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }
+
+private:
+    int _formerState = PTHREAD_CANCEL_ENABLE;
+};
+
+QString timestamp()
+{
+    return QDateTime::currentDateTime().toString(QStringLiteral("dd-MM-yyyy hh:mm:ss:zzz"));
+}
+
+qint32 currentThreadId()
+{
+    return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
+}
+
+QByteArray composeLine(const QString &function, unsigned int line, const QString &message)
+{
+    const QString text = timestamp() + " [THREAD " + QString::number(currentThreadId()) + "] [" +
+                         function + ':' + QString::number(line) + "] " + message + '\n';
+    return text.toUtf8();
+}
+
+void writeToConsole(const QString &function, const QString &message)
+{
+    const QByteArray line = "USBHAL] " + function.toLatin1() + " - " + message.toLatin1() + '\n';
+    std::cout.write(line.constData(), line.size()).flush();
+}
+
+} // namespace
+
+QScopedPointer<UsbHalLog> UsbHalLog::logger;
+
+UsbHalLog::UsbHalLog() = default;
+
+UsbHalLog::~UsbHalLog() = default;
+
+UsbHalLog *UsbHalLog::getInstance()
+{
+    if (!logger)
+        logger.reset(new UsbHalLog);
+    return logger.data();
+}
+
+bool UsbHalLog::open(QString dir, QString name)
+{
+    const QMutexLocker locker(&_logMutex);
+    _logDir = dir.replace('\\', '/');
+    _logName = name;
+    if (!_logDir.isEmpty() && !_logDir.endsWith('/'))
+        _logDir += '/';
+    _file->close();
+    _createLogDir();
+    _keepPreviousFiles();
+    if (_openFile(_fileIndex, QIODevice::WriteOnly))
+        _logCreated = true;
+    return _logCreated;
+}
+
+void UsbHalLog::log(QString function, unsigned int line, QString message)
+{
+    const CancellationBlocker blocker;
+    if (!_logCreated) {
+        writeToConsole(function, message);
+        return;
+    }
+    const QByteArray text = composeLine(function, line, message);
+    // Whoever kills this thread holds the mutex until the thread has ended, so the wait for it must
+    // be one that a kill can end.
+    while (!_logMutex.tryLock(lockPollPeriod))
+        blocker.testCancel();
+    std::unique_lock<QMutex> locker(_logMutex, std::adopt_lock);
+    if (!_logCreated) {
+        locker.unlock();
+        writeToConsole(function, message);
+    } else if (_lineCount < _maxLines) {
+        _append(text);
+    } else {
+        _rotate(text);
+    }
+}
+
+bool UsbHalLog::setupConfig(const ParamHal &param)
+{
+    const QMutexLocker locker(&_logMutex);
+    _maxLines = param.maxLogLines == 0 ? defaultMaxLines : qMin(param.maxLogLines, largestMaxLines);
+    return false;
+}
+
+bool UsbHalLog::isLogCreated()
+{
+    const QMutexLocker locker(&_logMutex);
+    return _logCreated;
+}
+
+QString UsbHalLog::_path(int index) const
+{
+    return _logDir + _logName + QString::number(index) + ".log";
+}
+
+void UsbHalLog::_createLogDir()
+{
+    const QString folder = QFileInfo(_path(_fileIndex)).absolutePath();
+    if (!QDir(folder).exists() && !QDir().mkpath(folder))
+        _logDir = QStringLiteral("./");
+}
+
+void UsbHalLog::_keepPreviousFiles()
+{
+    const QDir dir(_logDir);
+    const QStringList keptFiles = dir.entryList({_logName + "*.log.keep"});
+    for (const QString &entry : keptFiles)
+        QFile::remove(_logDir + entry);
+    const QStringList files = dir.entryList({_logName + "*.log"});
+    for (const QString &entry : files)
+        QFile::rename(_logDir + entry, _logDir + entry + ".keep");
+}
+
+bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
+{
+    _file->setFileName(_path(index));
+    // Unbuffered: a line that a full disk refuses is lost, and does not pile up in memory.
+    return _file->open(mode | QIODevice::Text | QIODevice::Unbuffered);
+}
+
+void UsbHalLog::_append(const QByteArray &line)
+{
+    if (_file->isOpen())
+        _file->write(line);
+    ++_lineCount;
+}
+
+/*
+ * <name>1.log  full: removed when the third file is begun
+ * <name>2.log  full: survives
+ * <name>3.log  begun with the line that found the second file full
+ */
+void UsbHalLog::_rotate(const QByteArray &line)
+{
+    const int previousIndex = _fileIndex;
+    _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
+    _file.reset(new QFile);
+    if (_openFile(_fileIndex, QIODevice::WriteOnly)) {
+        _lineCount = 0;
+        _append(line);
+    } else {
+        _stopLogging();
+    }
+    _removeOldFile(previousIndex - _nbKeptFiles);
+}
+
+void UsbHalLog::_stopLogging()
+{
+    if (_fileIndex > 1 && _openFile(_fileIndex - 1, QIODevice::Append)) {
+        const QString text = timestamp() + "ERROR: couldn't open new log file, stop logging !\n";
+        _file->write(text.toUtf8());
+        _file->close();
+    }
+    _logCreated = false;
+}
+
+void UsbHalLog::_removeOldFile(int index)
+{
+    if (index <= 0 || QFile::remove(_path(index)))
+        return;
+    // With one line a file the report would begin a new file, and so ask for the next removal.
+    if (!_logCreated || _reportingRemoval)
+        return;
+    _reportingRemoval = true;
+    logLine("log",
+            "failed to remove log file: " + _logDir + "UsbHal" + QString::number(index) + ".log");
+    _reportingRemoval = false;
+}

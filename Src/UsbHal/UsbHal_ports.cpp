@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: MIT
+#include "UsbHal.h"
+
+#include "UsbHalLog.h"
+#include "workerthread.h"
+
+namespace {
+
+constexpr qint64 closeFlushTime = 300; // ms
+
+void *portParameter(int port)
+{
+    return reinterpret_cast<void *>(static_cast<qintptr>(port));
+}
+
+// Clients were built on this count: a message holding a zero byte counts only up to it.
+quint32 textLength(const QByteArray &message)
+{
+    return qstrnlen(message.constData(), static_cast<uint>(message.size()));
+}
+
+} // namespace
+
+bool UsbHAL::openConnection(UsbConnID port)
+{
+    QMutexLocker locker(&_mutex);
+    logLine("openConnection", QStringLiteral("opening driver"));
+    const bool ready = _waitForEnding(locker);
+    if (_isOpen(port)) {
+        _emitError(4, portParameter(port), locker);
+        return false;
+    }
+    if (_configured && _clientCount >= _param.maxClients) {
+        _emitError(5, portParameter(port), locker);
+        return false;
+    }
+    if (!ready || !(_isCommunicating() || _startCommunication())) {
+        _emitError(7, portParameter(port), locker);
+        return false;
+    }
+    if (!_prepareReadQueue(port)) {
+        _emitError(3, nullptr, locker);
+        return false;
+    }
+    _socketStates[port] = SocketState::OPENED;
+    ++_clientCount;
+    _onConnected(port, locker);
+    return true;
+}
+
+bool UsbHAL::closeConnection(UsbConnID port)
+{
+    logLine("closeConnection", "closeConnection on port " + QString::number(port));
+    QMutexLocker locker(&_mutex);
+    return _closeConnection(port, locker);
+}
+
+void UsbHAL::disconnectFromHost(UsbConnID port)
+{
+    QMutexLocker locker(&_mutex);
+    if (!_socketStates.contains(port))
+        return;
+    logLine("disconnectFromHost", "Disconnect " + QString::number(port) + " from host");
+    _closeConnection(port, locker);
+    logLine("disconnectFromHost", QString::number(port) + " is now closed");
+}
+
+void UsbHAL::peerDisconnected(UsbConnID port)
+{
+    QMutexLocker locker(&_mutex);
+    if (_socketStates.value(port) != SocketState::OPENED)
+        return;
+    _socketStates[port] = SocketState::DISCONNECTED;
+    _onDisconnected(port, locker);
+}
+
+SocketState UsbHAL::socketStatus(UsbConnID port) const
+{
+    const QMutexLocker locker(&_mutex);
+    return _socketStates.value(port, SocketState::CLOSED);
+}
+
+bool UsbHAL::_isOpen(int port) const
+{
+    return _readQueues.value(port) && _socketStates.value(port) == SocketState::OPENED;
+}
+
+bool UsbHAL::_isUsable(int port) const
+{
+    return _socketStates.value(port) == SocketState::OPENED &&
+           _driverState == DriverState::CONNECTED;
+}
+
+bool UsbHAL::_canClose(int port) const
+{
+    return _readQueues.value(port) && _clientCount != 0 &&
+           _socketStates.value(port, SocketState::CLOSED) != SocketState::CLOSED;
+}
+
+bool UsbHAL::_isCommunicating() const
+{
+    return _startPending ||
+           (_running && _connectedThread.belongsTo(this) && _connectedThread.isRunning());
+}
+
+// Whether a stop is under way or the thread, asked to end, has not ended yet.
+bool UsbHAL::_isEnding() const
+{
+    return _stopsInProgress != 0 || (!_isCommunicating() && _connectedThread.isRunning());
+}
+
+// A port that is opened while the communication ends would die with it. Returns whether the
+// communication goes on or can be started afresh.
+bool UsbHAL::_waitForEnding(QMutexLocker &locker)
+{
+    if (isConnectedThread())
+        return _stopsInProgress == 0;
+    QElapsedTimer timer;
+    timer.start();
+    _waitUntil(_stopEndedCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
+    if (_isEnding())
+        _waitForThread(locker, qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0));
+    return !_isEnding();
+}
+
+bool UsbHAL::_startCommunication()
+{
+    _clearWriteFifo();
+    _clearReadFifo();
+    if (!_configured)
+        return false;
+    logLine("openConnection", QStringLiteral("start communication thread"));
+    if (!_startThread())
+        return false;
+    ++_epoch;
+    _resetWatchdog();
+    connect(&_mainLoopTimer, &QTimer::timeout, this, &UsbHAL::_mainLoop, Qt::UniqueConnection);
+    _setMainLoopTimer(_param.mainLoopPeriod);
+    _mainLoopClock.start();
+    return true;
+}
+
+// Returns false when the thread runs for another core.
+bool UsbHAL::_startThread()
+{
+    if (isConnectedThread()) {
+        _startPending = true;
+        return true;
+    }
+    if (!_connectedThread.startFor(this))
+        return false;
+    _nextAction = 1;
+    _running = true;
+    _forceLowLevelDisconnection = false;
+    return true;
+}
+
+// Gives the port an empty queue. Returns false when there is no memory for it.
+bool UsbHAL::_prepareReadQueue(int port)
+{
+    QSharedPointer<ReadQueue> &queue = _readQueues[port];
+    if (queue) {
+        _discardReadQueue(port);
+        logLine("openConnection", ">>>> openConnection _totalBytesWaitingRead = " +
+                                      QString::number(_totalBytesWaitingRead));
+    } else {
+        queue.reset(new (std::nothrow) ReadQueue);
+    }
+    return !queue.isNull();
+}
+
+void UsbHAL::_discardReadQueue(int port)
+{
+    const QSharedPointer<ReadQueue> queue = _readQueues.value(port);
+    while (!queue->isEmpty())
+        _totalBytesWaitingRead -= textLength(queue->dequeue());
+}
+
+bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)
+{
+    if (_canClose(port))
+        _waitUntil(_fifoEmptyCond, closeFlushTime, [this] { return _writeFifo.isEmpty(); });
+    // Another thread may have closed the port during the wait.
+    if (!_canClose(port)) {
+        _emitError(6, portParameter(port), locker);
+        return false;
+    }
+    _discardReadQueue(port);
+    logLine("_closeConnection", ">>>> _closeConnection _totalBytesWaitingRead = " +
+                                    QString::number(_totalBytesWaitingRead));
+    const SocketState oldState = _socketStates.value(port);
+    --_clientCount;
+    _socketStates[port] = SocketState::CLOSED;
+    if (oldState == SocketState::OPENED)
+        _onDisconnected(port, locker);
+    logLine("_closeConnection", "port #" + QString::number(port) + " has been CLOSED");
+    return true;
+}
+
+void UsbHAL::_onConnected(int port, QMutexLocker &locker)
+{
+    _emitUnlocked(locker, [&] {
+        emit connected(port);
+        logLine("_onConnected", "socket #" + QString::number(port) + "CONNECTED");
+        emit socketStateChanged(port, SocketState::OPENED);
+    });
+}
+
+void UsbHAL::_onDisconnected(int port, QMutexLocker &locker)
+{
+    _emitUnlocked(locker, [&] {
+        emit disconnected(port);
+        logLine("_onDisconnected", "socket #" + QString::number(port) + "DISCONNECTED");
+        emit socketStateChanged(port, SocketState::DISCONNECTED);
+    });
+    _maxSizeExchanged = false;
+    const int removed = _clearWriteFifoForPort(port);
+    logLine("_onDisconnected", QString::number(removed) +
+                                   " messages removed from Write FIFO for port " +
+                                   QString::number(port));
+    if (_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _nbPortsOpened() == 0 &&
+        !_forceLowLevelDisconnection) {
+        _forceLowLevelDisconnection = true;
+        logLine("_onDisconnected", QStringLiteral("[USBHAL] force low-level disconnection"));
+    }
+}
+
+void UsbHAL::_changeAllSocketsState(SocketState state, QMutexLocker &locker)
+{
+    // The handlers may open and close ports, so the walk must not hold on to the table.
+    const QList<int> ports = _socketStates.keys();
+    for (const int port : ports) {
+        const SocketState oldState = _socketStates.value(port);
+        if (oldState == state || oldState == SocketState::CLOSED)
+            continue;
+        _socketStates[port] = state;
+        if (state == SocketState::OPENED) {
+            _onConnected(port, locker);
+        } else {
+            logLine("_changeAllSocketsState", QStringLiteral("emit disconnected"));
+            _onDisconnected(port, locker);
+        }
+    }
+}
+
+quint32 UsbHAL::_nbPortsOpened() const
+{
+    return static_cast<quint32>(_socketStates.keys(SocketState::OPENED).size());
+}

@@ -1,0 +1,581 @@
+// SPDX-License-Identifier: MIT
+#include "UsbHal.h"
+
+#include "UsbHalLog.h"
+#include "workerthread.h"
+
+#include <QAbstractEventDispatcher>
+#include <QThread>
+
+using namespace usb_messages;
+
+namespace {
+
+// The two halves of a cycle: the device reads in the first, the host writes in it.
+constexpr qint32 firstHalf = 1;
+constexpr qint32 secondHalf = 2;
+
+constexpr unsigned long transferPause = 10; // ms, after each read and write
+constexpr unsigned long reopenPause = 1000; // ms
+constexpr unsigned long killTimeout = 3000; // ms
+constexpr quint32 openFailuresLogged = 50;  // failed opens in a row before they are logged
+constexpr quint32 hostReopenFailures = 49;  // failed reopens in a row that the host takes
+constexpr quint32 hostHandshakePasses = 20; // passes that the host's handshake may take
+constexpr quint64 delayFactor = 30;         // unread bytes, in units of the max read size
+constexpr int timerStopPolls = 500;
+constexpr unsigned long timerStopPause = 1; // ms
+
+QString boolText(bool value)
+{
+    return value ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+} // namespace
+
+// ---- the thread's body ----
+
+void *UsbHAL::_connectedFunc(void * /*arg*/)
+{
+    QMutexLocker locker(&_mutex);
+    _communicate(locker);
+    while (_startPending) {
+        _startPending = false;
+        _running = true;
+        _communicate(locker);
+    }
+    return nullptr;
+}
+
+void UsbHAL::_communicate(QMutexLocker &locker)
+{
+    Session session;
+    _handshaking = true;
+    _driverOpened = false;
+    if (_openAnyDriver(session, locker) && _runCycles(session, locker))
+        _leaveThread(locker);
+    else
+        _leaveThreadAsHost(locker);
+}
+
+// Returns false when the host role gives up.
+bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
+{
+    while (_running) {
+        ++_loopCounter;
+        if (!_releaseDriver())
+            logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+        _hwDriver = _open(locker);
+        if (_hwDriver) {
+            _readErrors = 0;
+            _writeErrors = 0;
+            session.failedOpens = 0;
+            return true;
+        }
+        if (++session.failedOpens > openFailuresLogged && !_reportFailedOpens(session))
+            return false;
+    }
+    return true;
+}
+
+bool UsbHAL::_reportFailedOpens(Session &session)
+{
+    if (isHost()) {
+        logLine("_connectedFunc",
+                QStringLiteral("Failed to open driver ! Exiting communication thread"));
+        return false;
+    }
+    if (!session.openFailureLogged)
+        logLine("_connectedFunc", QStringLiteral("Failed to open driver !"));
+    session.openFailureLogged = true;
+    return true;
+}
+
+// Returns false when the host role gives up.
+bool UsbHAL::_runCycles(Session &session, QMutexLocker &locker)
+{
+    _nextAction = firstHalf;
+    while (_running && _hwDriver) {
+        ++_loopCounter;
+        const bool isFirstHalf = _nextAction == firstHalf;
+        if (isHost())
+            isFirstHalf ? _writeAsHost(locker) : _readAsHost(locker);
+        else
+            isFirstHalf ? _readAsDevice(locker) : _writeAsDevice(locker);
+        if (!_checkLink(session, locker))
+            return false;
+        _grantWriters();
+    }
+    return true;
+}
+
+void UsbHAL::_leaveThread(QMutexLocker &locker)
+{
+    if (_releaseDriver()) {
+        logLine("_connectedFunc", QStringLiteral("USB driver closed"));
+    } else {
+        _emitError(8, nullptr, locker);
+        logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+    }
+    _running = false;
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _maxSizeExchanged = false;
+}
+
+void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
+{
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _onDisconnected(locker);
+    _running = false;
+}
+
+void UsbHAL::_endOfConnectedThread()
+{
+    QMutexLocker locker(&_mutex);
+    logLine("_endOfConnectedThread", QStringLiteral("clean exit of communication thread"));
+    if (_mainLoopActive)
+        _setMainLoopTimer(0);
+    // The thread that owns the timer may itself wait for this one, in a stop.
+    for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerStopPolls; ++i)
+        _pause(timerStopPause, locker);
+    logLine("_endOfConnectedThread", QStringLiteral("watchdog stopped"));
+}
+
+// ---- the driver ----
+
+AbstractDriver *UsbHAL::_open(QMutexLocker &locker)
+{
+    _forceLowLevelDisconnection = false;
+    const QList<QSharedPointer<AbstractDriver>> drivers = _drivers;
+    for (const QSharedPointer<AbstractDriver> &driver : drivers) {
+        locker.unlock();
+        const bool opened = driver->open();
+        locker.relock();
+        if (!opened)
+            continue;
+        _driverOpened = true;
+        _lastMaxReadSize = 0;
+        if (_setupDone)
+            driver->setupConfig(_param);
+        return driver.data();
+    }
+    return nullptr;
+}
+
+bool UsbHAL::_closeDriver()
+{
+    return _hwDriver && _hwDriver->close();
+}
+
+// Closes the driver in use, if any, and forgets it. Returns false, and keeps it, when it refuses.
+bool UsbHAL::_releaseDriver()
+{
+    if (_hwDriver && !_closeDriver())
+        return false;
+    _hwDriver = nullptr;
+    _driverOpened = false;
+    return true;
+}
+
+bool UsbHAL::_readBlock(QByteArray &block, QMutexLocker &locker)
+{
+    AbstractDriver *const driver = _hwDriver;
+    locker.unlock();
+    const bool done = driver->read(&block) > 0;
+    QThread::msleep(transferPause);
+    locker.relock();
+    _readErrors = done ? 0 : _readErrors + 1;
+    return done;
+}
+
+bool UsbHAL::_writeBlock(const QByteArray &block, QMutexLocker &locker)
+{
+    if (!_running) {
+        _skipWrite(locker);
+        return false;
+    }
+    AbstractDriver *const driver = _hwDriver;
+    locker.unlock();
+    const bool done = driver->write(block) > 0;
+    QThread::msleep(transferPause);
+    locker.relock();
+    _writeErrors = done ? 0 : _writeErrors + 1;
+    return done;
+}
+
+void UsbHAL::_skipWrite(QMutexLocker &locker)
+{
+    logLine("_connectedFunc", QStringLiteral("Disconnection received, skip write message"));
+    _pause(_param.wrTimeout, locker);
+    ++_writeErrors;
+}
+
+void UsbHAL::_pause(unsigned long time, QMutexLocker &locker)
+{
+    locker.unlock();
+    QThread::msleep(time);
+    locker.relock();
+}
+
+// ---- the cycle ----
+
+void UsbHAL::_readAsDevice(QMutexLocker &locker)
+{
+    QByteArray block;
+    if (!_readBlock(block, locker))
+        return;
+    if (_processAllMessages(block, locker))
+        _handshaking = false;
+    else
+        ++_readErrors;
+    _nextAction = secondHalf;
+}
+
+void UsbHAL::_writeAsDevice(QMutexLocker &locker)
+{
+    const bool fromFifo = !_writeFifo.isEmpty();
+    const QByteArray message = fromFifo ? _writeFifo.constFirst() : _idleMessage();
+    if (!_writeBlock(message, locker))
+        return;
+    _nextAction = firstHalf;
+    if (fromFifo)
+        _removeSentMessage(message);
+}
+
+void UsbHAL::_writeAsHost(QMutexLocker &locker)
+{
+    const bool fromFifo = !_writeFifo.isEmpty();
+    const QByteArray message = fromFifo ? _writeFifo.constFirst() : devNoData;
+    if (!_writeBlock(message, locker))
+        return;
+    _nextAction = secondHalf;
+    if (!fromFifo)
+        return;
+    _removeSentMessage(message);
+    if (_writeFifo.isEmpty())
+        _fifoEmptyCond.wakeOne();
+}
+
+void UsbHAL::_readAsHost(QMutexLocker &locker)
+{
+    QByteArray block;
+    if (!_readBlock(block, locker)) {
+        logLine("_connectedFunc", QStringLiteral("Read failed !"));
+        _retryWriteAsHost();
+        return;
+    }
+    if (!_processAllMessages(block, locker)) {
+        if (++_readErrors > _driverNbRetry() / 2)
+            _nextAction = firstHalf;
+        return;
+    }
+    if (_handshaking) {
+        logLine("_connectedFunc",
+                QStringLiteral("we successfully read a message: we are now connected"));
+        _handshaking = false;
+        _readErrors = 0;
+        _writeErrors = 0;
+    }
+    _nextAction = firstHalf;
+}
+
+// A device that says nothing may wait for the host to speak first.
+void UsbHAL::_retryWriteAsHost()
+{
+    const quint32 retries = _driverNbRetry();
+    if (_readErrors <= (_handshaking ? retries / 2 : retries))
+        return;
+    if (!_handshaking)
+        _readErrors = 0;
+    _nextAction = firstHalf;
+    logLine("_connectedFunc", QStringLiteral("retry write"));
+}
+
+// A close or a lost port may have taken the message from the FIFO while it was written.
+void UsbHAL::_removeSentMessage(const QByteArray &message)
+{
+    if (!_writeFifo.isEmpty() && _writeFifo.constFirst().constData() == message.constData())
+        _writeFifo.removeFirst();
+}
+
+QByteArray UsbHAL::_idleMessage()
+{
+    return _mustDelayHost() ? waitSend : _noDataMessage();
+}
+
+bool UsbHAL::_mustDelayHost()
+{
+    const quint64 threshold = delayFactor * (_hwDriver ? _hwDriver->getMaxReadSize() : 0);
+    if (!_delayRequested && _nbBytesWaitingToBeRead() > threshold) {
+        _delayRequested = true;
+        logLine("_connectedFunc", QStringLiteral("Ask host to delay further writes"));
+    }
+    if (_delayRequested && _nbBytesWaitingToBeRead() == 0) {
+        _delayRequested = false;
+        logLine("_connectedFunc", QStringLiteral("Warn host he can write again"));
+    }
+    return _delayRequested;
+}
+
+QByteArray UsbHAL::_noDataMessage()
+{
+    if (_hwDriver && _lastMaxReadSize != _hwDriver->getMaxReadSize()) {
+        _lastMaxReadSize = _hwDriver->getMaxReadSize();
+        _maxReadSizeMessage = frameMaxReadSize(_lastMaxReadSize);
+    }
+    if (!_maxSizeExchanged) {
+        if (_hwDriver)
+            logLine("_connectedFunc", "max read size message sent with value = " +
+                                          QString::number(_hwDriver->getMaxReadSize()));
+        _maxSizeExchanged = true;
+    }
+    return _maxReadSizeMessage.isEmpty() ? devNoData : _maxReadSizeMessage;
+}
+
+void UsbHAL::_grantWriters()
+{
+    if (!_writerWaiting || _peerBusy)
+        return;
+    _writeAllowedCond.wakeAll();
+    logLine("_connectedFunc", QStringLiteral("write permission granted"));
+}
+
+// ---- the link check ----
+
+quint32 UsbHAL::_driverNbRetry() const
+{
+    return _hwDriver ? _hwDriver->getNbRetry() : std::numeric_limits<quint32>::max();
+}
+
+bool UsbHAL::_isLinkLost() const
+{
+    if (_forceLowLevelDisconnection)
+        return true;
+    return !_handshaking && _hwDriver && qMax(_readErrors, _writeErrors) > _driverNbRetry();
+}
+
+void UsbHAL::_countHandshake(Session &session)
+{
+    ++session.handshakeCounter;
+    logLine("_connectedFunc", "handshake counter = " + QString::number(session.handshakeCounter));
+    if (session.handshakeCounter > hostHandshakePasses) {
+        _handshaking = false;
+        session.handshakeFailed = true;
+    }
+}
+
+// Returns false when the host role gives up.
+bool UsbHAL::_checkLink(Session &session, QMutexLocker &locker)
+{
+    if (isHost() && _handshaking)
+        _countHandshake(session);
+    if (!_isLinkLost())
+        return true;
+    _resetLink(locker);
+    const bool closeDriver = _hwDriver && _hwDriver->closeDriverAfterConnectionError();
+    logLine("_connectedFunc", "closeDriverAfterConnectionError = " + boolText(closeDriver));
+    if (closeDriver && !_reopenAfterLoss(session, locker))
+        return false;
+    session.handshakeCounter = 0;
+    _forceLowLevelDisconnection = false;
+    return true;
+}
+
+void UsbHAL::_resetLink(QMutexLocker &locker)
+{
+    const auto logCause = [](const char *what, const QString &value) {
+        logLine("_connectedFunc", QLatin1String("Disconnect ") + what + " : " + value);
+    };
+    logCause("read attempts", QString::number(_readErrors));
+    logCause("write attempts", QString::number(_writeErrors));
+    logCause("number retries", QString::number(_driverNbRetry()));
+    logCause("cable disconnection detected", boolText(_forceLowLevelDisconnection));
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _onDisconnected(locker);
+    _nextAction = firstHalf;
+    _readErrors = 0;
+    _writeErrors = 0;
+    _clearWriteFifo();
+    _clearReadFifo();
+    _handshaking = true;
+    _maxSizeExchanged = false;
+}
+
+// Returns false when the host role gives up.
+bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
+{
+    if (_releaseDriver()) {
+        logLine("_connectedFunc", QStringLiteral("UsbHAL driver closed"));
+    } else {
+        _emitError(8, nullptr, locker);
+        logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+    }
+    if (session.handshakeFailed && _nbClients() == 0) {
+        logLine("_connectedFunc",
+                QStringLiteral("failed to setup handshake with device, leaving thread"));
+        return false;
+    }
+    if (!_running) {
+        logLine("_connectedFunc", QStringLiteral("Closing hal, don't try to reopen driver"));
+        return true;
+    }
+    if (isHost())
+        return _tryReopen(session, locker) || !_isReopenHopeless(session);
+    while (!_tryReopen(session, locker)) {
+        logLine("_connectedFunc", QStringLiteral("Unable to open driver, wait before retry"));
+        _pause(reopenPause, locker);
+    }
+    return true;
+}
+
+bool UsbHAL::_tryReopen(Session &session, QMutexLocker &locker)
+{
+    logLine("_connectedFunc", QStringLiteral("Try reopen driver..."));
+    _hwDriver = _open(locker);
+    if (!_hwDriver) {
+        logLine("_connectedFunc", QStringLiteral("_hwDriver is NULL"));
+        ++session.failedOpens;
+        return false;
+    }
+    logLine("_connectedFunc", QStringLiteral("UsbHAL driver is opened"));
+    session.failedOpens = 0;
+    return true;
+}
+
+bool UsbHAL::_isReopenHopeless(const Session &session) const
+{
+    if (session.failedOpens <= hostReopenFailures)
+        return false;
+    logLine("_connectedFunc", QStringLiteral("failed to open driver !"));
+    return true;
+}
+
+// ---- the watchdog, in the core's own thread ----
+
+void UsbHAL::watchdog(bool /*enable*/) {}
+
+void UsbHAL::_mainLoop()
+{
+    QMutexLocker locker(&_mutex);
+    if (!_isWatchdogDue())
+        return;
+    const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
+    if (progress > 0) {
+        _lastLoopCounter = _loopCounter;
+        _watchdogErrors = 0;
+    } else if (++_watchdogErrors > _param.maxWatchdogErrors) {
+        _restartStuckThread(locker);
+    }
+    _mainLoopClock.restart();
+}
+
+bool UsbHAL::_isWatchdogDue() const
+{
+    // A tick of a timer that was stopped meanwhile must not restart what stop() has ended.
+    if (_mainLoopPeriod == 0 || !_driverOpened)
+        return false;
+    // Rounded: a precise timer may fire a fraction of a millisecond early.
+    if ((_mainLoopClock.nsecsElapsed() + 500000) / 1000000 < _param.mainLoopPeriod)
+        return false;
+    return !(_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _handshaking);
+}
+
+void UsbHAL::_resetWatchdog()
+{
+    _watchdogErrors = 0;
+    _loopCounter = 0;
+    _lastLoopCounter = 0;
+}
+
+void UsbHAL::_restartStuckThread(QMutexLocker &locker)
+{
+    logLine("_mainLoop", "watchdog errors: " + QString::number(_watchdogErrors));
+    logLine("_mainLoop", "max watchdog errors: " + QString::number(_param.maxWatchdogErrors));
+    const quint32 epoch = _epoch;
+    if (_hwDriver)
+        _hwDriver->cancelPendingIo();
+    if (isHost())
+        _running = false;
+    const bool ended = _waitForThread(locker, _param.threadStopTimeout);
+    // Whoever stopped the communication meanwhile has ended the thread, or will.
+    if (!ended && _epoch == epoch)
+        _stopWorkerThread(killTimeout);
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _changeAllSocketsState(SocketState::DISCONNECTED, locker);
+    if (_epoch == epoch && _connectedThread.startFor(this)) {
+        _nextAction = firstHalf;
+        _running = true;
+        _startPending = false;
+        _resetWatchdog();
+    }
+}
+
+void UsbHAL::_stopWorkerThread(unsigned long time)
+{
+    QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
+    _connectedThread.terminate();
+    // The thread may have to pass the core's mutex to reach a point where it can be cancelled.
+    _mutex.unlock();
+    const bool ended = _connectedThread.wait(time);
+    logLocker.unlock();
+    _mutex.lock();
+    logLine("_stopWorkerThread",
+            ended ? QStringLiteral("communication thread did not stop -> killed")
+                  : QStringLiteral("ERROR: could not stop communication thread !"));
+}
+
+// Waits for the thread after it was asked to end, and kills it when it does not.
+void UsbHAL::_endThread(QMutexLocker &locker)
+{
+    if (_waitForThread(locker, _param.threadStopTimeout)) {
+        logLine("stop", QStringLiteral("communication thread stopped"));
+        return;
+    }
+    logLine("stop", QStringLiteral("communication thread still running"));
+    _stopWorkerThread(killTimeout);
+    if (_releaseDriver()) {
+        logLine("stop", QStringLiteral("USB driver closed"));
+    } else {
+        _emitError(8, nullptr, locker);
+        logLine("stop", QStringLiteral("ERROR: could not close USB driver !"));
+    }
+}
+
+bool UsbHAL::isConnectedThread() const
+{
+    return QThread::currentThread() == &_connectedThread && _connectedThread.belongsTo(this);
+}
+
+// Returns whether the thread has ended, or never ran for this core.
+bool UsbHAL::_waitForThread(QMutexLocker &locker, unsigned long time)
+{
+    if (!_connectedThread.belongsTo(this))
+        return true;
+    locker.unlock();
+    const bool ended = _connectedThread.wait(time);
+    locker.relock();
+    return ended;
+}
+
+// Starts the timer, or stops it with a period of 0, in the thread that it belongs to.
+void UsbHAL::_setMainLoopTimer(quint32 period)
+{
+    _mainLoopPeriod = static_cast<int>(qMin<quint32>(period, std::numeric_limits<int>::max()));
+    if (QThread::currentThread() == thread())
+        _applyMainLoopPeriod();
+    else if (!_mainLoopChangePosted.exchange(true))
+        QMetaObject::invokeMethod(this, &UsbHAL::_applyMainLoopPeriod, Qt::QueuedConnection);
+}
+
+void UsbHAL::_applyMainLoopPeriod()
+{
+    _mainLoopChangePosted = false;
+    const int period = _mainLoopPeriod;
+    if (period == 0) {
+        _mainLoopTimer.stop();
+    } else if (QAbstractEventDispatcher::instance()) {
+        _mainLoopTimer.setTimerType(Qt::PreciseTimer);
+        _mainLoopTimer.setSingleShot(false);
+        _mainLoopTimer.start(period);
+    }
+    _mainLoopActive = _mainLoopTimer.isActive();
+}

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: MIT
+#include "workerthread.h"
+
+#include "UsbHal.h"
+
+#include <QMutex>
+
+WorkerThread::WorkerThread(QObject *parent) : QThread(parent) {}
+
+WorkerThread::~WorkerThread() = default;
+
+bool WorkerThread::startFor(UsbHAL *owner)
+{
+    static QMutex starting; // two cores may want the one thread at the same time
+    const QMutexLocker locker(&starting);
+    if (isRunning())
+        return false;
+    _owner = owner;
+    _arg = nullptr;
+    start(QThread::InheritPriority);
+    return true;
+}
+
+void WorkerThread::run()
+{
+    UsbHAL *const owner = _owner;
+    owner->_connectedFunc(_arg);
+    owner->_endOfConnectedThread();
+}

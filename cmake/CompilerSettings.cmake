@@ -1,0 +1,29 @@
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release)
+endif()
+
+# Warnings and sanitizers of this project, carried by every target that links it.
+add_library(UsbHalCompilerSettings INTERFACE)
+target_compile_options(UsbHalCompilerSettings INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    $<$<BOOL:${USBHAL_WARNINGS_AS_ERRORS}>:-Werror>)
+
+set(USBHAL_SANITIZE "" CACHE STRING "Sanitizers to build with, for example address,undefined")
+if(USBHAL_SANITIZE)
+    target_compile_options(UsbHalCompilerSettings INTERFACE
+        -fsanitize=${USBHAL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(UsbHalCompilerSettings INTERFACE -fsanitize=${USBHAL_SANITIZE})
+endif()
+
+option(USBHAL_COVERAGE "Build with coverage counters" OFF)
+if(USBHAL_COVERAGE)
+    target_compile_options(UsbHalCompilerSettings INTERFACE --coverage)
+    target_link_options(UsbHalCompilerSettings INTERFACE --coverage)
+endif()
