@@ -118,8 +118,9 @@ bool UsbHAL::_waitForEnding(QMutexLocker &locker)
     QElapsedTimer timer;
     timer.start();
     _waitUntil(_stopEndedCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
+    const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
     if (_isEnding())
-        _waitForThread(locker, qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0));
+        _waitForThread(locker, static_cast<unsigned long>(left));
     return !_isEnding();
 }
 

@@ -179,13 +179,13 @@ bool ScriptedDriver::waitForReads(int count, int msecs) const
 
 bool ScriptedDriver::open()
 {
-    const QMutexLocker locker(&_scriptMutex);
+    QMutexLocker locker(&_scriptMutex);
     ++_opens;
     _changed.wakeAll();
-    _block(_opensBlocked);
+    _block(_opensBlocked, locker);
     if (!_takeFailure(_failingOpens))
         return true;
-    _changed.wait(&_scriptMutex, 1);
+    _pause(locker);
     return false;
 }
 
@@ -199,10 +199,10 @@ bool ScriptedDriver::close()
 
 int ScriptedDriver::write(QByteArray data)
 {
-    const QMutexLocker locker(&_scriptMutex);
+    QMutexLocker locker(&_scriptMutex);
     ++_writes;
     _changed.wakeAll();
-    _block(_writesBlocked);
+    _block(_writesBlocked, locker);
     if (_takeFailure(_failingWrites))
         return 0;
     // A copy of the bytes: the core recognises a message by its address.
@@ -213,10 +213,10 @@ int ScriptedDriver::write(QByteArray data)
 
 int ScriptedDriver::read(QByteArray *data)
 {
-    const QMutexLocker locker(&_scriptMutex);
+    QMutexLocker locker(&_scriptMutex);
     ++_reads;
     _changed.wakeAll();
-    _block(_readsBlocked);
+    _block(_readsBlocked, locker);
     if (_takeFailure(_failingReads))
         return 0;
     if (_blocks.isEmpty() && _idleHost)
@@ -224,7 +224,7 @@ int ScriptedDriver::read(QByteArray *data)
     QElapsedTimer timer;
     timer.start();
     while (_blocks.isEmpty() && timer.elapsed() < _readWait)
-        _changed.wait(&_scriptMutex, static_cast<unsigned long>(_readWait));
+        _pause(locker);
     if (_blocks.isEmpty())
         return 0;
     // Like a real driver it hands out a buffer of its own, which the next read changes.
@@ -262,18 +262,22 @@ bool ScriptedDriver::_takeFailure(int &count) const
 }
 
 // Blocks in a cancellable call, with the script's mutex free so that a killed thread holds nothing.
-void ScriptedDriver::_block(const bool &blocked)
+void ScriptedDriver::_block(const bool &blocked, QMutexLocker &locker)
 {
     if (!blocked)
         return;
     ++_blockedCalls;
     _changed.wakeAll();
-    while (blocked) {
-        _scriptMutex.unlock();
-        QThread::msleep(1);
-        _scriptMutex.lock();
-    }
+    while (blocked)
+        _pause(locker);
     --_blockedCalls;
+}
+
+void ScriptedDriver::_pause(QMutexLocker &locker)
+{
+    locker.unlock();
+    QThread::msleep(1);
+    locker.relock();
 }
 
 bool ScriptedDriver::_waitFor(const std::function<bool()> &reached, int msecs) const

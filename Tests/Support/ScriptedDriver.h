@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QList>
 #include <QMutex>
+#include <QMutexLocker>
 #include <QWaitCondition>
 
 #include <functional>
@@ -29,8 +30,9 @@ public:
     /** How long a read waits for a block before it fails; 5 ms unless told. */
     void setReadWait(int msecs);
     /**
-     * Plays a host with nothing to say: a read that finds no block delivers "DEVICE_NODATA" at once.
-     * Off unless told: then the device, which writes only after a good read, stays silent too.
+     * Plays a host with nothing to say: a read that finds no block delivers "DEVICE_NODATA" at
+     * once. Off unless told: then the device, which writes only after a good read, stays silent
+     * too.
      */
     void setIdleHost(bool idle);
     /** Blocks still to be read. */
@@ -95,7 +97,8 @@ public:
 
 private:
     bool _takeFailure(int &count) const;
-    void _block(const bool &blocked);
+    void _block(const bool &blocked, QMutexLocker &locker);
+    static void _pause(QMutexLocker &locker);
     bool _waitFor(const std::function<bool()> &reached, int msecs) const;
 
     mutable QMutex _scriptMutex;
