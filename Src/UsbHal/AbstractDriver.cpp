@@ -31,7 +31,7 @@ void AbstractDriver::setupConfig(const ParamHal &param)
 
 void AbstractDriver::setMaxWriteSize(unsigned int size)
 {
-    _maxWriteSize = size > 30999 ? 31000 : size;
+    _maxWriteSize = std::min(size, largestMaxWriteSize);
 }
 
 QString AbstractDriver::getDriverName() const

@@ -15,7 +15,7 @@
  *
  * The core calls open, read, write and close from its communication thread, one at a time (close
  * also from the thread that ended it). cancelPendingIo and getDriverName may be called from any
- * thread at any time. There is no other lock.
+ * thread at any time. setupConfig is called under the core's mutex while no read is under way.
  */
 class AbstractDriver : public QObject
 {
@@ -76,6 +76,9 @@ protected:
     /** Most bytes that one read may put into the buffer, whatever the configured size says. */
     size_t _readLimit() const;
 
+    static constexpr quint32 defaultDrvOption = 124000;
+    static constexpr quint32 largestMaxWriteSize = 31000; // that setMaxWriteSize stores
+
     QString _driverTag = QStringLiteral("unknown");
     QString _driverName = QStringLiteral("unknown");
     int _selectedInstance = -1;
@@ -89,7 +92,7 @@ protected:
     quint32 _rdTimeout = 2000;
     quint32 _wrTimeout = 2000;
     quint32 _maxWatchdogErrors = 40;
-    quint32 _drvOption = 124000;
+    quint32 _drvOption = defaultDrvOption;
     size_t _readBufferSize = 0;
 
 private:

@@ -6,9 +6,11 @@
 #include <QElapsedTimer>
 #include <QThread>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -22,22 +24,35 @@ constexpr unsigned long drainErrorPause = 10;  // ms
 constexpr unsigned long emptyReadPause = 1;    // s
 constexpr unsigned long failedWritePause = 17; // ms
 
-// Closes a descriptor that nobody owns yet: the thread may be killed while it drains the node.
-class DescriptorGuard
+const QString rawDataIsNull = QStringLiteral("Error: raw data is null");
+
+void closeAll(const QList<int> &fds)
+{
+    for (const int fd : fds)
+        ::close(fd);
+}
+
+// Closes what an open has opened so far when the thread is killed in it: nobody else knows of it.
+class OpenGuard
 {
 public:
-    explicit DescriptorGuard(int fd) : _fd(fd) {}
-    ~DescriptorGuard()
+    explicit OpenGuard(const QList<int> &fds) : _fds(fds) {}
+    ~OpenGuard()
     {
-        if (_fd >= 0)
-            ::close(_fd);
+        if (!_returns)
+            closeAll(_fds);
     }
-    Q_DISABLE_COPY(DescriptorGuard)
+    Q_DISABLE_COPY(OpenGuard)
 
-    void release() { _fd = -1; }
+    bool returning(bool result)
+    {
+        _returns = true;
+        return result;
+    }
 
 private:
-    int _fd;
+    const QList<int> &_fds;
+    bool _returns = false;
 };
 
 } // namespace
@@ -54,20 +69,20 @@ GadgetDriver::~GadgetDriver() = default;
 bool GadgetDriver::open()
 {
     _openedFds.clear();
+    OpenGuard guard(_openedFds);
     for (int index = 0; index < _instancePaths.size(); ++index) {
         if (!_openDrvInstance(_instancePaths.at(index), index))
-            return false;
+            return guard.returning(false);
     }
     _selectedInstance = 0;
     _currentFd = 0;
     logLine("open", "all drivers opened successfully: " + QString::number(_instancePaths.size()));
-    return true;
+    return guard.returning(true);
 }
 
 bool GadgetDriver::close()
 {
-    for (const int fd : qAsConst(_openedFds))
-        ::close(fd);
+    closeAll(_openedFds);
     return true;
 }
 
@@ -114,22 +129,21 @@ QString GadgetDriver::getDrvDetailedError(int code) const
 bool GadgetDriver::_openDrvInstance(QString path, int /*index*/)
 {
     if (!_readBuffer) {
-        logLine("_openDrvInstance", "Error: raw data is null");
+        logLine("_openDrvInstance", rawDataIsNull);
         return false;
     }
-    _currentFd = ::open(path.toUtf8().constData(), O_RDWR | O_CLOEXEC);
+    const QByteArray node = path.toUtf8();
+    _currentFd = ::open(node.constData(), O_RDWR | O_CLOEXEC);
     if (_currentFd < 0) {
         const QString detail = getDrvDetailedError(_currentFd);
         logLine("_openDrvInstance",
                 "Error: unable to open driver instance: " + path + "( " + detail + " )");
         return false;
     }
-    DescriptorGuard guard(_currentFd);
+    _openedFds.append(_currentFd);
     _flushReadBuffer();
     ::ioctl(_currentFd, setWriteTimeout, getWrTimeout());
     ::ioctl(_currentFd, setReadTimeout, getRdTimeout());
-    _openedFds.append(_currentFd);
-    guard.release();
     logLine("_openDrvInstance", path + " successfully opened");
     return true;
 }
@@ -144,14 +158,21 @@ void GadgetDriver::_flushReadBuffer()
         const ssize_t count = ::read(_currentFd, _readBuffer.get(), _readLimit());
         if (count == 0)
             return;
-        const uint length = qstrnlen(_readBuffer.get(), static_cast<uint>(_readBufferSize));
-        logLine("_flushReadBuffer",
-                "Discarded message : " +
-                    QString::fromLatin1(_readBuffer.get(), static_cast<int>(length)));
+        logLine("_flushReadBuffer", "Discarded message : " + _bufferedText());
         // An error that comes at once would fill the log within the second.
         if (count < 0)
             QThread::msleep(drainErrorPause);
     }
+}
+
+// The buffer's content up to its first zero byte: with a short block, also the end of an earlier
+// one.
+QString GadgetDriver::_bufferedText() const
+{
+    constexpr size_t longestText = std::numeric_limits<int>::max();
+    const auto size = static_cast<uint>(std::min(_readBufferSize, longestText));
+    const uint length = qstrnlen(_readBuffer.get(), size);
+    return QString::fromLatin1(_readBuffer.get(), static_cast<int>(length));
 }
 
 int GadgetDriver::_read(QByteArray *data)
@@ -165,7 +186,8 @@ int GadgetDriver::_read(QByteArray *data)
         }
         return count;
     }
-    const QString detail = getDrvDetailedError(count);
+    // A configured size that could not be allocated leaves no buffer, and reads no bytes for ever.
+    const QString detail = _readBuffer ? getDrvDetailedError(count) : rawDataIsNull;
     if (detail != QLatin1String("ok"))
         logLine("_read", detail);
     QThread::sleep(emptyReadPause);

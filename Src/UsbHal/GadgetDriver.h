@@ -35,6 +35,7 @@ public:
 private:
     bool _openDrvInstance(QString path, int index);
     void _flushReadBuffer();
+    QString _bufferedText() const;
     int _read(QByteArray *data);
     int _selectDriver(QByteArray *data);
 
