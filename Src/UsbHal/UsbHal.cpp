@@ -13,6 +13,7 @@ constexpr quint32 largestMaxClients = 5;
 constexpr quint32 defaultMainLoopPeriod = 100; // ms
 constexpr int timerStopPolls = 25;
 constexpr unsigned long timerStopPause = 20; // ms
+constexpr qint64 killableSlice = 100;        // ms
 constexpr int destructionTimeout = 10000;    // ms
 
 const char *const errorTexts[] = {
@@ -48,6 +49,7 @@ ThreadStorage threadStorage;
 
 } // namespace
 
+thread_local int UsbHAL::emissionDepth = 0;
 WorkerThread &UsbHAL::_connectedThread = threadStorage.thread;
 
 UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(drivers)
@@ -65,6 +67,30 @@ UsbHAL::~UsbHAL()
     logLine("~UsbHAL", QStringLiteral("UsbHAL::~UsbHAL"));
     stop();
     waitForDisconnected(destructionTimeout);
+    _waitForMainLoop();
+}
+
+// The watchdog may be at work in the core's thread while another one destroys the core.
+void UsbHAL::_waitForMainLoop()
+{
+    const QMutexLocker locker(&_mutex);
+    if (QThread::currentThread() != thread())
+        _waitUntil(_quietCond, destructionTimeout, [this] { return !_inMainLoop; });
+}
+
+bool UsbHAL::isInHandler() const
+{
+    return emissionDepth > 0 || isConnectedThread();
+}
+
+bool UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
+{
+    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
+    const CancellationBlocker blocker;
+    const qint64 slice = isConnectedThread() ? qMin(msecs, killableSlice) : msecs;
+    const bool woken = condition.wait(&_mutex, static_cast<unsigned long>(slice));
+    blocker.testCancel();
+    return woken;
 }
 
 void UsbHAL::getDefaultSetup(ParamHal &param) const
@@ -106,20 +132,32 @@ void UsbHAL::stop()
 {
     QMutexLocker locker(&_mutex);
     ++_epoch;
-    ++_stopsInProgress;
     _setMainLoopTimer(0);
+    if (isConnectedThread())
+        _askThreadToEnd();
+    else
+        _endCommunication(locker);
+    _updateStatus(DriverState::DISCONNECTED, locker);
+}
+
+void UsbHAL::_endCommunication(QMutexLocker &locker)
+{
+    ++_stopsInProgress;
     for (int i = 0; _mainLoopActive && i < timerStopPolls; ++i)
         _pause(timerStopPause, locker);
+    _askThreadToEnd();
+    _endThread(locker);
+    --_stopsInProgress;
+    _quietCond.wakeAll();
+}
+
+void UsbHAL::_askThreadToEnd()
+{
     logLine("stop", QStringLiteral("watchdog stopped"));
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     _running = false;
     _startPending = false;
-    if (!isConnectedThread())
-        _endThread(locker);
-    --_stopsInProgress;
-    _stopEndedCond.wakeAll();
-    _updateStatus(DriverState::DISCONNECTED, locker);
 }
 
 DriverState UsbHAL::status() const
@@ -211,19 +249,19 @@ void UsbHAL::_onError(int num, void *data)
     const QString text = QString::fromLatin1(getErrorStr(num));
     const QString value = QString::number(static_cast<int>(reinterpret_cast<qintptr>(data)));
     switch (num) {
-    case 1:
-    case 2:
-    case 3:
-    case 4:
-    case 5:
-    case 8:
+    case Error::WrongSize:
+    case Error::WrongId:
+    case Error::NoMemory:
+    case Error::PortAlreadyOpen:
+    case Error::TooManyClients:
+    case Error::CloseFailed:
         logLine("_onError", text + " Param = " + value);
         break;
-    case 7:
+    case Error::NotInitialized:
         logLine("_onError", text);
         break;
-    case 9:
-    case 10:
+    case Error::NotOpenedPort:
+    case Error::BufferOverflow:
         logLine("_onError", text + " on port #" + value);
         break;
     default: // a close of a port that is not open is too common to log

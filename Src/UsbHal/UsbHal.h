@@ -40,7 +40,6 @@ constexpr int lengthWidth = 5;
 constexpr int idWidth = 4;
 constexpr int prefixSize = magicSize + lengthWidth; ///< 9: what the length field does not count
 constexpr int headerSize = prefixSize + idWidth;    ///< 13
-constexpr int controlSize = 13;                     ///< "DEVICE_NODATA", "DEVICE_WTSEND"
 constexpr int maxReadSizeWidth = 5;
 constexpr int defaultPayloadLimit = 487;        ///< payload bytes while no driver is chosen
 constexpr int largestPayload = 99999 - idWidth; ///< what the length field can count
@@ -130,8 +129,10 @@ public:
 
     void watchdog(bool enable);
 
-    /** Whether the caller runs in this core's communication thread, as a handler may. */
+    /** Whether the caller runs in this core's communication thread. */
     bool isConnectedThread() const;
+    /** Whether the caller was called by a signal of a core, whose frames it must not destroy. */
+    bool isInHandler() const;
 
 signals:
     void connected();
@@ -153,6 +154,24 @@ protected:
 
     using ReadQueue = QQueue<QByteArray>;
 
+    // The codes of error(), as getErrorStr() knows them.
+    enum Error {
+        WrongSize = 1,
+        WrongId,
+        NoMemory,
+        PortAlreadyOpen,
+        TooManyClients,
+        PortNotOpen,
+        NotInitialized,
+        CloseFailed,
+        NotOpenedPort,
+        BufferOverflow
+    };
+
+    // The two halves of a cycle: the device reads in the first, the host writes in it.
+    static constexpr qint32 firstHalf = 1;
+    static constexpr qint32 secondHalf = 2;
+
     // What the communication thread remembers from its start to its end.
     struct Session
     {
@@ -167,6 +186,9 @@ protected:
     void _onConnected(QMutexLocker &locker);
     void _onDisconnected(QMutexLocker &locker);
     void _emitError(int code, void *data, QMutexLocker &locker);
+    void _endCommunication(QMutexLocker &locker);
+    void _askThreadToEnd();
+    void _waitForMainLoop();
     quint32 _nbClients() const { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
@@ -249,8 +271,11 @@ protected:
     bool _isWatchdogDue() const;
     void _resetWatchdog();
     void _restartStuckThread(QMutexLocker &locker);
+    void _releaseDriverOfDeadThread();
+    void _beginCommunication();
     void _setMainLoopTimer(quint32 period);
     void _applyMainLoopPeriod();
+    void _retireMainLoopTimer();
 
     /**
      * Waits on a condition until reached() holds, at most msecs ms; 0 or less only looks. Called
@@ -259,11 +284,18 @@ protected:
     template <typename Predicate>
     bool _waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const;
 
+    /**
+     * Waits on a condition with the mutex held, at most msecs ms; shorter in the communication
+     * thread, which may be killed. Returns whether it was woken.
+     */
+    bool _waitOn(QWaitCondition &condition, qint64 msecs) const;
+
     /** Runs what emits a signal with the mutex released, so that a handler may call back. */
     template <typename Emission>
     static void _emitUnlocked(QMutexLocker &locker, Emission emission);
 
     static WorkerThread &_connectedThread;
+    static thread_local int emissionDepth; // handlers of this thread that are on its stack
 
     QList<int> _reserved; // keeps its place in the object, unused
     bool _maxSizeExchanged = false;
@@ -271,7 +303,7 @@ protected:
     quint32 _watchdogErrors = 0;
     quint32 _lastLoopCounter = 0;
     quint32 _loopCounter = 0;
-    qint32 _nextAction = 1;
+    qint32 _nextAction = firstHalf;
     bool _running = false;
     quint32 _clientCount = 0;
     DriverState _driverState = DriverState::DISCONNECTED;
@@ -302,7 +334,8 @@ protected:
     quint32 _lastMaxReadSize = 0;
     QByteArray _maxReadSizeMessage;
 
-    QWaitCondition _stopEndedCond;
+    QWaitCondition _quietCond; // a stop, or a pass of the watchdog, has ended
+    bool _inMainLoop = false;
     quint32 _stopsInProgress = 0;
     quint32 _epoch = 0;         // counts starts and stops, so that the watchdog notices them
     bool _startPending = false; // a handler in the ending thread opened a port: start once more
@@ -321,7 +354,7 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reach
         const qint64 left = msecs - timer.elapsed();
         if (left <= 0)
             return false;
-        condition.wait(&_mutex, static_cast<unsigned long>(left));
+        _waitOn(condition, left);
     }
     return true;
 }
@@ -329,8 +362,16 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reach
 template <typename Emission>
 void UsbHAL::_emitUnlocked(QMutexLocker &locker, Emission emission)
 {
+    struct Depth
+    {
+        Depth() { ++emissionDepth; }
+        ~Depth() { --emissionDepth; }
+    };
     locker.unlock();
-    emission();
+    {
+        const Depth depth;
+        emission();
+    }
     locker.relock();
 }
 

@@ -3,6 +3,8 @@
 
 #include "GadgetDriver.h"
 #include "UsbHal.h"
+#include "UsbHalLog.h"
+#include "workerthread.h"
 
 namespace {
 
@@ -32,10 +34,8 @@ UsbHALIntf::~UsbHALIntf()
 {
     if (_freed)
         return;
-    // With exit() in a handler the process ends in the communication thread, amid the core's
-    // frames.
-    if (_hal->isConnectedThread())
-        _hal->stop();
+    if (_hal->isInHandler())
+        _abandon();
     else
         freeMem();
 }
@@ -44,13 +44,20 @@ void UsbHALIntf::freeMem()
 {
     if (!_hal || _freed)
         return;
-    _freed = true;
-    if (_hal->isConnectedThread()) {
-        _hal->stop();
-        _hal->deleteLater();
-    } else {
-        delete _hal;
+    if (_hal->isInHandler()) {
+        _hal->stop(); // the end of the process destroys it
+        return;
     }
+    _freed = true;
+    delete _hal;
+}
+
+// With exit() in a handler the process ends amid the core's frames, beside threads that go on.
+void UsbHALIntf::_abandon()
+{
+    const CancellationBlocker blocker;
+    UsbHalLog::keepUntilProcessEnds();
+    _hal->stop();
 }
 
 void UsbHALIntf::_relaySignals()

@@ -42,7 +42,7 @@ const QString SocketStateStr[3] = {QStringLiteral("CLOSED"), QStringLiteral("OPE
  */
 struct ParamHal
 {
-    quint32 maxReadSize = 0;       ///< largest single read from the device, bytes
+    quint32 maxReadSize = 0;       ///< largest single read from the device, bytes, at most 99999
     quint32 maxWriteSize = 0;      ///< largest single write to the device, bytes
     quint32 drvOption = 0;         ///< handed to the driver, not used
     quint32 rdTimeout = 0;         ///< read time-out of the device node, ms
@@ -59,7 +59,7 @@ struct ParamHal
     QString logDir;                ///< folder of the log files; empty: the working directory
     bool spareFlag = false;        ///< not used
     QString spareName;             ///< not used
-    qint32 maxLogLines = 0;        ///< lines in one log file; 0 means 500, the most is 20000
+    qint32 maxLogLines = 0;        ///< lines in one log file, at most 20000; 0 means 500
 };
 
 /**
@@ -100,8 +100,8 @@ public:
 
     /**
      * Opens a port; the first open starts the communication with the host. While an earlier stop()
-     * is under way it waits for that, at most threadStopTimeout ms.
-     * Returns false after emitting error() with code 3, 4, 5 or 7.
+     * is under way it waits for that, at most threadStopTimeout ms, and fails with code 7 when the
+     * stop takes longer. Returns false after emitting error() with code 3, 4, 5 or 7.
      */
     bool openConnection(int port);
 
@@ -118,7 +118,8 @@ public:
      */
     bool closeConnection(int port);
 
-    /** Path of the device node in use; empty while none is chosen. */
+    /** Path of the device node in use; empty while none is open, "unknown" until it delivers data.
+     */
     QString driverName() const;
 
     /** Number of ports that were opened and not yet closed. */
@@ -133,11 +134,15 @@ public:
     /**
      * Queues bytes for a port, cut into messages. Returns the number of bytes queued: fewer than
      * given when the queue of 100 messages (shared by all ports) is full, 0 when the port is not
-     * open or the link is down. Does not wait for the device.
+     * open, the link is down or the maximum write size leaves no room for a payload. Does not wait
+     * for the device.
      */
     int write(int port, QByteArray data);
 
-    /** Size in bytes of the oldest received message of a port, 0 when there is none. */
+    /**
+     * Size in bytes of the oldest received message of a port, whatever the state of port and link;
+     * 0 when there is none or when it has no payload (one read() removes such a message).
+     */
     int nbBytesReceived(int port) const;
 
     /** Number of messages (not bytes) that wait to be written, of all ports. */
@@ -155,7 +160,7 @@ public:
      */
     QByteArray read(int port, unsigned int maxSize);
 
-    /** Always empty; call read() until nbBytesReceived() is 0 instead. Takes no lock. */
+    /** Always empty; call read() once for each readyRead() instead. Takes no lock. */
     QByteArray readAll(int port);
 
     /** Waits until no message waits to be written, at most msecs ms. */
@@ -170,7 +175,8 @@ public:
 
     /**
      * Waits until the port's oldest received message has bytes, at most msecs ms; 0 or less only
-     * looks. Returns false on time-out, when the port is not open or the link is down.
+     * looks. Returns false on time-out, when the port is not open or the link is down. Each message
+     * wakes one waiting thread: with several of them, one may see its message only at its time-out.
      */
     bool waitForReadyRead(int port, int msecs) const;
 
@@ -184,22 +190,26 @@ public:
     void peerDisconnected(int port);
 
     /**
-     * Ends the communication and closes the device; ports stay as they are and a later
-     * openConnection() starts it again. Waits for the communication thread, at most
-     * threadStopTimeout ms, and kills it after that. In a handler that runs in the communication
-     * thread it only asks: the thread ends when the handler returns.
+     * Ends the communication and closes the device. Ports stay as they are; openConnection() for a
+     * port that is not open starts the communication again. Waits for the communication thread, at
+     * most threadStopTimeout ms, and kills it after that. In a handler that runs in the
+     * communication thread it only asks: the thread ends when the handler returns.
      */
     void stop();
 
     /** Whether the communication thread runs. Takes no lock. */
     bool isRunning() const;
 
-    /** Largest payload of one message in bytes; 0 while no device is open. */
+    /**
+     * Maximum write size less the 13 bytes of a message's header; 0 while no device is open. The
+     * largest payload of one message in bytes, unless that is above 99995.
+     */
     int getMaxWriteSize() const;
 
     /**
-     * Destroys the core; meant as the last use of the library, nothing else may be called after it.
-     * Without it the core is destroyed at the end of the process.
+     * Destroys the core; meant as the last use of the library, nothing else may be called after it
+     * and no other thread may be in a call. In a handler it only stops the communication. Without
+     * it the core is destroyed at the end of the process.
      */
     void freeMem();
 
@@ -216,8 +226,10 @@ signals:
     void readyRead(int port);
     /** Relayed for clients that connect to it; never emitted at present. */
     void readyRead();
-    /** An operation failed: code (see getErrorStr) and its parameter, the port as a pointer's
-     * value. */
+    /**
+     * An operation failed: its code (see getErrorStr) and, as the pointer's value, the port; null
+     * for the codes 3 and 8.
+     */
     void error(int num, void *data);
     /** The link changed its state. */
     void stateChanged(DriverState st);
@@ -229,6 +241,7 @@ private:
     ~UsbHALIntf() override;
     Q_DISABLE_COPY(UsbHALIntf)
 
+    void _abandon();
     void _relaySignals();
 
     UsbHAL *_hal;

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "UsbHalLog.h"
 
+#include "workerthread.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
-#include <QThread>
 
 #include <iostream>
 #include <mutex>
-#include <pthread.h>
 
 namespace {
 
@@ -16,25 +16,6 @@ constexpr int defaultMaxLines = 500;
 constexpr int largestMaxLines = 20000;
 constexpr int lastFileIndex = 30000;
 constexpr int lockPollPeriod = 10; // ms
-
-// A thread that is killed in the middle of a line would leave the file or the stream in disorder.
-class CancellationBlocker
-{
-public:
-    CancellationBlocker() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_formerState); }
-    ~CancellationBlocker() { pthread_setcancelstate(_formerState, nullptr); }
-    Q_DISABLE_COPY(CancellationBlocker)
-
-    void testCancel() const
-    {
-        pthread_setcancelstate(_formerState, nullptr);
-        pthread_testcancel();
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }
-
-private:
-    int _formerState = PTHREAD_CANCEL_ENABLE;
-};
 
 QString timestamp()
 {
@@ -56,12 +37,20 @@ QByteArray composeLine(const QString &function, unsigned int line, const QString
 void writeToConsole(const QString &function, const QString &message)
 {
     const QByteArray line = "USBHAL] " + function.toLatin1() + " - " + message.toLatin1() + '\n';
+    std::cout.clear(); // an earlier line may have found the disk full
     std::cout.write(line.constData(), line.size()).flush();
 }
 
 } // namespace
 
-QScopedPointer<UsbHalLog> UsbHalLog::logger;
+QScopedPointer<UsbHalLog, UsbHalLog::Disposal> UsbHalLog::logger;
+bool UsbHalLog::outlivesProcess = false;
+
+void UsbHalLog::Disposal::cleanup(UsbHalLog *log)
+{
+    if (!outlivesProcess)
+        delete log;
+}
 
 UsbHalLog::UsbHalLog() = default;
 
@@ -72,6 +61,11 @@ UsbHalLog *UsbHalLog::getInstance()
     if (!logger)
         logger.reset(new UsbHalLog);
     return logger.data();
+}
+
+void UsbHalLog::keepUntilProcessEnds()
+{
+    outlivesProcess = true;
 }
 
 bool UsbHalLog::open(QString dir, QString name)
@@ -91,14 +85,15 @@ bool UsbHalLog::open(QString dir, QString name)
 
 void UsbHalLog::log(QString function, unsigned int line, QString message)
 {
+    // A thread that is killed in the middle of a line would leave the file in disorder; one that
+    // writes line after line must be killed between two.
     const CancellationBlocker blocker;
+    blocker.testCancel();
     if (!_logCreated) {
         writeToConsole(function, message);
         return;
     }
     const QByteArray text = composeLine(function, line, message);
-    // Whoever kills this thread holds the mutex until the thread has ended, so the wait for it must
-    // be one that a kill can end.
     while (!_logMutex.tryLock(lockPollPeriod))
         blocker.testCancel();
     std::unique_lock<QMutex> locker(_logMutex, std::adopt_lock);
@@ -158,8 +153,16 @@ bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
 void UsbHalLog::_append(const QByteArray &line)
 {
     if (_file->isOpen())
-        _file->write(line);
+        _write(line);
     ++_lineCount;
+}
+
+// A disk that fills up may take the beginning of a line: the next line must not follow on it.
+void UsbHalLog::_write(const QByteArray &line)
+{
+    const qint64 written = _file->write(_lineCut ? '\n' + line : line);
+    if (written > 0)
+        _lineCut = written < line.size();
 }
 
 /*
@@ -172,6 +175,7 @@ void UsbHalLog::_rotate(const QByteArray &line)
     const int previousIndex = _fileIndex;
     _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
     _file.reset(new QFile);
+    _lineCut = false;
     if (_openFile(_fileIndex, QIODevice::WriteOnly)) {
         _lineCount = 0;
         _append(line);
@@ -199,7 +203,7 @@ void UsbHalLog::_removeOldFile(int index)
     if (!_logCreated || _reportingRemoval)
         return;
     _reportingRemoval = true;
-    logLine("log",
-            "failed to remove log file: " + _logDir + "UsbHal" + QString::number(index) + ".log");
+    log(QStringLiteral("log"), __LINE__,
+        "failed to remove log file: " + _logDir + "UsbHal" + QString::number(index) + ".log");
     _reportingRemoval = false;
 }

@@ -28,6 +28,9 @@ public:
     /** The one instance, created by the first call. */
     static UsbHalLog *getInstance();
 
+    /** The process ends while threads may still log: the instance is not destroyed any more. */
+    static void keepUntilProcessEnds();
+
     /**
      * Starts logging into <dir>/<name><number>.log; the files of the run before are kept once with
      * ".keep" at their end. A folder that cannot be created is replaced by the working directory.
@@ -56,11 +59,18 @@ private:
     void _keepPreviousFiles();
     bool _openFile(int index, QIODevice::OpenMode mode);
     void _append(const QByteArray &line);
+    void _write(const QByteArray &line);
     void _rotate(const QByteArray &line);
     void _stopLogging();
     void _removeOldFile(int index);
 
-    static QScopedPointer<UsbHalLog> logger;
+    struct Disposal
+    {
+        static void cleanup(UsbHalLog *log);
+    };
+
+    static QScopedPointer<UsbHalLog, Disposal> logger;
+    static bool outlivesProcess;
 
     int _maxLines = 10000;
     int _lineCount = 0;
@@ -72,6 +82,7 @@ private:
     std::atomic<bool> _logCreated{false};
     int _nbKeptFiles = 1;
     bool _reportingRemoval = false;
+    bool _lineCut = false;
 };
 
 /** Logs a text with the caller's source line. */

@@ -13,7 +13,7 @@ void *portParameter(int port)
     return reinterpret_cast<void *>(static_cast<qintptr>(port));
 }
 
-// Clients were built on this count: a message holding a zero byte counts only up to it.
+// A message that is discarded unread counts only up to its first zero byte.
 quint32 textLength(const QByteArray &message)
 {
     return qstrnlen(message.constData(), static_cast<uint>(message.size()));
@@ -27,19 +27,19 @@ bool UsbHAL::openConnection(UsbConnID port)
     logLine("openConnection", QStringLiteral("opening driver"));
     const bool ready = _waitForEnding(locker);
     if (_isOpen(port)) {
-        _emitError(4, portParameter(port), locker);
+        _emitError(Error::PortAlreadyOpen, portParameter(port), locker);
         return false;
     }
     if (_configured && _clientCount >= _param.maxClients) {
-        _emitError(5, portParameter(port), locker);
+        _emitError(Error::TooManyClients, portParameter(port), locker);
         return false;
     }
     if (!ready || !(_isCommunicating() || _startCommunication())) {
-        _emitError(7, portParameter(port), locker);
+        _emitError(Error::NotInitialized, portParameter(port), locker);
         return false;
     }
     if (!_prepareReadQueue(port)) {
-        _emitError(3, nullptr, locker);
+        _emitError(Error::NoMemory, nullptr, locker);
         return false;
     }
     _socketStates[port] = SocketState::OPENED;
@@ -99,8 +99,8 @@ bool UsbHAL::_canClose(int port) const
 
 bool UsbHAL::_isCommunicating() const
 {
-    return _startPending ||
-           (_running && _connectedThread.belongsTo(this) && _connectedThread.isRunning());
+    return (_running || _startPending) && _connectedThread.belongsTo(this) &&
+           _connectedThread.isRunning();
 }
 
 // Whether a stop is under way or the thread, asked to end, has not ended yet.
@@ -117,7 +117,7 @@ bool UsbHAL::_waitForEnding(QMutexLocker &locker)
         return _stopsInProgress == 0;
     QElapsedTimer timer;
     timer.start();
-    _waitUntil(_stopEndedCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
+    _waitUntil(_quietCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
     const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
     if (_isEnding())
         _waitForThread(locker, static_cast<unsigned long>(left));
@@ -150,8 +150,7 @@ bool UsbHAL::_startThread()
     }
     if (!_connectedThread.startFor(this))
         return false;
-    _nextAction = 1;
-    _running = true;
+    _beginCommunication();
     _forceLowLevelDisconnection = false;
     return true;
 }
@@ -183,7 +182,7 @@ bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)
         _waitUntil(_fifoEmptyCond, closeFlushTime, [this] { return _writeFifo.isEmpty(); });
     // Another thread may have closed the port during the wait.
     if (!_canClose(port)) {
-        _emitError(6, portParameter(port), locker);
+        _emitError(Error::PortNotOpen, portParameter(port), locker);
         return false;
     }
     _discardReadQueue(port);

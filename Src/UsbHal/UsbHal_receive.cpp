@@ -10,7 +10,7 @@ namespace {
 constexpr int shownBytes = 100;           // of the rest of a buffer, in the log
 constexpr qint64 readQueueBound = 124000; // messages queued on the port plus bytes of the new one
 
-// Bigger transfers and one-byte traffic stay out of the log.
+// Big transfers and the shortest messages stay out of the log.
 bool isLogged(int size)
 {
     return size > 5 && size < 500;
@@ -43,10 +43,11 @@ bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
 {
     if (message.startsWith(devNoData)) {
         _peerBusy = false;
-        consumed = isHost() ? _takeMaxWriteSize(message) : controlSize;
+        consumed =
+            isHost() ? _takeMaxWriteSize(message) : static_cast<unsigned int>(devNoData.size());
     } else if (message == waitSend) {
         _peerBusy = true;
-        consumed = controlSize;
+        consumed = static_cast<unsigned int>(waitSend.size());
     } else if (!_processDataMessage(message, locker, consumed)) {
         return false;
     }
@@ -69,7 +70,7 @@ unsigned int UsbHAL::_takeMaxWriteSize(const QByteArray &message)
             logLine("_processMessage", "max write size is invalid : " + toText(message));
         }
     }
-    return static_cast<unsigned int>(qMin(controlSize + maxReadSizeWidth, message.size()));
+    return static_cast<unsigned int>(qMin(devNoData.size() + maxReadSizeWidth, message.size()));
 }
 
 bool UsbHAL::_processDataMessage(const QByteArray &message, QMutexLocker &locker,
@@ -127,8 +128,8 @@ void UsbHAL::_logFault(Fault fault, const QByteArray &message)
     }
 }
 
-// The host reopened a port. A port that was closed here stays closed, but its client will find the
-// marker after the next open of the link.
+// The host reopened a port. One that is closed here stays closed: the marker waits unread until the
+// port is opened, which discards it.
 void UsbHAL::_reopenPort(int port)
 {
     SocketState &state = _socketStates[port];
@@ -143,7 +144,7 @@ void UsbHAL::_reopenPort(int port)
 
 bool UsbHAL::_hasRoom(int port, int size) const
 {
-    // Adding a count to a size bounds messages rather than bytes; hosts rely on the rule as it is.
+    // The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
     return qint64(_readQueues.value(port)->size()) + size <= readQueueBound;
 }
 

@@ -85,7 +85,7 @@ void UsbHAL::_waitForWritePermission()
             reasons += QStringLiteral("device to finish reading");
         logLine("write", "wait for " + reasons.join(QStringLiteral(" and ")) + "...");
         _writerWaiting = true;
-        _writeAllowedCond.wait(&_mutex, static_cast<unsigned long>(left));
+        _waitOn(_writeAllowedCond, left);
         _writerWaiting = false;
     }
 }

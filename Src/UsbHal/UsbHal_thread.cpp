@@ -11,10 +11,6 @@ using namespace usb_messages;
 
 namespace {
 
-// The two halves of a cycle: the device reads in the first, the host writes in it.
-constexpr qint32 firstHalf = 1;
-constexpr qint32 secondHalf = 2;
-
 constexpr unsigned long transferPause = 10; // ms, after each read and write
 constexpr unsigned long reopenPause = 1000; // ms
 constexpr unsigned long killTimeout = 3000; // ms
@@ -22,8 +18,8 @@ constexpr quint32 openFailuresLogged = 50;  // failed opens in a row before they
 constexpr quint32 hostReopenFailures = 49;  // failed reopens in a row that the host takes
 constexpr quint32 hostHandshakePasses = 20; // passes that the host's handshake may take
 constexpr quint64 delayFactor = 30;         // unread bytes, in units of the max read size
-constexpr int timerStopPolls = 500;
-constexpr unsigned long timerStopPause = 1; // ms
+constexpr int timerEndPolls = 500;
+constexpr unsigned long timerEndPause = 1; // ms
 
 QString boolText(bool value)
 {
@@ -113,7 +109,7 @@ void UsbHAL::_leaveThread(QMutexLocker &locker)
     if (_releaseDriver()) {
         logLine("_connectedFunc", QStringLiteral("USB driver closed"));
     } else {
-        _emitError(8, nullptr, locker);
+        _emitError(Error::CloseFailed, nullptr, locker);
         logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
     }
     _running = false;
@@ -132,11 +128,11 @@ void UsbHAL::_endOfConnectedThread()
 {
     QMutexLocker locker(&_mutex);
     logLine("_endOfConnectedThread", QStringLiteral("clean exit of communication thread"));
-    if (_mainLoopActive)
+    if (_mainLoopPeriod != 0)
         _setMainLoopTimer(0);
     // The thread that owns the timer may itself wait for this one, in a stop.
-    for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerStopPolls; ++i)
-        _pause(timerStopPause, locker);
+    for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerEndPolls; ++i)
+        _pause(timerEndPause, locker);
     logLine("_endOfConnectedThread", QStringLiteral("watchdog stopped"));
 }
 
@@ -318,14 +314,15 @@ bool UsbHAL::_mustDelayHost()
 
 QByteArray UsbHAL::_noDataMessage()
 {
-    if (_hwDriver && _lastMaxReadSize != _hwDriver->getMaxReadSize()) {
-        _lastMaxReadSize = _hwDriver->getMaxReadSize();
-        _maxReadSizeMessage = frameMaxReadSize(_lastMaxReadSize);
+    const quint32 maxReadSize = _hwDriver ? _hwDriver->getMaxReadSize() : _lastMaxReadSize;
+    if (_lastMaxReadSize != maxReadSize) {
+        _lastMaxReadSize = maxReadSize;
+        _maxReadSizeMessage = frameMaxReadSize(maxReadSize);
     }
     if (!_maxSizeExchanged) {
         if (_hwDriver)
-            logLine("_connectedFunc", "max read size message sent with value = " +
-                                          QString::number(_hwDriver->getMaxReadSize()));
+            logLine("_connectedFunc",
+                    "max read size message sent with value = " + QString::number(maxReadSize));
         _maxSizeExchanged = true;
     }
     return _maxReadSizeMessage.isEmpty() ? devNoData : _maxReadSizeMessage;
@@ -406,7 +403,7 @@ bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
     if (_releaseDriver()) {
         logLine("_connectedFunc", QStringLiteral("UsbHAL driver closed"));
     } else {
-        _emitError(8, nullptr, locker);
+        _emitError(Error::CloseFailed, nullptr, locker);
         logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
     }
     if (session.handshakeFailed && _nbClients() == 0) {
@@ -458,6 +455,7 @@ void UsbHAL::_mainLoop()
     QMutexLocker locker(&_mutex);
     if (!_isWatchdogDue())
         return;
+    _inMainLoop = true;
     const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
     if (progress > 0) {
         _lastLoopCounter = _loopCounter;
@@ -466,6 +464,8 @@ void UsbHAL::_mainLoop()
         _restartStuckThread(locker);
     }
     _mainLoopClock.restart();
+    _inMainLoop = false;
+    _quietCond.wakeAll();
 }
 
 bool UsbHAL::_isWatchdogDue() const
@@ -495,32 +495,50 @@ void UsbHAL::_restartStuckThread(QMutexLocker &locker)
         _hwDriver->cancelPendingIo();
     if (isHost())
         _running = false;
-    const bool ended = _waitForThread(locker, _param.threadStopTimeout);
-    // Whoever stopped the communication meanwhile has ended the thread, or will.
-    if (!ended && _epoch == epoch)
+    if (!_waitForThread(locker, _param.threadStopTimeout) && _epoch == epoch)
         _stopWorkerThread(killTimeout);
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _changeAllSocketsState(SocketState::DISCONNECTED, locker);
-    if (_epoch == epoch && _connectedThread.startFor(this)) {
-        _nextAction = firstHalf;
-        _running = true;
-        _startPending = false;
-        _resetWatchdog();
-    }
+    // Nothing here may touch what a stop() ended, or an open started, during the waits and
+    // handlers.
+    if (_epoch == epoch)
+        _updateStatus(DriverState::DISCONNECTED, locker);
+    if (_epoch == epoch)
+        _changeAllSocketsState(SocketState::DISCONNECTED, locker);
+    if (_epoch != epoch)
+        _releaseDriverOfDeadThread();
+    else if (_connectedThread.startFor(this))
+        _beginCommunication();
 }
 
 void UsbHAL::_stopWorkerThread(unsigned long time)
 {
-    QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
-    _connectedThread.terminate();
-    // The thread may have to pass the core's mutex to reach a point where it can be cancelled.
+    {
+        const QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
+        if (_connectedThread.belongsTo(this))
+            _connectedThread.terminate();
+    }
+    // The thread may have to pass the mutex to reach a point where it can be cancelled.
     _mutex.unlock();
-    const bool ended = _connectedThread.wait(time);
-    logLocker.unlock();
+    const bool ended = !_connectedThread.belongsTo(this) || _connectedThread.wait(time);
     _mutex.lock();
     logLine("_stopWorkerThread",
             ended ? QStringLiteral("communication thread did not stop -> killed")
                   : QStringLiteral("ERROR: could not stop communication thread !"));
+}
+
+// A stop() that found the thread killed has left the driver to whoever killed it.
+void UsbHAL::_releaseDriverOfDeadThread()
+{
+    if (!_running && !_connectedThread.isRunning())
+        _releaseDriver();
+}
+
+// The state of a communication whose thread was just started, and waits for the mutex.
+void UsbHAL::_beginCommunication()
+{
+    _nextAction = firstHalf;
+    _running = true;
+    _startPending = false;
+    _resetWatchdog();
 }
 
 // Waits for the thread after it was asked to end, and kills it when it does not.
@@ -535,7 +553,7 @@ void UsbHAL::_endThread(QMutexLocker &locker)
     if (_releaseDriver()) {
         logLine("stop", QStringLiteral("USB driver closed"));
     } else {
-        _emitError(8, nullptr, locker);
+        _emitError(Error::CloseFailed, nullptr, locker);
         logLine("stop", QStringLiteral("ERROR: could not close USB driver !"));
     }
 }
@@ -556,6 +574,13 @@ bool UsbHAL::_waitForThread(QMutexLocker &locker, unsigned long time)
     return ended;
 }
 
+// In the core's thread as it ends: from no other could the timer be stopped.
+void UsbHAL::_retireMainLoopTimer()
+{
+    _mainLoopPeriod = 0;
+    _applyMainLoopPeriod();
+}
+
 // Starts the timer, or stops it with a period of 0, in the thread that it belongs to.
 void UsbHAL::_setMainLoopTimer(quint32 period)
 {
@@ -573,6 +598,8 @@ void UsbHAL::_applyMainLoopPeriod()
     if (period == 0) {
         _mainLoopTimer.stop();
     } else if (QAbstractEventDispatcher::instance()) {
+        connect(thread(), &QThread::finished, this, &UsbHAL::_retireMainLoopTimer,
+                Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
         _mainLoopTimer.setTimerType(Qt::PreciseTimer);
         _mainLoopTimer.setSingleShot(false);
         _mainLoopTimer.start(period);

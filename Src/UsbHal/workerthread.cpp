@@ -18,7 +18,7 @@ bool WorkerThread::startFor(UsbHAL *owner)
     _owner = owner;
     _arg = nullptr;
     start(QThread::InheritPriority);
-    return true;
+    return isRunning();
 }
 
 void WorkerThread::run()

@@ -5,8 +5,32 @@
 #include <QThread>
 
 #include <atomic>
+#include <pthread.h>
 
 class UsbHAL;
+
+/**
+ * While it lives, a kill of the thread that made it waits. For code that must not be left halfway;
+ * every thread may use it, and one within another.
+ */
+class CancellationBlocker
+{
+public:
+    CancellationBlocker() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_formerState); }
+    ~CancellationBlocker() { pthread_setcancelstate(_formerState, nullptr); }
+    Q_DISABLE_COPY(CancellationBlocker)
+
+    /** Lets a kill that waits happen here, unless an outer blocker holds it off. */
+    void testCancel() const
+    {
+        pthread_setcancelstate(_formerState, nullptr);
+        pthread_testcancel();
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    }
+
+private:
+    int _formerState = PTHREAD_CANCEL_ENABLE;
+};
 
 /** Thread that runs the communication function of a core. */
 class WorkerThread : public QThread
@@ -18,8 +42,8 @@ public:
     ~WorkerThread() override;
 
     /**
-     * Starts the thread for a core, from any thread. Returns false, and changes nothing, while it
-     * runs already.
+     * Starts the thread for a core, from any thread. Returns false while it runs already and when
+     * the system has no thread to give.
      */
     bool startFor(UsbHAL *owner);
 
