@@ -1,0 +1,419 @@
+// SPDX-License-Identifier: MIT
+#include "Node.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+
+namespace simnode {
+
+namespace {
+
+// Enough for a host that runs ahead a little; with more unread the host has to wait.
+constexpr std::size_t maxUnreadTransfers = 4;
+constexpr std::size_t maxInjectedTransfers = 1000;
+
+bool opensForReading(std::uint32_t flags)
+{
+    return (flags & O_ACCMODE) != O_WRONLY;
+}
+
+bool opensForWriting(std::uint32_t flags)
+{
+    return (flags & O_ACCMODE) != O_RDONLY;
+}
+
+} // namespace
+
+Node::Node(std::uint32_t firstHandle, bool timeoutIsError)
+    : _nextHandle(firstHandle),
+      _timeoutIsErrorAtStart(timeoutIsError),
+      _timeoutIsError(timeoutIsError)
+{
+}
+
+Node::FaultPlan Node::FaultPlan::next()
+{
+    const FaultPlan current = *this;
+    if (calls > 0 && --calls == 0)
+        *this = FaultPlan();
+    return current;
+}
+
+// ---- device side
+
+void Node::submit(CallId call, const DeviceRequest &request, const std::string &data, Time now)
+{
+    if (request.version != protocolVersion)
+        refuse(call, EPROTO);
+    else if (request.call == Call::Open)
+        submitOpen(call, request.argument);
+    else
+        submitToDescriptor(call, request, data, now);
+}
+
+void Node::submitToDescriptor(CallId call, const DeviceRequest &request, const std::string &data,
+                              Time now)
+{
+    const auto found = _descriptors.find(request.handle);
+    if (found == _descriptors.end()) {
+        refuse(call, ENODEV);
+        return;
+    }
+    switch (request.call) {
+    case Call::Read:
+        submitRead(call, found->second, request.argument, now);
+        return;
+    case Call::Write:
+        submitWrite(call, found->second, data, now);
+        return;
+    case Call::Ioctl:
+        submitIoctl(call, found->second, request);
+        return;
+    case Call::Open:
+        break;
+    }
+    refuse(call, EPROTO);
+}
+
+void Node::submitOpen(CallId call, std::uint32_t flags)
+{
+    ++_counters.opens;
+    runTriggers(Call::Open);
+    if (!_present) {
+        refuse(call, ENOENT);
+        return;
+    }
+    if (_openError != 0) {
+        refuse(call, _openError);
+        return;
+    }
+    while (_nextHandle == 0 || _descriptors.count(_nextHandle) != 0)
+        ++_nextHandle;
+    Descriptor descriptor;
+    descriptor.flags = flags;
+    _descriptors[_nextHandle] = descriptor;
+    _readTimeout = descriptor.readTimeout;
+    _writeTimeout = descriptor.writeTimeout;
+    answer(call, 0, {}, _nextHandle++);
+}
+
+void Node::submitRead(CallId call, const Descriptor &descriptor, std::size_t size, Time now)
+{
+    if (!opensForReading(descriptor.flags)) {
+        refuse(call, EBADF);
+        return;
+    }
+    ++_counters.reads;
+    runTriggers(Call::Read);
+    const FaultPlan plan = _readFaults.next();
+    if (plan.fault == Verb::Stuck)
+        return;
+    if (plan.fault == Verb::Fail) {
+        refuse(call, plan.error);
+        return;
+    }
+    const Time deadline = now + std::chrono::milliseconds(descriptor.readTimeout);
+    _waitingReads.push_back({call, size, deadline, plan.fault == Verb::Silent});
+    serveReads();
+}
+
+void Node::submitWrite(CallId call, const Descriptor &descriptor, const std::string &data, Time now)
+{
+    if (!opensForWriting(descriptor.flags)) {
+        refuse(call, EBADF);
+        return;
+    }
+    ++_counters.writes;
+    runTriggers(Call::Write);
+    const FaultPlan plan = _writeFaults.next();
+    if (plan.fault == Verb::Stuck)
+        return;
+    if (plan.fault == Verb::Fail) {
+        refuse(call, plan.error);
+        return;
+    }
+    // An empty packet on the host's socket would look like its end.
+    if (plan.fault == Verb::Zero || data.empty()) {
+        answer(call, 0);
+        return;
+    }
+    const std::size_t size = plan.fault == Verb::Short ? plan.bytes : data.size();
+    const Time deadline = now + std::chrono::milliseconds(descriptor.writeTimeout);
+    _waitingWrites.push_back({call, data.substr(0, size), deadline});
+}
+
+void Node::submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest &request)
+{
+    if (request.argument == setReadTimeoutRequest) {
+        descriptor.readTimeout = _readTimeout = request.value;
+        answer(call, 0);
+    } else if (request.argument == setWriteTimeoutRequest) {
+        descriptor.writeTimeout = _writeTimeout = request.value;
+        answer(call, 0);
+    } else {
+        refuse(call, ENOTTY);
+    }
+}
+
+void Node::abandon(CallId call)
+{
+    const auto isCall = [call](const auto &waiting) { return waiting.call == call; };
+    _waitingReads.erase(std::remove_if(_waitingReads.begin(), _waitingReads.end(), isCall),
+                        _waitingReads.end());
+    _waitingWrites.erase(std::remove_if(_waitingWrites.begin(), _waitingWrites.end(), isCall),
+                         _waitingWrites.end());
+}
+
+void Node::release(std::uint32_t handle)
+{
+    _descriptors.erase(handle);
+}
+
+std::vector<Node::Reply> Node::takeReplies()
+{
+    std::vector<Reply> replies;
+    replies.swap(_replies);
+    return replies;
+}
+
+void Node::answer(CallId call, std::int64_t result, std::string data, std::uint32_t handle)
+{
+    const DeviceReply header = {static_cast<std::int32_t>(result), 0, handle};
+    _replies.push_back({call, header, std::move(data)});
+}
+
+void Node::refuse(CallId call, int error)
+{
+    _replies.push_back({call, DeviceReply{-1, error, 0}, {}});
+}
+
+void Node::runTriggers(Call call)
+{
+    std::vector<Command> due;
+    for (Trigger &trigger : _triggers) {
+        if (trigger.call == call && --trigger.remaining == 0)
+            due.push_back(trigger.command);
+    }
+    const auto isOver = [](const Trigger &trigger) { return trigger.remaining == 0; };
+    _triggers.erase(std::remove_if(_triggers.begin(), _triggers.end(), isOver), _triggers.end());
+    for (const Command &command : due)
+        execute(command);
+}
+
+void Node::serveReads()
+{
+    auto read = _waitingReads.begin();
+    while (read != _waitingReads.end() && !_transfers.empty()) {
+        if (read->silent) {
+            ++read;
+            continue;
+        }
+        std::string piece = takePiece(read->size);
+        const std::size_t size = piece.size();
+        answer(read->call, static_cast<std::int64_t>(size), std::move(piece));
+        read = _waitingReads.erase(read);
+    }
+}
+
+// What one read gets: the first transfer, or the next piece of it.
+std::string Node::takePiece(std::size_t size)
+{
+    const std::string &transfer = _transfers.front();
+    if (_pieceSize != 0)
+        size = std::min<std::size_t>(size, _pieceSize);
+    std::string piece = transfer.substr(_readOffset, std::min(size, maxTransferSize));
+    _readOffset += piece.size();
+    if (_readOffset == transfer.size()) {
+        _transfers.pop_front();
+        _readOffset = 0;
+    }
+    return piece;
+}
+
+// ---- host side
+
+void Node::hostLeft()
+{
+    _hostConnected = false;
+    _transfers.clear();
+    _readOffset = 0;
+    _merged.clear();
+}
+
+bool Node::takesTransfers() const
+{
+    return _transfers.size() < maxUnreadTransfers;
+}
+
+void Node::transferFromHost(const std::string &transfer)
+{
+    if (transfer.empty())
+        return;
+    if (_toMerge == 0) {
+        _transfers.push_back(transfer);
+    } else {
+        _merged += transfer;
+        if (--_toMerge == 0) {
+            _transfers.push_back(std::move(_merged));
+            _merged.clear();
+        }
+    }
+    serveReads();
+}
+
+const std::string *Node::transferForHost() const
+{
+    return _hostConnected && !_waitingWrites.empty() ? &_waitingWrites.front().transfer : nullptr;
+}
+
+void Node::hostTookTransfer()
+{
+    const WaitingWrite &write = _waitingWrites.front();
+    answer(write.call, static_cast<std::int64_t>(write.transfer.size()));
+    _waitingWrites.pop_front();
+}
+
+// ---- control
+
+std::string Node::execute(const Command &command)
+{
+    switch (command.subject) {
+    case Subject::Node:
+        _present = command.verb == Verb::Present;
+        return "ok";
+    case Subject::Open:
+        _openError = command.verb == Verb::Fail ? command.error : 0;
+        return "ok";
+    case Subject::Read:
+        _readFaults = {command.verb, command.error, command.quantity, command.calls};
+        return "ok";
+    case Subject::Write:
+        _writeFaults = {command.verb, command.error, command.quantity, command.calls};
+        return "ok";
+    case Subject::Timeout:
+        _timeoutIsError = command.verb == Verb::Error;
+        return "ok";
+    case Subject::Cable:
+        setCable(command.verb == Verb::In);
+        return "ok";
+    case Subject::Merge:
+        startMerge(command.quantity);
+        return "ok";
+    case Subject::Split:
+        _pieceSize = command.quantity;
+        return "ok";
+    case Subject::Inject:
+        return inject(command.data);
+    case Subject::On:
+        _triggers.push_back({command.call, command.calls, *command.then});
+        return "ok";
+    case Subject::Wait:
+        return "error: a script can wait, a control command cannot; it should be: a line of a "
+               "script";
+    case Subject::Status:
+        return status();
+    case Subject::Reset:
+        reset();
+        return "ok";
+    }
+    return "error: unknown command";
+}
+
+void Node::setCable(bool in)
+{
+    _cableIn = in;
+    if (!in)
+        hostLeft();
+}
+
+// What an unfinished merge has gathered is delivered as it is.
+void Node::startMerge(std::uint32_t transfers)
+{
+    _toMerge = transfers;
+    if (_merged.empty())
+        return;
+    _transfers.push_back(std::move(_merged));
+    _merged.clear();
+    serveReads();
+}
+
+std::string Node::inject(const std::string &transfer)
+{
+    if (_transfers.size() >= maxInjectedTransfers)
+        return "error: " + std::to_string(maxInjectedTransfers) +
+               " transfers wait for the device; it should be: read them first";
+    transferFromHost(transfer);
+    return "ok";
+}
+
+void Node::reset()
+{
+    _present = true;
+    _cableIn = true;
+    _timeoutIsError = _timeoutIsErrorAtStart;
+    _openError = 0;
+    _readFaults = FaultPlan();
+    _writeFaults = FaultPlan();
+    _triggers.clear();
+    _counters = Counters();
+    _transfers.clear();
+    _readOffset = 0;
+    _merged.clear();
+    _toMerge = 0;
+    _pieceSize = 0;
+}
+
+std::string Node::status() const
+{
+    const auto pair = [](const char *key, std::uint64_t value) {
+        return std::string(" ") + key + "=" + std::to_string(value);
+    };
+    return std::string("ok node=") + (_present ? "present" : "missing") +
+           " cable=" + (_cableIn ? "in" : "out") + pair("host", _hostConnected ? 1 : 0) +
+           pair("opens", _counters.opens) + pair("reads", _counters.reads) +
+           pair("writes", _counters.writes) + pair("pending", _transfers.size()) +
+           pair("read_timeout", _readTimeout) + pair("write_timeout", _writeTimeout) +
+           pair("descriptors", _descriptors.size());
+}
+
+// ---- time
+
+void Node::advance(Time now)
+{
+    const auto endReads = [&](const WaitingRead &read) {
+        if (read.deadline > now)
+            return false;
+        if (_timeoutIsError)
+            refuse(read.call, ETIMEDOUT);
+        else
+            answer(read.call, 0);
+        return true;
+    };
+    const auto endWrites = [&](const WaitingWrite &write) {
+        if (write.deadline > now)
+            return false;
+        refuse(write.call, ETIMEDOUT);
+        return true;
+    };
+    _waitingReads.erase(std::remove_if(_waitingReads.begin(), _waitingReads.end(), endReads),
+                        _waitingReads.end());
+    _waitingWrites.erase(std::remove_if(_waitingWrites.begin(), _waitingWrites.end(), endWrites),
+                         _waitingWrites.end());
+}
+
+std::optional<Node::Time> Node::nextDeadline() const
+{
+    std::optional<Time> next;
+    const auto consider = [&next](Time deadline) {
+        if (!next || deadline < *next)
+            next = deadline;
+    };
+    for (const WaitingRead &read : _waitingReads)
+        consider(read.deadline);
+    for (const WaitingWrite &write : _waitingWrites)
+        consider(write.deadline);
+    return next;
+}
+
+} // namespace simnode

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: MIT
+#include "Program.h"
+
+#include "DeviceProtocol.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <spawn.h>
+#include <unistd.h>
+
+namespace simnode {
+
+namespace {
+
+constexpr const char *preloadFileName = "libsimnode-preload.so";
+
+using Environment = std::map<std::string, std::string>;
+
+Environment currentEnvironment()
+{
+    Environment environment;
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const std::size_t separator = text.find('=');
+        if (separator != std::string::npos)
+            environment[text.substr(0, separator)] = text.substr(separator + 1);
+    }
+    return environment;
+}
+
+void append(std::string &list, const std::string &item)
+{
+    list += (list.empty() ? "" : ":") + item;
+}
+
+Environment programEnvironment(const std::string &directory, const std::string &preloadLibrary)
+{
+    Environment environment = currentEnvironment();
+    environment[directoryVariable] = directory;
+    append(environment["LD_PRELOAD"], preloadLibrary);
+    // AddressSanitizer else refuses to start behind a preloaded library.
+    append(environment["ASAN_OPTIONS"], "verify_asan_link_order=0");
+    return environment;
+}
+
+std::vector<char *> pointersTo(std::vector<std::string> &texts)
+{
+    std::vector<char *> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (std::string &text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+class SpawnAttributes
+{
+public:
+    // The daemon blocks the signals it waits for; the program starts with none blocked.
+    SpawnAttributes()
+    {
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_init(&_attributes);
+        posix_spawnattr_setsigmask(&_attributes, &none);
+        posix_spawnattr_setflags(&_attributes, POSIX_SPAWN_SETSIGMASK);
+    }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&_attributes); }
+    SpawnAttributes(const SpawnAttributes &) = delete;
+    SpawnAttributes &operator=(const SpawnAttributes &) = delete;
+
+    const posix_spawnattr_t *get() const { return &_attributes; }
+
+private:
+    posix_spawnattr_t _attributes;
+};
+
+} // namespace
+
+std::string findPreloadLibrary()
+{
+    const char *chosen = std::getenv("SIMNODE_PRELOAD");
+    if (chosen != nullptr && *chosen != '\0')
+        return std::filesystem::absolute(chosen).string();
+    const std::filesystem::path here =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    for (const std::filesystem::path &folder : {here, here / SIMNODE_PRELOAD_FROM_BINDIR}) {
+        const std::filesystem::path candidate = (folder / preloadFileName).lexically_normal();
+        if (std::filesystem::exists(candidate))
+            return candidate.string();
+    }
+    throw std::runtime_error(std::string("cannot find ") + preloadFileName + " near " +
+                             here.string() + "; set SIMNODE_PRELOAD to its path");
+}
+
+pid_t startProgram(const std::vector<std::string> &commandLine, const std::string &directory,
+                   const std::string &preloadLibrary)
+{
+    std::vector<std::string> arguments = commandLine;
+    std::vector<std::string> environment;
+    for (const auto &[name, value] : programEnvironment(directory, preloadLibrary))
+        environment.push_back(std::string(name).append("=").append(value));
+    const SpawnAttributes attributes;
+    pid_t process = 0;
+    const int error = posix_spawnp(&process, commandLine.front().c_str(), nullptr, attributes.get(),
+                                   pointersTo(arguments).data(), pointersTo(environment).data());
+    if (error != 0)
+        throw CannotRun("cannot run " + commandLine.front() + ": " + std::strerror(error));
+    return process;
+}
+
+} // namespace simnode

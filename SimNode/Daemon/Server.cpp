@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: MIT
+#include "Server.h"
+
+#include "DeviceProtocol.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+namespace simnode {
+
+namespace {
+
+constexpr std::size_t maxConnections = 800; // below the usual limit of 1024 descriptors
+constexpr std::size_t maxPacketSize = 3 * maxTransferSize; // `inject` takes two digits a byte
+
+// A small buffer, so that a host that does not read soon stops the device as the bus would. The
+// kernel doubles the value; the largest transfer still fits.
+constexpr int hostSendBufferSize = static_cast<int>(maxTransferSize) / 2 + 1024;
+
+Node::Time now()
+{
+    return std::chrono::steady_clock::now();
+}
+
+bool hasEnded(short events)
+{
+    return (events & (POLLHUP | POLLRDHUP | POLLERR)) != 0;
+}
+
+bool wouldBlock(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+} // namespace
+
+Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
+    : _directory(directory),
+      _node(node),
+      _script(script),
+      _deviceListener((script.run(node, now()), directory.listenOn(deviceSocketName))),
+      _controlListener(directory.listenOn(controlSocketName)),
+      _hostListener(directory.listenOn(hostSocketName)),
+      _buffer(maxPacketSize, '\0')
+{
+    settle();
+}
+
+// Who did something before another did is served before that other, so that a cancelled call is
+// gone before the host's next transfer is looked at, and an unplugged host before a new one: what
+// is served first has been polled last.
+bool Server::serveOnce(int signals)
+{
+    PollSet polled = pollSet(signals);
+    if (poll(polled.entries.data(), polled.entries.size(), pollTimeout()) < 0)
+        return errno != EINTR && errno != EAGAIN;
+
+    for (std::size_t i = 0; i < polled.devices.size(); ++i)
+        serve(polled.devices[i], polled.events(polled.firstDevice() + i));
+    serveHost(polled.events(polled.host()));
+    if (polled.events(polled.hostListener()) != 0)
+        acceptHost();
+    for (std::size_t i = 0; i < polled.controls.size(); ++i)
+        serve(polled.controls[i], polled.events(PollSet::firstControl + i));
+    if (polled.events(PollSet::controlListener) != 0)
+        accept(_controlListener, Role::Control);
+    if (polled.events(PollSet::deviceListener) != 0)
+        accept(_deviceListener, Role::Device);
+    _script.run(_node, now());
+    settle();
+    return polled.events(PollSet::signals) != 0;
+}
+
+Server::PollSet Server::pollSet(int signals) const
+{
+    PollSet set;
+    const auto add = [&set](const FileDescriptor &socket, int events) {
+        set.entries.push_back({socket.get(), static_cast<short>(events | POLLRDHUP), 0});
+    };
+    const int whileThereIsRoom = _connections.size() < maxConnections ? POLLIN : 0;
+    set.entries.push_back({signals, POLLIN, 0});
+    add(_deviceListener, whileThereIsRoom);
+    add(_controlListener, whileThereIsRoom);
+    for (const auto &[id, connection] : _connections) {
+        if (connection.role == Role::Control) {
+            set.controls.push_back(id);
+            add(connection.socket, POLLIN);
+        }
+    }
+    const int fromHost = _node.takesTransfers() ? POLLIN : 0;
+    const int toHost = _node.transferForHost() != nullptr ? POLLOUT : 0;
+    add(_hostListener, POLLIN);
+    add(_host, fromHost | toHost);
+    for (const auto &[id, connection] : _connections) {
+        if (connection.role != Role::Control) {
+            set.devices.push_back(id);
+            add(connection.socket, POLLIN);
+        }
+    }
+    return set;
+}
+
+// In ms, rounded up: woken too early the loop would spin until the deadline.
+int Server::pollTimeout() const
+{
+    const std::optional<Node::Time> deadlines[] = {_node.nextDeadline(), _script.nextDeadline()};
+    int timeout = -1;
+    for (const std::optional<Node::Time> &deadline : deadlines) {
+        if (!deadline)
+            continue;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now()).count();
+        const int wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+        timeout = timeout < 0 ? wait : std::min(timeout, wait);
+    }
+    return timeout;
+}
+
+void Server::accept(const FileDescriptor &listener, Role role)
+{
+    FileDescriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.isOpen())
+        return;
+    Connection connection;
+    connection.socket = std::move(socket);
+    connection.role = role;
+    _connections.emplace(_nextId++, std::move(connection));
+}
+
+void Server::acceptHost()
+{
+    FileDescriptor socket(
+        accept4(_hostListener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.isOpen())
+        return;
+    if (_host.isOpen() || !_node.acceptsHost())
+        return;
+    setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &hostSendBufferSize, sizeof(int));
+    _host = std::move(socket);
+    _node.hostArrived();
+    settle();
+}
+
+void Server::serveHost(short events)
+{
+    if (hasEnded(events))
+        dropHost();
+    else if ((events & POLLIN) != 0)
+        takeTransfer();
+    settle();
+}
+
+void Server::takeTransfer()
+{
+    const ssize_t size = recv(_host.get(), _buffer.data(), _buffer.size(), MSG_TRUNC);
+    if (size > static_cast<ssize_t>(maxTransferSize)) {
+        std::fprintf(stderr, "simnode: the host sent a transfer of %zd bytes; at most %zu fit\n",
+                     size, maxTransferSize);
+        dropHost();
+    } else if (size >= 0) {
+        _node.transferFromHost(_buffer.substr(0, static_cast<std::size_t>(size)));
+    }
+}
+
+void Server::serve(ConnectionId id, short events)
+{
+    const auto found = _connections.find(id);
+    if (events == 0 || found == _connections.end())
+        return;
+    const Role role = found->second.role;
+    // A call whose thread is gone has no effect, even if its request was not yet looked at.
+    if (role != Role::Control && hasEnded(events)) {
+        end(id);
+        return;
+    }
+    const ssize_t size =
+        recv(found->second.socket.get(), _buffer.data(), _buffer.size(), MSG_TRUNC);
+    if (size < 0 && wouldBlock(errno))
+        return;
+    if (size <= 0 || size > static_cast<ssize_t>(_buffer.size())) {
+        end(id);
+        return;
+    }
+    const std::string_view packet(_buffer.data(), static_cast<std::size_t>(size));
+    if (role == Role::Control)
+        serveControl(id, packet);
+    else if (role == Role::Device)
+        serveDevice(id, packet);
+    settle();
+}
+
+void Server::serveDevice(ConnectionId id, std::string_view packet)
+{
+    DeviceRequest request;
+    if (packet.size() < sizeof(request) || packet.size() > sizeof(request) + maxTransferSize) {
+        end(id);
+        return;
+    }
+    std::memcpy(&request, packet.data(), sizeof(request));
+    _node.submit(id, request, std::string(packet.substr(sizeof(request))), now());
+}
+
+void Server::serveControl(ConnectionId id, std::string_view packet)
+{
+    const ParsedCommand parsed = parseCommand(packet);
+    const std::string answer =
+        parsed.command ? _node.execute(*parsed.command) : "error: " + parsed.error;
+    settle();
+    const ssize_t sent =
+        send(_connections.at(id).socket.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    if (sent < 0)
+        end(id);
+}
+
+void Server::end(ConnectionId id)
+{
+    const auto found = _connections.find(id);
+    if (found->second.role == Role::Device)
+        _node.abandon(id);
+    else if (found->second.role == Role::Descriptor)
+        _node.release(found->second.handle);
+    _connections.erase(found);
+}
+
+void Server::dropHost()
+{
+    _host.reset();
+    _node.hostLeft();
+}
+
+// Brings sockets and node into line after an event: transfers go out before time-outs are looked
+// at, so that a write with a time-out of 0 succeeds when the host has room.
+void Server::settle()
+{
+    followCable();
+    sendTransfers();
+    _node.advance(now());
+    sendReplies();
+}
+
+// With the cable out the socket's name stays and refuses connections.
+void Server::followCable()
+{
+    if (_host.isOpen() && !_node.hostConnected())
+        _host.reset();
+    if (!_node.acceptsHost())
+        _hostListener.reset();
+    else if (!_hostListener.isOpen())
+        _hostListener = _directory.listenOn(hostSocketName);
+}
+
+void Server::sendTransfers()
+{
+    while (const std::string *transfer = _node.transferForHost()) {
+        if (send(_host.get(), transfer->data(), transfer->size(), MSG_NOSIGNAL) >= 0) {
+            _node.hostTookTransfer();
+        } else {
+            if (!wouldBlock(errno))
+                dropHost();
+            return;
+        }
+    }
+}
+
+void Server::sendReplies()
+{
+    for (const Node::Reply &reply : _node.takeReplies())
+        sendReply(reply);
+}
+
+void Server::sendReply(const Node::Reply &reply)
+{
+    const auto found = _connections.find(reply.call);
+    if (found == _connections.end())
+        return;
+    iovec parts[2] = {{const_cast<DeviceReply *>(&reply.header), sizeof(reply.header)},
+                      {const_cast<char *>(reply.data.data()), reply.data.size()}};
+    msghdr message = {};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    const bool isSent = sendmsg(found->second.socket.get(), &message, MSG_NOSIGNAL) >= 0;
+    if (reply.header.handle == 0) {
+        _connections.erase(found);
+        return;
+    }
+    found->second.role = Role::Descriptor;
+    found->second.handle = reply.header.handle;
+    if (!isSent)
+        end(reply.call);
+}
+
+} // namespace simnode

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+#ifndef SIMNODE_SERVER_H
+#define SIMNODE_SERVER_H
+
+#include "FileDescriptor.h"
+#include "Node.h"
+#include "NodeDirectory.h"
+#include "ScriptRunner.h"
+
+#include <cstdint>
+#include <map>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace simnode {
+
+/// Carries packets between the folder's sockets and the node, in one poll loop.
+class Server
+{
+public:
+    /// Listens on the three sockets of `directory`, after the script's first commands were
+    /// executed. Throws std::runtime_error if a socket cannot be made. The references must outlive
+    /// the server.
+    Server(const NodeDirectory &directory, Node &node, ScriptRunner &script);
+
+    /// Waits for the next events and serves them. True if `signals` became readable.
+    bool serveOnce(int signals);
+
+private:
+    enum class Role { Device, Descriptor, Control };
+
+    struct Connection
+    {
+        FileDescriptor socket;
+        Role role;
+        std::uint32_t handle = 0; // of a Descriptor
+    };
+
+    using ConnectionId = Node::CallId;
+
+    // In the order of their polling: three fixed entries, the control connections, the host's two,
+    // and the device connections.
+    struct PollSet
+    {
+        static constexpr std::size_t signals = 0;
+        static constexpr std::size_t deviceListener = 1;
+        static constexpr std::size_t controlListener = 2;
+        static constexpr std::size_t firstControl = 3;
+
+        std::vector<pollfd> entries;
+        std::vector<ConnectionId> controls;
+        std::vector<ConnectionId> devices;
+
+        std::size_t hostListener() const { return firstControl + controls.size(); }
+        std::size_t host() const { return hostListener() + 1; }
+        std::size_t firstDevice() const { return host() + 1; }
+        short events(std::size_t index) const { return entries[index].revents; }
+    };
+
+    PollSet pollSet(int signals) const;
+    int pollTimeout() const;
+    void accept(const FileDescriptor &listener, Role role);
+    void acceptHost();
+    void serveHost(short events);
+    void takeTransfer();
+    void serve(ConnectionId id, short events);
+    void serveDevice(ConnectionId id, std::string_view packet);
+    void serveControl(ConnectionId id, std::string_view packet);
+    void end(ConnectionId id);
+    void dropHost();
+    void settle();
+    void followCable();
+    void sendTransfers();
+    void sendReplies();
+    void sendReply(const Node::Reply &reply);
+
+    const NodeDirectory &_directory;
+    Node &_node;
+    ScriptRunner &_script;
+    FileDescriptor _deviceListener;
+    FileDescriptor _controlListener;
+    FileDescriptor _hostListener;
+    FileDescriptor _host;
+    std::map<ConnectionId, Connection> _connections;
+    ConnectionId _nextId = 1;
+    std::string _buffer;
+};
+
+} // namespace simnode
+
+#endif

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: MIT
+#include "Command.h"
+#include "Node.h"
+#include "NodeDirectory.h"
+#include "Program.h"
+#include "ScriptRunner.h"
+#include "Server.h"
+#include "SimNodeControl.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <random>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+
+namespace {
+
+using namespace simnode;
+
+constexpr int exitFailure = 1;
+constexpr int exitUsage = 2;
+constexpr int exitCannotRun = 127; // as a shell
+
+struct Options
+{
+    std::string directory;
+    std::string scriptPath;
+    std::string timeoutResult = "zero";
+    std::vector<std::string> words;
+};
+
+// Text for the user about a script that cannot be used.
+struct ScriptError : std::runtime_error
+{
+    using std::runtime_error::runtime_error;
+};
+
+std::vector<Command> loadScript(const std::string &path)
+{
+    if (path.empty())
+        return {};
+    std::ifstream file(path, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
+    if (!file)
+        throw ScriptError("cannot read the script " + path);
+    ParsedScript script = parseScript(text);
+    if (!script.error.empty())
+        throw ScriptError(path + ", " + script.error);
+    return std::move(script.commands);
+}
+
+/// Takes the signals that end the daemon, or that tell of its child, as data.
+class Signals
+{
+public:
+    Signals()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD})
+            sigaddset(&set, number);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        _descriptor = FileDescriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    }
+
+    int descriptor() const { return _descriptor.get(); }
+
+    std::optional<signalfd_siginfo> next() const
+    {
+        signalfd_siginfo info;
+        if (read(_descriptor.get(), &info, sizeof(info)) != sizeof(info))
+            return std::nullopt;
+        return info;
+    }
+
+private:
+    FileDescriptor _descriptor;
+};
+
+/// Everything that a daemon consists of, from its folder to its sockets.
+struct Daemon
+{
+    explicit Daemon(const Options &options)
+        : script(loadScript(options.scriptPath)),
+          directory(options.directory),
+          node(std::random_device()(), options.timeoutResult == "error"),
+          server(directory, node, script)
+    {
+    }
+
+    Signals signals;
+    ScriptRunner script;
+    NodeDirectory directory;
+    Node node;
+    Server server;
+};
+
+int serve(const Options &options)
+{
+    Daemon daemon(options);
+    std::cout << "simnode ready in " << daemon.directory.path() << std::endl;
+    for (;;) {
+        if (!daemon.server.serveOnce(daemon.signals.descriptor()))
+            continue;
+        while (const std::optional<signalfd_siginfo> signal = daemon.signals.next()) {
+            if (signal->ssi_signo != SIGCHLD)
+                return EXIT_SUCCESS;
+        }
+    }
+}
+
+// The terminal's own signals reach the program without help.
+void passOn(const signalfd_siginfo &signal, pid_t program)
+{
+    if (signal.ssi_code != SI_KERNEL)
+        kill(program, static_cast<int>(signal.ssi_signo));
+}
+
+std::optional<int> exitStatus(pid_t program)
+{
+    int status = 0;
+    if (waitpid(program, &status, WNOHANG) != program)
+        return std::nullopt;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int run(const Options &options)
+{
+    const std::string preloadLibrary = findPreloadLibrary();
+    Daemon daemon(options);
+    const pid_t program = startProgram(options.words, daemon.directory.path(), preloadLibrary);
+    for (;;) {
+        if (!daemon.server.serveOnce(daemon.signals.descriptor()))
+            continue;
+        while (const std::optional<signalfd_siginfo> signal = daemon.signals.next()) {
+            if (signal->ssi_signo != SIGCHLD)
+                passOn(*signal, program);
+            else if (const std::optional<int> status = exitStatus(program))
+                return *status;
+        }
+    }
+}
+
+int control(const Options &options)
+{
+    std::string text;
+    for (const std::string &word : options.words)
+        text += (text.empty() ? "" : " ") + word;
+    const std::string answer = SimNodeControl(options.directory).command(text);
+    std::cout << answer << std::endl;
+    return answer.compare(0, 2, "ok") == 0 ? EXIT_SUCCESS : exitFailure;
+}
+
+void addNodeOptions(CLI::App *command, Options &options)
+{
+    command->add_option("--script", options.scriptPath, "Commands to execute from the start")
+        ->check(CLI::ExistingFile)
+        ->type_name("FILE");
+    command
+        ->add_option("--timeout-result", options.timeoutResult,
+                     "What a read returns after its time-out: 0, or -1 with ETIMEDOUT")
+        ->check(CLI::IsMember({"zero", "error"}))
+        ->capture_default_str();
+}
+
+CLI::Option *addDirectoryOption(CLI::App *command, Options &options, const std::string &help)
+{
+    return command->add_option("--dir", options.directory, help)->type_name("DIR");
+}
+
+CLI::App *addServe(CLI::App &application, Options &options)
+{
+    CLI::App *command = application.add_subcommand("serve", "Run the node until SIGINT or SIGTERM");
+    addDirectoryOption(command, options, "Folder of the node's sockets")->required();
+    addNodeOptions(command, options);
+    return command;
+}
+
+CLI::App *addRun(CLI::App &application, Options &options)
+{
+    CLI::App *command = application.add_subcommand(
+        "run", "Run a program with a node of its own: run [OPTIONS] -- PROGRAM ARG...");
+    addDirectoryOption(command, options,
+                       "Folder of the node's sockets; by default a new one, removed at the end");
+    addNodeOptions(command, options);
+    command->add_option("PROGRAM", options.words, "The program and its arguments, after --")
+        ->required();
+    return command;
+}
+
+CLI::App *addControl(CLI::App &application, Options &options)
+{
+    CLI::App *command = application.add_subcommand("control", "Send one command to a running node");
+    addDirectoryOption(command, options, "Folder of the node's sockets")->required();
+    command->add_option("COMMAND", options.words, "The command's words, for example: read fail EIO")
+        ->required();
+    return command;
+}
+
+int dispatch(const CLI::App &application, const Options &options)
+{
+    if (application.got_subcommand("serve"))
+        return serve(options);
+    if (application.got_subcommand("run"))
+        return run(options);
+    return control(options);
+}
+
+int parseAndDispatch(int argc, char **argv)
+{
+    Options options;
+    CLI::App application("A simulated /dev/brn7200 for machines without the hardware", "simnode");
+    application.failure_message(CLI::FailureMessage::help);
+    addServe(application, options);
+    addRun(application, options);
+    addControl(application, options);
+    try {
+        application.parse(argc, argv);
+        // Not left to the parser, which would hide a misspelt subcommand behind a missing one.
+        if (application.get_subcommands().empty())
+            throw CLI::RequiredError("A subcommand");
+    } catch (const CLI::ParseError &error) {
+        return application.exit(error) == 0 ? EXIT_SUCCESS : exitUsage;
+    }
+    return dispatch(application, options);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return parseAndDispatch(argc, argv);
+    } catch (const ScriptError &error) {
+        std::cerr << "simnode: " << error.what() << std::endl;
+        return exitUsage;
+    } catch (const CannotRun &error) {
+        std::cerr << "simnode: " << error.what() << std::endl;
+        return exitCannotRun;
+    } catch (const std::exception &error) {
+        std::cerr << "simnode: " << error.what() << std::endl;
+        return exitFailure;
+    }
+}

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+//
+// A program for the daemon's tests: opens the node, reads and goes on as its arguments say, and
+// tells on its standard output what it sees.
+
+#include "DeviceProtocol.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+int node = -1;
+
+void tell(const char *what, long result)
+{
+    std::printf("%s %ld %s\n", what, result, result == -1 ? strerrorname_np(errno) : "-");
+    std::fflush(stdout);
+}
+
+void perform(const char *call)
+{
+    std::array<char, 64> buffer = {};
+    if (std::strcmp(call, "open") == 0)
+        tell(call, (node = open(simnode::nodePath, O_RDWR)) < 0 ? -1 : 0);
+    else if (std::strcmp(call, "read") == 0)
+        tell(call, read(node, buffer.data(), buffer.size()));
+    else if (std::strcmp(call, "write") == 0)
+        tell(call, write(node, "x", 1));
+    else if (std::strcmp(call, "close") == 0)
+        tell(call, close(node));
+    else
+        tell("timeout", ioctl(node, simnode::setReadTimeoutRequest, std::atoi(call)));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i)
+        perform(argv[i]);
+}
