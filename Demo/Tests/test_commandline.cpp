@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: MIT
+#include "CommandLine.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QtTest>
+
+class CommandLineTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    void portsAndFilesAreRead();
+    void wrongCommandLinesAreRefusedWithTheirReason_data();
+    void wrongCommandLinesAreRefusedWithTheirReason();
+    void helpIsATextWithStatusZero();
+    void theProgramEndsWithStatusTwoOnAWrongCommandLine();
+
+private:
+    CommandLine parse(QStringList arguments) const
+    {
+        return parseCommandLine(QStringList{"/usr/bin/host"} +
+                                arguments.replaceInStrings("%", _file));
+    }
+
+    QTemporaryDir _folder;
+    QString _file;
+};
+
+void CommandLineTest::initTestCase()
+{
+    _file = _folder.filePath("file");
+    QFile file(_file);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+}
+
+void CommandLineTest::portsAndFilesAreRead()
+{
+    const CommandLine result =
+        parse({"--node", "/node", "--manager-output", "%", "--port", "7=%:%:/stored", "--port",
+               "0=%:%:/other", "--device-max-write", "500"});
+    QVERIFY2(result.run, qPrintable(result.text));
+    QCOMPARE(result.options.socketPath, QString("/node/host"));
+    QCOMPARE(result.options.managerOutput, _file);
+    QCOMPARE(result.options.deviceMaxWrite, 500);
+    QCOMPARE(result.options.ports.size(), 2);
+    QCOMPARE(result.options.ports[0].port, 7);
+    QCOMPARE(result.options.ports[0].toDevice, _file);
+    QCOMPARE(result.options.ports[0].stored, QString("/stored"));
+    QCOMPARE(result.options.ports[1].port, 0);
+}
+
+void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("reason");
+    const auto row = [](const char *name, const QStringList &arguments, const char *reason) {
+        QTest::newRow(name) << arguments << reason;
+    };
+    const QStringList node{"--node", "n"};
+    const QStringList both{"--node", "n", "--manager-output", "%"};
+    const QStringList all = both + QStringList{"--port", "1=%:%:s"};
+    row("nothing", {}, "--node DIR is missing");
+    row("unknown option", {"--nonsense"}, "Unknown option 'nonsense'.");
+    row("argument", all + QStringList{"word"}, "unexpected argument \"word\"");
+    row("no output", node, "--manager-output needs a file that can be read, not \"\"");
+    row("missing output", node + QStringList{"--manager-output", "/missing"}, "not \"/missing\"");
+    row("no port", both, "at least one --port N=TO_DEVICE:TO_HOST:STORED is needed");
+    row("port without number", both + QStringList{"--port", "=%:%:s"}, "N from 0 to 9999");
+    row("port without files", both + QStringList{"--port", "1"}, "not \"1\"");
+    row("port too large", both + QStringList{"--port", "10000=%:%:s"}, "N from 0 to 9999");
+    row("negative port", both + QStringList{"--port", "-1=%:%:s"}, "N from 0 to 9999");
+    row("two files", both + QStringList{"--port", "1=%:%"}, "N=TO_DEVICE:TO_HOST:STORED");
+    row("nowhere to store", both + QStringList{"--port", "1=%:%:"}, "N=TO_DEVICE:TO_HOST:STORED");
+    row("missing file", both + QStringList{"--port", "1=%:/missing:s"},
+        "--port 1: there is no file \"/missing\"");
+    row("port twice", all + QStringList{"--port", "1=%:%:t"}, "twice for port 1");
+    row("size as word", all + QStringList{"--device-max-write", "ten"},
+        "--device-max-write needs a whole number from 14 to 65536, not \"ten\"");
+    row("size too small", all + QStringList{"--device-max-write", "13"}, "not \"13\"");
+    row("size too large", all + QStringList{"--device-max-write", "65537"}, "not \"65537\"");
+}
+
+void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, reason);
+    const CommandLine result = parse(arguments);
+    QVERIFY(!result.run);
+    QCOMPARE(result.exitStatus, 2);
+    QVERIFY2(result.text.contains(reason), qPrintable(result.text));
+    QVERIFY(result.text.endsWith("Try \"host --help\".\n"));
+}
+
+void CommandLineTest::helpIsATextWithStatusZero()
+{
+    const CommandLine result = parse({"--help"});
+    QVERIFY(!result.run);
+    QCOMPARE(result.exitStatus, 0);
+    QVERIFY(result.text.contains("--manager-output"));
+}
+
+void CommandLineTest::theProgramEndsWithStatusTwoOnAWrongCommandLine()
+{
+    QProcess program;
+    program.start(DEMO_HOST, {"--node", "n"});
+    QVERIFY(program.waitForFinished(20000));
+    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(program.exitCode(), 2);
+    QVERIFY(program.readAllStandardError().contains("--manager-output needs"));
+    QCOMPARE(program.readAllStandardOutput(), QByteArray());
+}
+
+QTEST_GUILESS_MAIN(CommandLineTest)
+#include "test_commandline.moc"
