@@ -503,10 +503,12 @@ void UsbHAL::_restartStuckThread(QMutexLocker &locker)
         _updateStatus(DriverState::DISCONNECTED, locker);
     if (_epoch == epoch)
         _changeAllSocketsState(SocketState::DISCONNECTED, locker);
-    if (_epoch != epoch)
+    if (_epoch != epoch) {
         _releaseDriverOfDeadThread();
-    else if (_connectedThread.startFor(this))
+    } else if (_connectedThread.startFor(this)) {
         _beginCommunication();
+        _resetWatchdog();
+    }
 }
 
 void UsbHAL::_stopWorkerThread(unsigned long time)
@@ -538,7 +540,6 @@ void UsbHAL::_beginCommunication()
     _nextAction = firstHalf;
     _running = true;
     _startPending = false;
-    _resetWatchdog();
 }
 
 // Waits for the thread after it was asked to end, and kills it when it does not.

@@ -26,4 +26,7 @@ void WorkerThread::run()
     UsbHAL *const owner = _owner;
     owner->_connectedFunc(_arg);
     owner->_endOfConnectedThread();
+    // From here Qt takes the thread down, in destructors that close descriptors: a kill that struck
+    // one of those would end the process.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
