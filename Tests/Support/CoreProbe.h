@@ -17,11 +17,8 @@
 class CoreProbe : public UsbHAL
 {
 public:
-    explicit CoreProbe(const QSharedPointer<ScriptedDriver> &scripted =
-                           QSharedPointer<ScriptedDriver>(new ScriptedDriver))
-        : UsbHAL({scripted.staticCast<AbstractDriver>()}), driver(scripted)
-    {
-    }
+    CoreProbe();
+    explicit CoreProbe(const QSharedPointer<ScriptedDriver> &scripted);
 
     /** Plays the host when set, before the first open. */
     bool playsHost = false;

@@ -74,7 +74,8 @@ bool QWaitCondition::wait(QMutex *mutex, unsigned long time)
 
 // QtTest watches each test function from a thread of its own and meets it over a condition that
 // lives inside libQt5Test, where nothing can be annotated.
-extern "C" const char *__tsan_default_suppressions();
+// Exported: ThreadSanitizer looks it up by name.
+extern "C" Q_DECL_EXPORT const char *__tsan_default_suppressions();
 const char *__tsan_default_suppressions()
 {
     return "race:QWaitCondition::~QWaitCondition\n"

@@ -1,0 +1,30 @@
+include(CMakePackageConfigHelpers)
+
+set(USBHAL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/UsbHal)
+set(USBHAL_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(TARGETS UsbHal EXPORT UsbHalTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT usbhal)
+install(FILES ${PROJECT_SOURCE_DIR}/Src/UsbHal/UsbHalIntf.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/UsbHal COMPONENT usbhal)
+
+install(EXPORT UsbHalTargets NAMESPACE UsbHal::
+    DESTINATION ${USBHAL_CMAKE_DIR} COMPONENT usbhal)
+configure_package_config_file(
+    ${PROJECT_SOURCE_DIR}/cmake/UsbHalConfig.cmake.in ${PROJECT_BINARY_DIR}/UsbHalConfig.cmake
+    INSTALL_DESTINATION ${USBHAL_CMAKE_DIR}
+    NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/UsbHalConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/UsbHalConfig.cmake
+    ${PROJECT_BINARY_DIR}/UsbHalConfigVersion.cmake
+    DESTINATION ${USBHAL_CMAKE_DIR} COMPONENT usbhal)
+
+# The prefix is only known when the project is installed: usbhal.pc finds it from its own place.
+file(RELATIVE_PATH USBHAL_PREFIX_FROM_PKGCONFIG
+    ${CMAKE_INSTALL_PREFIX}/${USBHAL_PKGCONFIG_DIR} ${CMAKE_INSTALL_PREFIX})
+configure_file(
+    ${PROJECT_SOURCE_DIR}/cmake/usbhal.pc.in ${PROJECT_BINARY_DIR}/usbhal.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/usbhal.pc
+    DESTINATION ${USBHAL_PKGCONFIG_DIR} COMPONENT usbhal)
