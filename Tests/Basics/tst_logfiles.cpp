@@ -1,0 +1,438 @@
+// SPDX-License-Identifier: MIT
+#include "Background.h"
+#include "ConsoleCapture.h"
+#include "LogFolder.h"
+
+#include <UsbHalLog.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QRegularExpression>
+#include <QThread>
+#include <QtTest>
+
+namespace {
+
+const QString logName = QStringLiteral("UsbHal");
+
+int qtMessages = 0;
+
+void countQtMessage(QtMsgType, const QMessageLogContext &, const QString &)
+{
+    ++qtMessages;
+}
+
+qint32 reducedThreadId()
+{
+    return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
+}
+
+} // namespace
+
+/** Opening log files, keeping those of the run before, and the form of a line. */
+class LogFilesTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void aLineIsDateThreadFunctionNumberAndMessage();
+    void aLineCarriesTheDateOfTheCall();
+    void aLineNamesTheThreadThatLogs();
+    void aLineIsInUtf8();
+    void aLineIsInTheFileWhenLogReturns();
+    void theFirstFileHasNumberOne();
+    void theBaseNameIsTheOneGiven();
+    void theFolderIsTakenInAnySpelling_data();
+    void theFolderIsTakenInAnySpelling();
+    void missingFoldersAreCreatedWithTheirParents();
+    void aFolderThatCannotBeCreatedIsReplacedByTheWorkingFolder();
+    void filesOfTheRunBeforeAreKept();
+    void filesKeptBeforeAreRemoved();
+    void filesOfOthersStay();
+    void aKeptFileThatCannotBeRemovedIsIgnored();
+    void aFileThatCannotBeKeptIsIgnored();
+    void aFileInTheWayIsTruncated();
+    void aFailedOpenLeavesTheStateOfBefore();
+    void aSecondOpenGoesOnWithNumberAndCount();
+    void aSecondOpenClosesTheFileOfTheFirst();
+    void aSecondOpenMayMoveToAnotherFolder();
+    void theFileIsClosedWithTheLogger();
+    void theInstanceIsAlwaysTheSame();
+    void theMutexMayBeTakenTwiceByOneThread();
+    void aLineWaitsForTheMutex();
+    void theStateIsReadUnderTheMutex();
+};
+
+void LogFilesTest::aLineIsDateThreadFunctionNumberAndMessage()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.log(QStringLiteral("_openDrvInstance"), 74,
+            QStringLiteral("/dev/brn7200 successfully opened"));
+    const QStringList lines = folder.lines(1);
+    QCOMPARE(lines.size(), 1);
+    const QRegularExpression form(
+        "^\\d\\d-\\d\\d-\\d{4} \\d\\d:\\d\\d:\\d\\d:\\d{3} \\[THREAD -?\\d+\\] "
+        "\\[_openDrvInstance:74\\] /dev/brn7200 successfully opened$");
+    QVERIFY2(form.match(lines.first()).hasMatch(), qPrintable(lines.first()));
+}
+
+void LogFilesTest::aLineCarriesTheDateOfTheCall()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    const QDateTime before = QDateTime::currentDateTime();
+    log.log(QStringLiteral("a"), 1, QStringLiteral("text"));
+    const QDateTime after = QDateTime::currentDateTime();
+    const QString text = folder.lines(1).value(0).section(" [THREAD", 0, 0);
+    const QDateTime date = QDateTime::fromString(text, "dd-MM-yyyy hh:mm:ss:zzz");
+    QVERIFY2(date.isValid(), qPrintable(text));
+    QVERIFY(date >= before && date <= after);
+}
+
+void LogFilesTest::aLineNamesTheThreadThatLogs()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("main"));
+    const qint32 otherId = inBackground([&] {
+                               log.log(QStringLiteral("a"), 1, QStringLiteral("other"));
+                               return reducedThreadId();
+                           }).get();
+    QVERIFY(otherId != reducedThreadId());
+    const QStringList lines = folder.lines(1);
+    QCOMPARE(lines.size(), 2);
+    const QString tag = QStringLiteral(" [THREAD %1] [a:1] ");
+    QVERIFY2(lines.at(0).endsWith(tag.arg(reducedThreadId()) + "main"), qPrintable(lines.at(0)));
+    QVERIFY2(lines.at(1).endsWith(tag.arg(otherId) + "other"), qPrintable(lines.at(1)));
+}
+
+void LogFilesTest::aLineIsInUtf8()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.log(QString::fromUtf8("fünc"), 4294967295U, QString::fromUtf8("größe €"));
+    QVERIFY(folder.content("UsbHal1.log").endsWith("] [fünc:4294967295] größe €\n"));
+}
+
+void LogFilesTest::aLineIsInTheFileWhenLogReturns()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    QStringList expected;
+    for (int i = 0; i < 50; ++i) {
+        expected.append(QString::number(i));
+        log.log(QStringLiteral("a"), 1, expected.last());
+        QCOMPARE(folder.messages(1), expected);
+    }
+}
+
+void LogFilesTest::theFirstFileHasNumberOne()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(log.isLogCreated());
+    QCOMPARE(folder.names(), QStringList("UsbHal1.log"));
+    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
+}
+
+void LogFilesTest::theBaseNameIsTheOneGiven()
+{
+    const LogFolder folder;
+    QVERIFY(folder.write("Trace4.log", "before"));
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), QStringLiteral("Trace")));
+    QCOMPARE(folder.names(), QStringList({"Trace1.log", "Trace4.log.keep"}));
+}
+
+void LogFilesTest::theFolderIsTakenInAnySpelling_data()
+{
+    QTest::addColumn<QString>("folder");
+    QTest::addColumn<QString>("file");
+    QTest::newRow("no end") << "logs"
+                            << "logs/UsbHal1.log";
+    QTest::newRow("a slash at its end") << "logs/"
+                                        << "logs/UsbHal1.log";
+    QTest::newRow("a backslash at its end") << "logs\\"
+                                            << "logs/UsbHal1.log";
+    QTest::newRow("backslashes") << "C:\\logs\\x"
+                                 << "C:/logs/x/UsbHal1.log";
+    QTest::newRow("both") << "one\\two/three"
+                          << "one/two/three/UsbHal1.log";
+    QTest::newRow("the working folder") << "."
+                                        << "UsbHal1.log";
+    QTest::newRow("empty") << ""
+                           << "UsbHal1.log";
+}
+
+void LogFilesTest::theFolderIsTakenInAnySpelling()
+{
+    QFETCH(QString, folder);
+    QFETCH(QString, file);
+    const LogFolder root;
+    const WorkingDirectory directory(root.path());
+    UsbHalLog log;
+    QVERIFY(log.open(folder, logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("text"));
+    QCOMPARE(root.messages(file), QStringList("text"));
+}
+
+void LogFilesTest::missingFoldersAreCreatedWithTheirParents()
+{
+    const LogFolder root;
+    UsbHalLog log;
+    QVERIFY(log.open(root.file("one/two/three"), logName));
+    QVERIFY(QFile::exists(root.file("one/two/three/UsbHal1.log")));
+}
+
+void LogFilesTest::aFolderThatCannotBeCreatedIsReplacedByTheWorkingFolder()
+{
+    const LogFolder root;
+    const LogFolder working;
+    const WorkingDirectory directory(working.path());
+    QVERIFY(root.write("file", "not a folder"));
+    QVERIFY(working.write("UsbHal3.log", "before"));
+    UsbHalLog log;
+    ConsoleCapture console;
+    const bool opened = log.open(root.file("file/logs"), logName);
+    log.log(QStringLiteral("a"), 1, QStringLiteral("text"));
+    QCOMPARE(console.finish(), QByteArray());
+    QVERIFY(opened);
+    QCOMPARE(working.names(), QStringList({"UsbHal1.log", "UsbHal3.log.keep"}));
+    QCOMPARE(working.messages(1), QStringList("text"));
+    QCOMPARE(root.content("file"), QByteArray("not a folder"));
+}
+
+void LogFilesTest::filesOfTheRunBeforeAreKept()
+{
+    const LogFolder folder;
+    QVERIFY(folder.write("UsbHal1.log", "first"));
+    QVERIFY(folder.write("UsbHal2.log", "second"));
+    QVERIFY(folder.write("UsbHal30000.log", "last"));
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal1.log.keep", "UsbHal2.log.keep",
+                                          "UsbHal30000.log.keep"}));
+    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
+    QCOMPARE(folder.content("UsbHal1.log.keep"), QByteArray("first"));
+    QCOMPARE(folder.content("UsbHal2.log.keep"), QByteArray("second"));
+    QCOMPARE(folder.content("UsbHal30000.log.keep"), QByteArray("last"));
+}
+
+void LogFilesTest::filesKeptBeforeAreRemoved()
+{
+    const LogFolder folder;
+    QVERIFY(folder.write("UsbHal1.log", "new"));
+    QVERIFY(folder.write("UsbHal1.log.keep", "old"));
+    QVERIFY(folder.write("UsbHal7.log.keep", "old"));
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal1.log.keep"}));
+    QCOMPARE(folder.content("UsbHal1.log.keep"), QByteArray("new"));
+}
+
+void LogFilesTest::filesOfOthersStay()
+{
+    const LogFolder folder;
+    const QStringList others = {"Other1.log", "Other1.log.keep", "UsbHal1.txt", "UsbHal1.log.old",
+                                "notes"};
+    for (const QString &name : others)
+        QVERIFY(folder.write(name, name.toUtf8()));
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    for (const QString &name : others)
+        QCOMPARE(folder.content(name), name.toUtf8());
+    QCOMPARE(folder.names().size(), others.size() + 1);
+}
+
+void LogFilesTest::aKeptFileThatCannotBeRemovedIsIgnored()
+{
+    const LogFolder folder;
+    QVERIFY(folder.obstruct("UsbHal5.log.keep"));
+    QVERIFY(folder.write("UsbHal6.log.keep", "old"));
+    UsbHalLog log;
+    ConsoleCapture console;
+    const bool opened = log.open(folder.path(), logName);
+    QCOMPARE(console.finish(), QByteArray());
+    QVERIFY(opened);
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal5.log.keep"}));
+    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
+}
+
+void LogFilesTest::aFileThatCannotBeKeptIsIgnored()
+{
+    const LogFolder folder;
+    QVERIFY(folder.obstruct("UsbHal5.log.keep"));
+    QVERIFY(folder.write("UsbHal5.log", "before"));
+    QVERIFY(folder.write("UsbHal6.log", "before"));
+    UsbHalLog log;
+    ConsoleCapture console;
+    const bool opened = log.open(folder.path(), logName);
+    QCOMPARE(console.finish(), QByteArray());
+    QVERIFY(opened);
+    QCOMPARE(folder.names(),
+             QStringList({"UsbHal1.log", "UsbHal5.log", "UsbHal5.log.keep", "UsbHal6.log.keep"}));
+    QCOMPARE(folder.content("UsbHal5.log"), QByteArray("before"));
+}
+
+void LogFilesTest::aFileInTheWayIsTruncated()
+{
+    const LogFolder folder;
+    QVERIFY(folder.obstruct("UsbHal1.log.keep"));
+    QVERIFY(folder.write("UsbHal1.log", "of the run before\n"));
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("text"));
+    QCOMPARE(folder.messages(1), QStringList("text"));
+}
+
+void LogFilesTest::aFailedOpenLeavesTheStateOfBefore()
+{
+    const LogFolder good;
+    const LogFolder bad;
+    QVERIFY(bad.obstruct("UsbHal1.log"));
+    QVERIFY(bad.obstruct("UsbHal1.log.keep"));
+    UsbHalLog log;
+    QVERIFY(!log.open(bad.path(), logName));
+    QVERIFY(!log.isLogCreated());
+    QVERIFY(log.open(good.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("good"));
+    QVERIFY(log.open(bad.path(), logName));
+    QVERIFY(log.isLogCreated());
+    log.log(QStringLiteral("a"), 1, QStringLiteral("nowhere"));
+    QVERIFY(log.open(good.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("good again"));
+    QCOMPARE(good.messages("UsbHal1.log.keep"), QStringList("good"));
+    QCOMPARE(good.messages(1), QStringList("good again"));
+}
+
+void LogFilesTest::aSecondOpenGoesOnWithNumberAndCount()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    ParamHal param;
+    param.maxLogLines = 3;
+    log.setupConfig(param);
+    QVERIFY(log.open(folder.path(), logName));
+    for (int i = 1; i <= 5; ++i)
+        log.log(QStringLiteral("a"), 1, QString::number(i));
+    QCOMPARE(folder.messages(2), QStringList({"4", "5"}));
+
+    QVERIFY(log.open(folder.path(), logName));
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log.keep", "UsbHal2.log", "UsbHal2.log.keep"}));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("6"));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("7"));
+    QCOMPARE(folder.messages("UsbHal2.log.keep"), QStringList({"4", "5"}));
+    QCOMPARE(folder.messages(2), QStringList("6"));
+    QCOMPARE(folder.messages(3),
+             QStringList({"7", "failed to remove log file: " + folder.file(1)}));
+}
+
+void LogFilesTest::aSecondOpenClosesTheFileOfTheFirst()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("first"));
+    QCOMPARE(folder.openDescriptors(), 1);
+    qtMessages = 0;
+    const QtMessageHandler former = qInstallMessageHandler(countQtMessage);
+    const bool opened = log.open(folder.path(), logName);
+    qInstallMessageHandler(former);
+    QVERIFY(opened);
+    // Qt warns of a file that gets a new name while it is open.
+    QCOMPARE(qtMessages, 0);
+    QCOMPARE(folder.openDescriptors(), 1);
+    log.log(QStringLiteral("a"), 1, QStringLiteral("second"));
+    QCOMPARE(folder.messages("UsbHal1.log.keep"), QStringList("first"));
+    QCOMPARE(folder.messages(1), QStringList("second"));
+}
+
+void LogFilesTest::aSecondOpenMayMoveToAnotherFolder()
+{
+    const LogFolder first;
+    const LogFolder second;
+    UsbHalLog log;
+    QVERIFY(log.open(first.path(), logName));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("first"));
+    QVERIFY(log.open(second.path(), QStringLiteral("Trace")));
+    log.log(QStringLiteral("a"), 1, QStringLiteral("second"));
+    QCOMPARE(first.names(), QStringList("UsbHal1.log"));
+    QCOMPARE(first.messages(1), QStringList("first"));
+    QCOMPARE(second.messages("Trace1.log"), QStringList("second"));
+}
+
+void LogFilesTest::theFileIsClosedWithTheLogger()
+{
+    const LogFolder folder;
+    {
+        UsbHalLog log;
+        QVERIFY(log.open(folder.path(), logName));
+        QCOMPARE(folder.openDescriptors(), 1);
+    }
+    QCOMPARE(folder.openDescriptors(), 0);
+}
+
+void LogFilesTest::theInstanceIsAlwaysTheSame()
+{
+    UsbHalLog *log = UsbHalLog::getInstance();
+    QVERIFY(log != nullptr);
+    QCOMPARE(UsbHalLog::getInstance(), log);
+    const QMetaObject *meta = log->metaObject();
+    QCOMPARE(meta->className(), "UsbHalLog");
+    QCOMPARE(meta->methodCount(), QObject::staticMetaObject.methodCount());
+    QCOMPARE(meta->propertyCount(), QObject::staticMetaObject.propertyCount());
+}
+
+void LogFilesTest::theMutexMayBeTakenTwiceByOneThread()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    QMutex *mutex = log.getLogMutex();
+    QVERIFY(mutex->isRecursive());
+    mutex->lock();
+    log.log(QStringLiteral("a"), 1, QStringLiteral("by the holder"));
+    mutex->unlock();
+    QCOMPARE(folder.messages(1), QStringList("by the holder"));
+}
+
+void LogFilesTest::aLineWaitsForTheMutex()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.getLogMutex()->lock();
+    const auto line =
+        inBackground([&] { log.log(QStringLiteral("a"), 1, QStringLiteral("late")); });
+    const bool endedEarly = endsWithin(line, 100);
+    const QByteArray early = folder.content("UsbHal1.log");
+    log.getLogMutex()->unlock();
+    QVERIFY(endsWithin(line, 5000));
+    QVERIFY(!endedEarly);
+    QCOMPARE(early, QByteArray());
+    QCOMPARE(folder.messages(1), QStringList("late"));
+}
+
+void LogFilesTest::theStateIsReadUnderTheMutex()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    log.getLogMutex()->lock();
+    auto created = inBackground([&] { return log.isLogCreated(); });
+    const bool endedEarly = endsWithin(created, 100);
+    log.getLogMutex()->unlock();
+    QVERIFY(endsWithin(created, 5000));
+    QVERIFY(!endedEarly);
+    QVERIFY(created.get());
+}
+
+QTEST_GUILESS_MAIN(LogFilesTest)
+#include "tst_logfiles.moc"

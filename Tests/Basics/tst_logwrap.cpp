@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+#include "ConsoleCapture.h"
+#include "LogFolder.h"
+
+#include <UsbHalLog.h>
+
+#include <QtTest>
+
+namespace {
+
+/** Logs the numbers from first to last, one a line. */
+void logNumbers(UsbHalLog &log, int first, int last)
+{
+    for (int i = first; i <= last; ++i)
+        log.log(QStringLiteral("count"), 1, QString::number(i));
+}
+
+/** Leaves the logger in its file 30000, with one line in each file. */
+void fill30000Files(UsbHalLog &log, const LogFolder &folder)
+{
+    ParamHal param;
+    param.maxLogLines = 1;
+    log.setupConfig(param);
+    QVERIFY(log.open(folder.path(), QStringLiteral("UsbHal")));
+    logNumbers(log, 1, 30000);
+    QCOMPARE(folder.names(), QStringList({"UsbHal29999.log", "UsbHal30000.log"}));
+}
+
+} // namespace
+
+/** What follows the file with the highest number. */
+class LogWrapTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void theNumberAfter30000Is1();
+    void aStoppedLogTellsNothingWhenNumberOneFails();
+};
+
+void LogWrapTest::theNumberAfter30000Is1()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    fill30000Files(log, folder);
+    logNumbers(log, 30001, 30001);
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal30000.log"}));
+    QCOMPARE(folder.messages(1), QStringList("30001"));
+    logNumbers(log, 30002, 30002);
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal2.log", "UsbHal30000.log"}));
+    logNumbers(log, 30003, 30003);
+    QCOMPARE(folder.names(), QStringList({"UsbHal2.log", "UsbHal3.log", "UsbHal30000.log"}));
+    QCOMPARE(folder.messages(30000), QStringList("30000"));
+}
+
+void LogWrapTest::aStoppedLogTellsNothingWhenNumberOneFails()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    fill30000Files(log, folder);
+    QVERIFY(folder.obstruct("UsbHal1.log"));
+    ConsoleCapture console;
+    logNumbers(log, 30001, 30002);
+    QCOMPARE(console.finish(), QByteArray("USBHAL] count - 30002\n"));
+    QVERIFY(!log.isLogCreated());
+    QCOMPARE(folder.messages(30000), QStringList("30000"));
+    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal30000.log"}));
+}
+
+QTEST_GUILESS_MAIN(LogWrapTest)
+#include "tst_logwrap.moc"
