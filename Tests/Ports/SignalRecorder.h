@@ -32,7 +32,10 @@ public:
     QStringList all() const
     {
         const QMutexLocker locker(&_record->mutex);
-        return _record->signalTexts;
+        QStringList copies; // that share nothing with the record
+        for (const QString &text : qAsConst(_record->signalTexts))
+            copies.append(QString(text.constData(), text.size()));
+        return copies;
     }
 
     /** The signals since the last take(). */
@@ -63,7 +66,7 @@ private:
         void add(const QString &text)
         {
             QMutexLocker locker(&mutex);
-            signalTexts.append(text);
+            signalTexts.append(QString(text.constData(), text.size()));
             const Handler current = handler;
             locker.unlock();
             if (current)
