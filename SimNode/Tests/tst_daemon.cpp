@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "HostSocket.h"
 #include "SimNodeControl.h"
+#include "SimnodeProcess.h"
 
 #include <QtTest>
 
@@ -10,119 +11,7 @@
 
 using namespace simnode;
 
-namespace {
-
-constexpr int waitTime = 10000; // ms, for what has to happen
-
-struct Result
-{
-    int exitCode = -1;
-    QByteArray output;
-    QByteArray errors;
-};
-
-QProcessEnvironment cleanEnvironment()
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(directoryVariable);
-    environment.remove("LD_PRELOAD");
-    environment.remove("SIMNODE_PRELOAD");
-    return environment;
-}
-
-Result finish(QProcess &process)
-{
-    process.closeWriteChannel();
-    if (!process.waitForFinished(waitTime))
-        return {};
-    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2,
-            process.readAllStandardOutput(), process.readAllStandardError()};
-}
-
-Result runProgram(const QString &program, const QStringList &arguments,
-                  const QProcessEnvironment &environment = cleanEnvironment())
-{
-    QProcess process;
-    process.setProcessEnvironment(environment);
-    process.start(program, arguments);
-    return finish(process);
-}
-
-Result runSimnode(const QStringList &arguments)
-{
-    return runProgram(SIMNODE_EXECUTABLE, arguments);
-}
-
-/// A `simnode serve` that is ready.
-class Daemon
-{
-public:
-    explicit Daemon(const QString &directory, const QStringList &options = {})
-    {
-        process.setProcessEnvironment(cleanEnvironment());
-        process.start(SIMNODE_EXECUTABLE, QStringList{"serve", "--dir", directory} + options);
-        process.waitForReadyRead(waitTime);
-        readyLine = process.readAllStandardOutput();
-    }
-    ~Daemon()
-    {
-        process.kill();
-        process.waitForFinished();
-    }
-
-    bool isReady() const { return readyLine.startsWith("simnode ready in "); }
-
-    QProcess process;
-    QByteArray readyLine;
-};
-
-/// A program whose calls on the node go to the daemon of `directory`.
-class Probe
-{
-public:
-    Probe(const QString &directory, const QStringList &calls)
-    {
-        QProcessEnvironment environment = cleanEnvironment();
-        environment.insert(directoryVariable, directory);
-        environment.insert("LD_PRELOAD", SIMNODE_PRELOAD_LIBRARY);
-        QString options = environment.value("ASAN_OPTIONS");
-        options += (options.isEmpty() ? "" : ":") + QString("verify_asan_link_order=0");
-        environment.insert("ASAN_OPTIONS", options);
-        process.setProcessEnvironment(environment);
-        process.start(SIMNODE_PROBE, calls);
-    }
-
-    QByteArray output()
-    {
-        process.waitForFinished(waitTime);
-        return process.readAllStandardOutput();
-    }
-
-    QProcess process;
-};
-
-bool waitForStatus(const QString &directory, const char *key, const char *value)
-{
-    SimNodeControl control(directory.toStdString());
-    return QTest::qWaitFor([&] { return control.statusValue(key) == value; }, waitTime);
-}
-
-QString writeFile(const QTemporaryDir &folder, const QString &name, const QByteArray &text)
-{
-    QFile file(folder.filePath(name));
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
-        qFatal("cannot write %s", qPrintable(file.fileName()));
-    return file.fileName();
-}
-
-QStringList entriesOf(const QString &folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::System | QDir::Hidden |
-                                  QDir::NoDotAndDotDot);
-}
-
-} // namespace
-
+/// `simnode serve`: its folder, its script, and what meets its sockets.
 class TestDaemon : public QObject
 {
     Q_OBJECT
@@ -144,24 +33,8 @@ private slots:
     void anotherDaemonDoesNotKnowOldDescriptors();
     void hostTransfersBeyondTheLimitEndTheConnection();
     void packetsThatAreNoRequestsEndTheirConnection();
-    void runEndsWithTheStatusOfItsProgram_data();
-    void runEndsWithTheStatusOfItsProgram();
-    void runServesItsProgram();
-    void runRemovesOnlyAFolderOfItsOwn();
-    void runExtendsTheEnvironment();
-    void runPassesSignalsOn();
-    void runFindsTheInstalledPreloadLibrary();
-    void runTakesThePreloadLibraryFromTheEnvironment();
-    void runWithoutAPreloadLibrarySaysSo();
-    void controlTellsTheAnswerByItsExitStatus();
-    void controlWithoutADaemonFails();
-    void wrongCommandLinesSayHowTheyShouldBe_data();
-    void wrongCommandLinesSayHowTheyShouldBe();
-    void helpIsNoError();
     void theControlClientGivesUpOnASilentDaemon();
     void theControlClientReportsADaemonThatWentAway();
-    void thePreloadLibraryExportsTheWrappedNamesOnly();
-    void thePreloadLibraryNeedsTheCLibraryOnly();
 };
 
 void TestDaemon::serveTellsWhenItIsReady()
@@ -359,176 +232,6 @@ void TestDaemon::packetsThatAreNoRequestsEndTheirConnection()
     QVERIFY(waitForStatus(folder.path(), "descriptors", "0"));
 }
 
-void TestDaemon::runEndsWithTheStatusOfItsProgram_data()
-{
-    QTest::addColumn<QStringList>("program");
-    QTest::addColumn<int>("exitCode");
-    QTest::newRow("success") << QStringList{"true"} << 0;
-    QTest::newRow("failure") << QStringList{"sh", "-c", "exit 7"} << 7;
-    QTest::newRow("signal") << QStringList{"sh", "-c", "kill -KILL $$"} << 128 + SIGKILL;
-    QTest::newRow("no such program") << QStringList{"/no/such/program"} << 127;
-}
-
-void TestDaemon::runEndsWithTheStatusOfItsProgram()
-{
-    QFETCH(QStringList, program);
-    QFETCH(int, exitCode);
-    QCOMPARE(runSimnode(QStringList{"run", "--"} + program).exitCode, exitCode);
-}
-
-void TestDaemon::runServesItsProgram()
-{
-    const Result result =
-        runSimnode({"run", "--", SIMNODE_PROBE, "open", "10", "read", "close", "close"});
-    QCOMPARE(result.exitCode, 0);
-    QCOMPARE(result.output,
-             QByteArray("open 0 -\ntimeout 0 -\nread 0 -\nclose 0 -\nclose -1 EBADF\n"));
-    QCOMPARE(result.errors, QByteArray());
-}
-
-void TestDaemon::runRemovesOnlyAFolderOfItsOwn()
-{
-    QTemporaryDir folder;
-    QProcessEnvironment environment = cleanEnvironment();
-    environment.insert("TMPDIR", folder.path());
-    const QStringList print = {"--", "sh", "-c", "echo $SIMNODE_DIR; ls $SIMNODE_DIR"};
-    Result result = runProgram(SIMNODE_EXECUTABLE, QStringList{"run"} + print, environment);
-    QVERIFY2(result.output.startsWith(folder.path().toUtf8() + "/simnode-"), result.output);
-    QVERIFY2(result.output.endsWith("\ncontrol\ndevice\nhost\n"), result.output);
-    QCOMPARE(entriesOf(folder.path()), QStringList());
-
-    const QString directory = folder.filePath("kept");
-    result =
-        runProgram(SIMNODE_EXECUTABLE, QStringList{"run", "--dir", directory} + print, environment);
-    QCOMPARE(result.output, directory.toUtf8() + "\ncontrol\ndevice\nhost\n");
-    QCOMPARE(entriesOf(folder.path()), QStringList{"kept"});
-    QCOMPARE(entriesOf(directory), QStringList());
-}
-
-void TestDaemon::runExtendsTheEnvironment()
-{
-    QProcessEnvironment environment = cleanEnvironment();
-    environment.insert("LD_PRELOAD", "libdl.so.2");
-    environment.insert("ASAN_OPTIONS", "verify_asan_link_order=0:halt_on_error=1");
-    const Result result =
-        runProgram(SIMNODE_EXECUTABLE,
-                   {"run", "--", "sh", "-c", "echo $LD_PRELOAD; echo $ASAN_OPTIONS"}, environment);
-    QCOMPARE(result.output,
-             QByteArray("libdl.so.2:" SIMNODE_PRELOAD_LIBRARY
-                        "\nverify_asan_link_order=0:halt_on_error=1:verify_asan_link_order=0\n"));
-}
-
-void TestDaemon::runPassesSignalsOn()
-{
-    for (const int signal : {SIGINT, SIGTERM}) {
-        QProcess process;
-        process.setProcessEnvironment(cleanEnvironment());
-        process.start(SIMNODE_EXECUTABLE,
-                      {"run", "--", "sh", "-c",
-                       "trap 'echo INT; exit 3' INT; trap 'echo TERM; exit 4' TERM; echo ready; "
-                       "while :; do sleep 0.05; done"});
-        QVERIFY(process.waitForReadyRead(waitTime));
-        QCOMPARE(process.readAllStandardOutput(), QByteArray("ready\n"));
-        QCOMPARE(kill(static_cast<pid_t>(process.processId()), signal), 0);
-        const Result result = finish(process);
-        QCOMPARE(result.exitCode, signal == SIGINT ? 3 : 4);
-        QCOMPARE(result.output, QByteArray(signal == SIGINT ? "INT\n" : "TERM\n"));
-    }
-}
-
-void TestDaemon::runFindsTheInstalledPreloadLibrary()
-{
-    QTemporaryDir prefix;
-    QDir root(prefix.path());
-    QVERIFY(root.mkpath("bin"));
-    const QString libraries = QDir::cleanPath(root.filePath("bin/" SIMNODE_PRELOAD_FROM_BINDIR));
-    QVERIFY(root.mkpath(libraries));
-    QVERIFY(QFile::copy(SIMNODE_EXECUTABLE, root.filePath("bin/simnode")));
-    const QString library = libraries + "/libsimnode-preload.so";
-    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
-    const Result result =
-        runProgram(root.filePath("bin/simnode"), {"run", "--", "sh", "-c", "echo $LD_PRELOAD"});
-    QCOMPARE(result.output, library.toUtf8() + "\n");
-}
-
-void TestDaemon::runTakesThePreloadLibraryFromTheEnvironment()
-{
-    QTemporaryDir folder;
-    const QString library = folder.filePath("other.so");
-    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
-    QProcessEnvironment environment = cleanEnvironment();
-    environment.insert("SIMNODE_PRELOAD", library);
-    const Result result =
-        runProgram(SIMNODE_EXECUTABLE, {"run", "--", "sh", "-c", "echo $LD_PRELOAD"}, environment);
-    QCOMPARE(result.output, library.toUtf8() + "\n");
-}
-
-void TestDaemon::runWithoutAPreloadLibrarySaysSo()
-{
-    QTemporaryDir folder;
-    const QString alone = folder.filePath("simnode");
-    QVERIFY(QFile::copy(SIMNODE_EXECUTABLE, alone));
-    const Result result = runProgram(alone, {"run", "--", "true"});
-    QCOMPARE(result.exitCode, 1);
-    QVERIFY2(result.errors.contains("cannot find libsimnode-preload.so"), result.errors);
-    QVERIFY2(result.errors.contains("set SIMNODE_PRELOAD"), result.errors);
-}
-
-void TestDaemon::controlTellsTheAnswerByItsExitStatus()
-{
-    QTemporaryDir folder;
-    Daemon daemon(folder.path());
-    QVERIFY(daemon.isReady());
-    const Result good = runSimnode({"control", "--dir", folder.path(), "read", "fail", "EIO", "3"});
-    QCOMPARE(good.exitCode, 0);
-    QCOMPARE(good.output, QByteArray("ok\n"));
-    const Result bad = runSimnode({"control", "--dir", folder.path(), "read", "fail", "EFOO"});
-    QCOMPARE(bad.exitCode, 1);
-    QVERIFY2(bad.output.startsWith("error: 'EFOO' is no errno name"), bad.output);
-}
-
-void TestDaemon::controlWithoutADaemonFails()
-{
-    QTemporaryDir folder;
-    const Result result = runSimnode({"control", "--dir", folder.path(), "status"});
-    QCOMPARE(result.exitCode, 1);
-    QVERIFY2(result.errors.contains("no simnode serves " + folder.path().toUtf8()), result.errors);
-}
-
-void TestDaemon::wrongCommandLinesSayHowTheyShouldBe_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QByteArray>("why");
-    const auto row = [](const char *name, const QStringList &arguments, const char *why) {
-        QTest::newRow(name) << arguments << QByteArray(why);
-    };
-    row("no command", {}, "subcommand is required");
-    row("unknown command", {"fly"}, "fly");
-    row("unknown option", {"serve", "--dir", "x", "--fly"}, "--fly");
-    row("serve without a folder", {"serve"}, "--dir is required");
-    row("run without a program", {"run"}, "PROGRAM is required");
-    row("control without a folder", {"control", "status"}, "--dir is required");
-    row("control without a command", {"control", "--dir", "x"}, "COMMAND is required");
-    row("unknown result", {"run", "--timeout-result", "two", "--", "true"}, "two not in");
-}
-
-void TestDaemon::wrongCommandLinesSayHowTheyShouldBe()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QByteArray, why);
-    const Result result = runSimnode(arguments);
-    QCOMPARE(result.exitCode, 2);
-    QVERIFY2(result.errors.contains(why), result.errors);
-    QVERIFY2(result.errors.contains("Usage: simnode"), result.errors);
-}
-
-void TestDaemon::helpIsNoError()
-{
-    const Result result = runSimnode({"run", "--help"});
-    QCOMPARE(result.exitCode, 0);
-    QVERIFY2(result.output.contains("--timeout-result"), result.output);
-}
-
 void TestDaemon::theControlClientGivesUpOnASilentDaemon()
 {
     QTemporaryDir folder;
@@ -552,28 +255,6 @@ void TestDaemon::theControlClientReportsADaemonThatWentAway()
     QVERIFY(control.command("status").find("error: ") == 0);
     QVERIFY_EXCEPTION_THROWN(control.statusValue("node"), std::runtime_error);
     QVERIFY_EXCEPTION_THROWN(SimNodeControl(folder.path().toStdString()), std::runtime_error);
-}
-
-void TestDaemon::thePreloadLibraryExportsTheWrappedNamesOnly()
-{
-    const Result result =
-        runProgram("nm", {"-D", "--defined-only", "--format=posix", SIMNODE_PRELOAD_LIBRARY});
-    QCOMPARE(result.exitCode, 0);
-    QStringList names;
-    for (const QByteArray &line : result.output.trimmed().split('\n'))
-        names << QString::fromLatin1(line.left(line.indexOf(' ')));
-    names.sort();
-    QCOMPARE(names, (QStringList{"__open64_2", "__open_2", "__openat64_2", "__openat_2",
-                                 "__read_chk", "close", "ioctl", "open", "open64", "openat",
-                                 "openat64", "read", "write"}));
-}
-
-void TestDaemon::thePreloadLibraryNeedsTheCLibraryOnly()
-{
-    const Result result = runProgram("objdump", {"-p", SIMNODE_PRELOAD_LIBRARY});
-    QCOMPARE(result.exitCode, 0);
-    QVERIFY2(result.output.contains("NEEDED               libc.so.6"), result.output);
-    QCOMPARE(result.output.count("NEEDED"), 1);
 }
 
 QTEST_GUILESS_MAIN(TestDaemon)

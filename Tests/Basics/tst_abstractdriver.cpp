@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "DriverDefaults.h"
+
 #include <AbstractDriver.h>
 
 #include <QtTest>
@@ -33,22 +35,6 @@ public:
     using AbstractDriver::_selectedInstance;
     using AbstractDriver::_setDriverName;
 };
-
-namespace {
-
-/** The values that a fresh driver has, as a record. */
-ParamHal driverDefaults()
-{
-    ParamHal param;
-    param.maxReadSize = 10000;
-    param.maxWriteSize = 10000;
-    param.rdTimeout = 2000;
-    param.wrTimeout = 2000;
-    param.nbRetry = 4;
-    return param;
-}
-
-} // namespace
 
 class AbstractDriverTest : public QObject
 {

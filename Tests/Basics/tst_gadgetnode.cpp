@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "Background.h"
 #include "GadgetProbe.h"
 
+#include <Background.h>
 #include <LogCapture.h>
 #include <SeqPacketTransport.h>
 #include <SimNodeControl.h>
 #include <UsbHalLog.h>
+#include <WireMessages.h>
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -19,14 +20,6 @@ using hostpeer::TransferResult;
 namespace {
 
 constexpr std::chrono::seconds patience(5);
-
-QByteArray binaryBlock(int size)
-{
-    QByteArray block(size, '\0');
-    for (int i = 0; i < size; ++i)
-        block[i] = static_cast<char>(i * 7 % 256);
-    return block;
-}
 
 QSet<int> openDescriptors()
 {
@@ -181,7 +174,7 @@ void GadgetNodeTest::aNodeThatAppearsLaterIsOpened()
 void GadgetNodeTest::openingTakesASecondAndSetsTheTimeouts()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.rdTimeout = 1500;
     param.wrTimeout = 700;
     driver.setupConfig(param);
@@ -264,7 +257,7 @@ void GadgetNodeTest::theFirstReadWithDataSelectsTheNode()
 void GadgetNodeTest::aSilentReadEndsAfterTimeoutAndPause()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.rdTimeout = 500;
     driver.setupConfig(param);
     QVERIFY(driver.open());
@@ -282,7 +275,7 @@ void GadgetNodeTest::aSilentReadEndsAfterTimeoutAndPause()
 void GadgetNodeTest::aSilentReadWithAnErrorIsLogged()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.rdTimeout = 500;
     driver.setupConfig(param);
     QVERIFY(driver.open());
@@ -312,11 +305,11 @@ void GadgetNodeTest::aFailedReadIsLoggedAndTheNextOneDelivers()
 void GadgetNodeTest::aTransferBeyondTheReadSizeIsContinued()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.maxReadSize = 100;
     driver.setupConfig(param);
     select(driver);
-    const QByteArray transfer = binaryBlock(250);
+    const QByteArray transfer = patternBytes(250);
     sendFromHost(transfer);
     for (const int offset : {0, 100, 200}) {
         QByteArray block;
@@ -329,7 +322,7 @@ void GadgetNodeTest::aBlockOf12000BytesIsCutTo10000()
 {
     GadgetProbe driver;
     select(driver);
-    const QByteArray block = binaryBlock(12000);
+    const QByteArray block = patternBytes(12000);
     QCOMPARE(driver.write(block), 10000);
     QCOMPARE(receiveAtHost(), block.left(10000));
     QCOMPARE(driver.write("next"), 4);
@@ -342,7 +335,7 @@ void GadgetNodeTest::allBytesPassInBothDirections()
     GadgetProbe driver;
     select(driver);
     for (const int size : {1, 13, 255, 256, 9999, 10000}) {
-        const QByteArray transfer = binaryBlock(size);
+        const QByteArray transfer = patternBytes(size);
         sendFromHost(transfer);
         QByteArray block;
         QCOMPARE(driver.read(&block), size);
@@ -391,7 +384,7 @@ void GadgetNodeTest::aRefusedWriteFails()
 void GadgetNodeTest::aWriteWithoutAHostTimesOut()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.wrTimeout = 100;
     driver.setupConfig(param);
     select(driver);
@@ -432,7 +425,7 @@ void GadgetNodeTest::aReopenedNodeIsSelectedAfresh()
 void GadgetNodeTest::cancellingDoesNotDisturbARead()
 {
     GadgetProbe driver;
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.rdTimeout = 20000;
     driver.setupConfig(param);
     select(driver);

@@ -122,7 +122,7 @@ void GadgetOpenTest::configuredTimeoutsReachTheNodeAtTheNextOpen()
     GadgetProbe driver;
     QVERIFY(driver.open());
     _node.clearRecord();
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.rdTimeout = 1234;
     param.wrTimeout = 4000000000;
     driver.setupConfig(param);

@@ -236,7 +236,7 @@ void GadgetTransferTest::aReadFollowsTheConfiguredSize()
 {
     GadgetProbe driver;
     select(driver);
-    ParamHal param = GadgetProbe::defaults();
+    ParamHal param = driverDefaults();
     param.maxReadSize = 20000;
     driver.setupConfig(param);
     _node.reads = {FakeNode::data(QByteArray(20000, 'x'))};

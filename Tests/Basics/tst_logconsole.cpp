@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "Background.h"
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <Background.h>
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QtTest>
@@ -101,7 +102,7 @@ void LogConsoleTest::linesLeaveTheConsoleWithTheFirstOpen()
     UsbHalLog log;
     ConsoleCapture console;
     log.log(QStringLiteral("a"), 1, QStringLiteral("before"));
-    const bool opened = log.open(folder.path(), QStringLiteral("UsbHal"));
+    const bool opened = log.open(folder.path(), logName);
     log.log(QStringLiteral("a"), 2, QStringLiteral("after"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] a - before\n"));
     QVERIFY(opened);
@@ -116,7 +117,7 @@ void LogConsoleTest::linesStayOnTheConsoleWhenOpenFails()
     QVERIFY(folder.obstruct("UsbHal1.log.keep"));
     UsbHalLog log;
     ConsoleCapture console;
-    const bool opened = log.open(folder.path(), QStringLiteral("UsbHal"));
+    const bool opened = log.open(folder.path(), logName);
     log.log(QStringLiteral("a"), 1, QStringLiteral("after"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] a - after\n"));
     QVERIFY(!opened);

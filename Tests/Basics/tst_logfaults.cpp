@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QtTest>
@@ -14,8 +15,6 @@
 #include <vector>
 
 namespace {
-
-const QString logName = QStringLiteral("UsbHal");
 
 // Bytes of each write(2) that Qt makes for the logger, while it is watched.
 std::vector<size_t> writeSizes;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "Background.h"
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <Background.h>
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QDateTime>
@@ -12,8 +13,6 @@
 #include <QtTest>
 
 namespace {
-
-const QString logName = QStringLiteral("UsbHal");
 
 int qtMessages = 0;
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "Background.h"
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <Background.h>
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QRegularExpression>
@@ -10,20 +11,11 @@
 
 namespace {
 
-const QString logName = QStringLiteral("UsbHal");
-
 void limitLines(UsbHalLog &log, int maxLines)
 {
     ParamHal param;
     param.maxLogLines = maxLines;
     QCOMPARE(log.setupConfig(param), false);
-}
-
-/** Logs the numbers from first to last, one a line. */
-void logNumbers(UsbHalLog &log, int first, int last)
-{
-    for (int i = first; i <= last; ++i)
-        log.log(QStringLiteral("count"), 1, QString::number(i));
 }
 
 QStringList numbers(int first, int last)

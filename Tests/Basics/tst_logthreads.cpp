@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QRegularExpression>
@@ -13,8 +14,6 @@
 namespace {
 
 constexpr int threadCount = 8;
-const QString logName = QStringLiteral("UsbHal");
-
 /** Each of the threads logs "<thread> <number>", with the numbers from 1 to count. */
 void logFromThreads(UsbHalLog &log, int count)
 {

@@ -1,19 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "ConsoleCapture.h"
 #include "LogFolder.h"
+#include "LogLines.h"
 
+#include <ConsoleCapture.h>
 #include <UsbHalLog.h>
 
 #include <QtTest>
 
 namespace {
-
-/** Logs the numbers from first to last, one a line. */
-void logNumbers(UsbHalLog &log, int first, int last)
-{
-    for (int i = first; i <= last; ++i)
-        log.log(QStringLiteral("count"), 1, QString::number(i));
-}
 
 /** Leaves the logger in its file 30000, with one line in each file. */
 void fill30000Files(UsbHalLog &log, const LogFolder &folder)
@@ -21,7 +15,7 @@ void fill30000Files(UsbHalLog &log, const LogFolder &folder)
     ParamHal param;
     param.maxLogLines = 1;
     log.setupConfig(param);
-    QVERIFY(log.open(folder.path(), QStringLiteral("UsbHal")));
+    QVERIFY(log.open(folder.path(), logName));
     logNumbers(log, 1, 30000);
     QCOMPARE(folder.names(), QStringList({"UsbHal29999.log", "UsbHal30000.log"}));
 }

@@ -3,6 +3,7 @@
 #define LINKPROBE_H
 
 #include <CoreProbe.h>
+#include <WireMessages.h>
 
 #include <QTest>
 
@@ -77,11 +78,7 @@ public:
         : CoreProbe(recording), transfers(recording)
     {
     }
-    ~LinkProbe() override
-    {
-        release();
-        stop();
-    }
+    ~LinkProbe() override { shutDown(); }
 
     using UsbHAL::_configured;
     using UsbHAL::_delayRequested;
@@ -166,13 +163,14 @@ public:
     }
 
     const QSharedPointer<RecordingDriver> transfers;
-};
 
-/** A data message as it stands on the wire. */
-inline QByteArray dataMessage(int port, const QByteArray &payload)
-{
-    return "FADA" + QByteArray::number(payload.size() + 4).rightJustified(5, '0') +
-           QByteArray::number(port).rightJustified(4, '0') + payload;
-}
+protected:
+    /** Ends the thread wherever it waits: for the destructor of each class that a test makes. */
+    void shutDown()
+    {
+        release();
+        stop();
+    }
+};
 
 #endif

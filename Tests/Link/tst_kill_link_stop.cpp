@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "LinkProbe.h"
-#include "SignalRecorder.h"
 #include "WarningTrap.h"
+
+#include <SignalRecorder.h>
 
 #include <QSemaphore>
 #include <QThread>
@@ -26,11 +27,7 @@ public:
         param.threadStopTimeout = threadStopTimeout;
         setupConfig(param);
     }
-    ~ImpatientProbe() override
-    {
-        release();
-        stop();
-    }
+    ~ImpatientProbe() override { shutDown(); }
 
     /** A fresh start carries data in both directions, so no lock was left behind. */
     bool worksAgain(int port)
@@ -122,7 +119,7 @@ void KillStop::aThreadStuckInItsDriverIsKilled()
     QFETCH(bool, write);
     ImpatientProbe core;
     QVERIFY(core.connectIdle(1));
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     write ? core.driver->blockWrites() : core.driver->blockReads();
     QVERIFY(core.driver->waitForBlockedCall());
     core.stop();
@@ -171,12 +168,12 @@ void KillStop::aDriverThatRefusesToCloseAfterTheKillIsReported()
 {
     ImpatientProbe core;
     QVERIFY(core.connectIdle());
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->blockReads();
     core.driver->failCloses(1);
     QVERIFY(core.driver->waitForBlockedCall());
     core.stop();
-    QCOMPARE(recorder.all(), QStringList({"error(8, 0)", "stateChanged(DISCONNECTED)"}));
+    QCOMPARE(recorder.all(), QStringList({"error(8,0)", "stateChanged(DISCONNECTED)"}));
     QCOMPARE(core.logged("stop").last(), QString("ERROR: could not close USB driver !"));
     QVERIFY(core.log.contains("_onError: Failed to close driver ! Param = 0"));
     QCOMPARE(core._hwDriver, core.driver.data());

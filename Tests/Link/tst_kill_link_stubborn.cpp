@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "LinkProbe.h"
-#include "SignalRecorder.h"
 #include "WarningTrap.h"
+
+#include <SignalRecorder.h>
 
 #include <pthread.h>
 
@@ -45,7 +46,7 @@ void KillStubborn::aStopReportsAThreadThatCannotBeKilled()
     param.threadStopTimeout = 50;
     core.setupConfig(param);
     QVERIFY(core.connectIdle(1));
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->blockReads();
     QVERIFY(core.driver->waitForBlockedCall());
     core.stop();
@@ -57,9 +58,9 @@ void KillStubborn::aStopReportsAThreadThatCannotBeKilled()
     QCOMPARE(lines.mid(lines.indexOf(expected.first())), expected);
     QCOMPARE(recorder.all(), QStringList("stateChanged(DISCONNECTED)"));
 
-    recorder.clear();
+    recorder.take();
     QVERIFY(!core.openConnection(2));
-    QCOMPARE(recorder.all(), QStringList("error(7, 2)"));
+    QCOMPARE(recorder.all(), QStringList("error(7,2)"));
     QCOMPARE(core.driver->opens(), 1);
 
     core.release();
@@ -78,14 +79,14 @@ void KillStubborn::theWatchdogStartsNoSecondThread()
     param.threadStopTimeout = 50;
     core.setupConfig(param);
     QVERIFY(core.connectIdle(1));
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->blockReads();
     QVERIFY(core.log.waitFor(notKilled, 1, 15000));
-    QVERIFY(recorder.waitFor("socketStateChanged(1, DISCONNECTED)"));
+    QVERIFY(recorder.waitFor("socketStateChanged(1,DISCONNECTED)"));
     QVERIFY(core.isRunning());
     QCOMPARE(core.driver->opens(), 1);
     const QStringList expected = {"stateChanged(DISCONNECTED)", "disconnected(1)",
-                                  "socketStateChanged(1, DISCONNECTED)"};
+                                  "socketStateChanged(1,DISCONNECTED)"};
     QCOMPARE(recorder.all(), expected);
     // Once the thread can be ended, the watchdog starts it afresh.
     core.release();

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "LinkProbe.h"
-#include "SignalRecorder.h"
 #include "WarningTrap.h"
+
+#include <SignalRecorder.h>
 
 #include <thread>
 
@@ -122,7 +123,7 @@ void Open::failedOpensAreLoggedOnceAfterFiftyOne()
 void Open::failedOpensTouchNoPort()
 {
     LinkProbe core;
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.setupConfig(core.quietSetup());
     core.driver->failOpens(-1);
     QVERIFY(core.openConnection(1));
@@ -130,7 +131,7 @@ void Open::failedOpensTouchNoPort()
     QCOMPARE(core.socketStatus(1), SocketState::OPENED);
     QCOMPARE(core.driverName(), QString());
     QVERIFY(core.isRunning());
-    const QStringList expected = {"connected(1)", "socketStateChanged(1, OPENED)"};
+    const QStringList expected = {"connected(1)", "socketStateChanged(1,OPENED)"};
     QCOMPARE(recorder.all(), expected);
 }
 
@@ -216,13 +217,13 @@ void Open::aDriverThatStillRefusesToCloseIsOpenedAgain()
     QVERIFY(core.connectIdle());
     core.driver->failCloses(2);
     core.stop();
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     QVERIFY(core.openConnection(2));
     QVERIFY(core.waitForConnected(5000));
     QCOMPARE(core.driver->closes(), 2);
     QCOMPARE(core.driver->opens(), 2);
     QCOMPARE(core.log.count("_connectedFunc: Could not close USB driver !"), 2);
-    QVERIFY(!recorder.all().contains("error(8, 0)"));
+    QVERIFY(!recorder.all().contains("error(8,0)"));
 }
 
 void Open::aStopDuringAnOpenClosesTheDriver()

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "LinkProbe.h"
-#include "SignalRecorder.h"
 #include "WarningTrap.h"
+
+#include <SignalRecorder.h>
 
 namespace {
 
@@ -12,7 +13,7 @@ const QString closeRefused = "Could not close USB driver !";
 class EndingProbe : public LinkProbe
 {
 public:
-    ~EndingProbe() override { stop(); }
+    ~EndingProbe() override { shutDown(); }
     bool isHost() const override
     {
         if (endsAfterPass != 0 && _nextAction == 2 && _loopCounter > endsAfterPass)
@@ -97,12 +98,12 @@ void Reopen::aDriverThatRefusesToCloseIsReportedAndOpenedAgain()
     LinkProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
     QVERIFY(core.connectStepwise());
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->failCloses(1);
     const QStringList expected = {closeAfterLoss, closeRefused, "Try reopen driver...",
                                   "UsbHAL driver is opened"};
     QCOMPARE(_lose(core, expected.last()), expected);
-    QCOMPARE(recorder.all().last(), QString("error(8, 0)"));
+    QCOMPARE(recorder.all().last(), QString("error(8,0)"));
     QVERIFY(core.log.waitFor("_onError: Failed to close driver ! Param = 0"));
     QVERIFY(core.turn());
     QCOMPARE(core.status(), DriverState::CONNECTED);
@@ -145,7 +146,7 @@ void Reopen::theThreadClosesTheDriverAtItsEnd()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.stop();
     QCOMPARE(recorder.all(), QStringList("stateChanged(DISCONNECTED)"));
     QCOMPARE(core.driver->closes(), 1);
@@ -162,10 +163,10 @@ void Reopen::aDriverThatRefusesToCloseAtTheEndIsReported()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->failCloses(1);
     core.stop();
-    const QStringList expected = {"error(8, 0)", "stateChanged(DISCONNECTED)"};
+    const QStringList expected = {"error(8,0)", "stateChanged(DISCONNECTED)"};
     QCOMPARE(recorder.all(), expected);
     QCOMPARE(core.logged("_connectedFunc").last(), closeRefused);
     QVERIFY(core.log.waitFor("_onError: Failed to close driver ! Param = 0"));

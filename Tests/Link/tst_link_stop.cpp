@@ -1,23 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "LinkProbe.h"
-#include "SignalRecorder.h"
 #include "WarningTrap.h"
 
-#include <QThread>
+#include <Background.h>
+#include <SignalRecorder.h>
 
-#include <future>
+#include <QThread>
 
 namespace {
 
 const QString threadStopped = "stop: communication thread stopped";
 const QString stillRunning = "stop: communication thread still running";
 const QString watchdogStopped = "stop: watchdog stopped";
-
-template <typename Function>
-auto inThread(Function function)
-{
-    return std::async(std::launch::async, function);
-}
 
 } // namespace
 
@@ -58,7 +52,7 @@ void Stop::aCoreThatNeverRanIsStopped()
 {
     LinkProbe core;
     core.configure();
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.stop();
     QCOMPARE(recorder.all(), QStringList());
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
@@ -70,7 +64,7 @@ void Stop::aCoreThatNeverRanIsStopped()
 void Stop::anUnconfiguredCoreIsStopped()
 {
     LinkProbe core;
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.stop();
     core.stop();
     QCOMPARE(recorder.all(), QStringList());
@@ -84,7 +78,7 @@ void Stop::aStopWithoutALinkChangesNoState()
     core.setupConfig(core.quietSetup());
     QVERIFY(core.openConnection(1));
     QVERIFY(core.driver->waitForReads(3));
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.stop();
     QCOMPARE(recorder.all(), QStringList());
     QVERIFY(!core.isRunning());
@@ -97,7 +91,7 @@ void Stop::aStopLeavesThePortsAsTheyAre()
     QVERIFY(core.connectStepwise(1));
     QVERIFY(core.turn(dataMessage(1, "unread")));
     core.write(1, "unsent");
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.driver->setReadWait(5);
     core.driver->blockWrites();
     core.driver->failReads(-1);
@@ -134,7 +128,7 @@ void Stop::aSecondStopFindsNothingToDo()
     LinkProbe core;
     QVERIFY(core.connectIdle());
     core.stop();
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     core.stop();
     QCOMPARE(recorder.all(), QStringList());
     QCOMPARE(core.log.count(threadStopped), 2);
@@ -170,12 +164,12 @@ void Stop::aBlockedDriverIsCancelled()
 void Stop::twoThreadsMayStopAtOnce()
 {
     LinkProbe core;
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     for (int i = 0; i < 5; ++i) {
         QVERIFY(core.connectIdle());
-        recorder.clear();
-        auto first = inThread([&] { core.stop(); });
-        auto second = inThread([&] { core.stop(); });
+        recorder.take();
+        auto first = inBackground([&] { core.stop(); });
+        auto second = inBackground([&] { core.stop(); });
         first.get();
         second.get();
         QVERIFY(!core.isRunning());
@@ -313,9 +307,9 @@ void Stop::aPortThatIsStillOpenIsNotOpenedAgain()
     LinkProbe core;
     QVERIFY(core.connectIdle(1));
     core.stop();
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     QVERIFY(!core.openConnection(1));
-    QCOMPARE(recorder.all(), QStringList("error(4, 1)"));
+    QCOMPARE(recorder.all(), QStringList("error(4,1)"));
     QVERIFY(!core.isRunning());
     QVERIFY(core.openConnection(2));
     QVERIFY(core.waitForConnected(5000));
@@ -346,9 +340,9 @@ void Stop::anOpenDuringAStopStartsAfresh()
     QVERIFY(core.connectIdle(1));
     core.driver->blockReads();
     QVERIFY(core.driver->waitForBlockedCall());
-    auto stopping = inThread([&] { core.stop(); });
+    auto stopping = inBackground([&] { core.stop(); });
     QVERIFY(core.log.waitFor(watchdogStopped));
-    auto opening = inThread([&] { return core.openConnection(2); });
+    auto opening = inBackground([&] { return core.openConnection(2); });
     QVERIFY(core.log.waitFor("openConnection: opening driver", 2));
     core.driver->releaseReads();
     stopping.get();
@@ -371,16 +365,16 @@ void Stop::anOpenGivesUpOnAStopThatDoesNotEnd()
     std::shared_future<void> gone = go.get_future();
     const auto handler = QObject::connect(
         &core, &UsbHAL::stateChanged, &core, [&] { gone.wait(); }, Qt::DirectConnection);
-    auto stopped = inThread([&] { core.stop(); });
+    auto stopped = inBackground([&] { core.stop(); });
     QVERIFY(core.log.waitFor("_connectedFunc: USB driver closed"));
     core.locked([&](QMutexLocker &) { core._param.threadStopTimeout = 50; });
-    SignalRecorder recorder(core);
+    SignalRecorder recorder(&core);
     const bool opened = core.openConnection(2);
     go.set_value();
     stopped.get();
     QVERIFY(QObject::disconnect(handler));
     QVERIFY(!opened);
-    QVERIFY(recorder.all().contains("error(7, 2)"));
+    QVERIFY(recorder.all().contains("error(7,2)"));
     QCOMPARE(core.socketStatus(2), SocketState::CLOSED);
     QVERIFY(core.openConnection(2));
     QVERIFY(core.waitForConnected(5000));
@@ -402,7 +396,7 @@ void Stop::anOpenWaitsForTheThreadThatAHandlerStopped()
     core.driver->feed(dataMessage(1, "data"));
     QVERIFY(core.log.waitFor(watchdogStopped));
     QVERIFY(core.eventually([&] { return !core._running; }));
-    auto opening = inThread([&] { return core.openConnection(2); });
+    auto opening = inBackground([&] { return core.openConnection(2); });
     QVERIFY(core.log.waitFor("openConnection: opening driver", 2));
     go.set_value();
     QVERIFY(opening.get());

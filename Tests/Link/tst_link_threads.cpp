@@ -2,6 +2,8 @@
 #include "LinkProbe.h"
 #include "WarningTrap.h"
 
+#include <Background.h>
+
 #include <QAbstractEventDispatcher>
 #include <QThread>
 
@@ -53,12 +55,6 @@ private:
     std::vector<std::packaged_task<void()>> _tasks;
     const std::unique_ptr<QThread> _thread{QThread::create([this] { _handle(); })};
 };
-
-template <typename Function>
-auto inThread(Function function)
-{
-    return std::async(std::launch::async, function);
-}
 
 /** Waits without handling events, as a client without an event loop does. */
 template <typename Condition>
@@ -125,7 +121,7 @@ void Threads::anyThreadMayOpen()
 {
     QFETCH(bool, events);
     LinkProbe core;
-    QVERIFY(inThread([&] { return core.connectIdle(); }).get());
+    QVERIFY(inBackground([&] { return core.connectIdle(); }).get());
     if (events) {
         QTRY_VERIFY(core._mainLoopTimer.isActive());
         QCOMPARE(core._mainLoopTimer.interval(), 20);
@@ -133,7 +129,7 @@ void Threads::anyThreadMayOpen()
     QCOMPARE(core.status(), DriverState::CONNECTED);
     core.stop();
     QVERIFY(!core._mainLoopTimer.isActive());
-    QVERIFY(inThread([&] { return core.openConnection(2); }).get());
+    QVERIFY(inBackground([&] { return core.openConnection(2); }).get());
     QVERIFY(core.waitForConnected(5000));
 }
 
@@ -147,7 +143,7 @@ void Threads::anyThreadMayStop()
     QFETCH(bool, events);
     LinkProbe core;
     QVERIFY(core.connectIdle());
-    auto stopping = inThread([&] { core.stop(); });
+    auto stopping = inBackground([&] { core.stop(); });
     if (events)
         QTRY_VERIFY(!core._mainLoopTimer.isActive());
     stopping.get();
@@ -202,7 +198,7 @@ void Threads::aThreadThatEndsByItselfDoesNotWaitForEverOnTheTimer()
 
 void Threads::aCoreMayLiveInAThreadWithoutAnEventLoop()
 {
-    auto living = inThread([] {
+    auto living = inBackground([] {
         LinkProbe core;
         const bool used = useLink(core);
         core.stop();
@@ -254,7 +250,7 @@ void Threads::aCoreMayOutliveTheThreadThatMadeIt()
     if (loop)
         LoopThread().run(make);
     else
-        inThread(make).get();
+        inBackground(make).get();
     QVERIFY(opened);
     QCOMPARE(core->isRunning(), !stopped);
     QVERIFY(core->openConnection(2));

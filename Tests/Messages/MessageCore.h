@@ -3,6 +3,7 @@
 #define MESSAGECORE_H
 
 #include <CoreProbe.h>
+#include <WireMessages.h>
 
 #include <initializer_list>
 
@@ -20,7 +21,6 @@ public:
         driver->setHonoursCancel(true);
         driver->blockReads();
     }
-    // Here, since the communication thread asks isHost() of the whole object.
     ~MessageCore() override { stop(); }
 
     /** Configures from setup and opens the ports; the link stays down. */
@@ -74,16 +74,6 @@ public:
         return found;
     }
 
-    int queuedMessages(int port)
-    {
-        return locked([&](QMutexLocker &) { return _readQueues.value(port)->size(); });
-    }
-
-    quint32 bytesWaiting()
-    {
-        return locked([this](QMutexLocker &) { return _totalBytesWaitingRead; });
-    }
-
     bool peerBusy()
     {
         return locked([this](QMutexLocker &) { return _peerBusy; });
@@ -104,12 +94,5 @@ public:
 
     ParamHal setup;
 };
-
-/** A data message as the host frames it, written without the library's functions. */
-inline QByteArray dataMessage(int port, const QByteArray &payload)
-{
-    return "FADA" + QByteArray::number(payload.size() + 4).rightJustified(5, '0') +
-           QByteArray::number(port).rightJustified(4, '0') + payload;
-}
 
 #endif

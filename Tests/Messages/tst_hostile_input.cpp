@@ -105,9 +105,9 @@ private:
     {
         int framed = 0;
         const QByteArray buffer = _traffic.wellFormed(_model.openPorts(), framed);
-        const quint64 before = bytesQueued();
+        const quint64 before = _core.queuedBytes();
         const bool same = feed(buffer);
-        expect(bytesQueued() - before == static_cast<quint64>(framed),
+        expect(_core.queuedBytes() - before == static_cast<quint64>(framed),
                "the bytes delivered are not the bytes framed");
         return same && _difference.isEmpty();
     }
@@ -181,23 +181,11 @@ private:
         _model.loseLink();
     }
 
-    quint64 bytesQueued()
-    {
-        return _core.locked([this](QMutexLocker &) {
-            quint64 sum = 0;
-            for (const auto &queue : qAsConst(_core._readQueues)) {
-                for (const QByteArray &payload : qAsConst(*queue))
-                    sum += static_cast<quint64>(payload.size());
-            }
-            return sum;
-        });
-    }
-
     bool isSame()
     {
         compareLink();
         comparePorts();
-        const quint64 queued = bytesQueued();
+        const quint64 queued = _core.queuedBytes();
         expect(queued == _model.bytesHeld(), "the queues hold other bytes");
         expect(_core.bytesWaiting() == static_cast<quint32>(queued) + _model.remainder,
                "the counter is not what the queues hold");

@@ -19,14 +19,6 @@ QList<int> payloadSizes(const QList<QByteArray> &messages)
     return sizes;
 }
 
-QByteArray countedBytes(int size)
-{
-    QByteArray bytes(size, '\0');
-    for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>(i % 251);
-    return bytes;
-}
-
 } // namespace
 
 class MessageWritingTest : public QObject
@@ -81,7 +73,7 @@ void MessageWritingTest::theMessagesCarryTheBytesInTheirOrder()
     MessageCore core;
     core.setup.maxWriteSize = 1013;
     QVERIFY(core.start({7}));
-    const QByteArray data = countedBytes(2500);
+    const QByteArray data = patternBytes(2500);
     QCOMPARE(core.write(7, data), 2500);
     QCOMPARE(core.fifo(), (QList<QByteArray>{"FADA010040007" + data.left(1000),
                                              "FADA010040007" + data.mid(1000, 1000),
@@ -169,7 +161,7 @@ void MessageWritingTest::theLengthFieldNeverNeedsASixthDigit()
     MessageCore core;
     core.setup.maxWriteSize = std::numeric_limits<quint32>::max();
     QVERIFY(core.start());
-    const QByteArray data = countedBytes(100000);
+    const QByteArray data = patternBytes(100000);
     QCOMPARE(core.write(1, data), 100000);
     QCOMPARE(core.fifo(), (QList<QByteArray>{"FADA999990001" + data.left(99995),
                                              "FADA000090001" + data.mid(99995)}));

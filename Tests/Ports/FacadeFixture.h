@@ -3,8 +3,8 @@
 #define FACADEFIXTURE_H
 
 #include "HostEnd.h"
-#include "SignalRecorder.h"
 
+#include <SignalRecorder.h>
 #include <SimNodeControl.h>
 #include <UsbHalIntf.h>
 

@@ -2,9 +2,8 @@
 #ifndef PORTSPROBE_H
 #define PORTSPROBE_H
 
-#include "SignalRecorder.h"
-
 #include <CoreProbe.h>
+#include <SignalRecorder.h>
 
 /** A core with its signals recorded; the host is silent until it is told to talk. */
 class PortsProbe : public CoreProbe
@@ -59,11 +58,6 @@ public:
         return QTest::qWaitFor([this] { return isHandshaking(); });
     }
 
-    quint32 bytesWaiting()
-    {
-        return locked([this](QMutexLocker &) { return _totalBytesWaitingRead; });
-    }
-
     /** Puts a received message into a port's queue as the receive path does. */
     void storeMessage(int port, const QByteArray &payload)
     {
@@ -71,11 +65,6 @@ public:
             _readQueues.value(port)->enqueue(payload);
             _totalBytesWaitingRead += static_cast<quint32>(payload.size());
         });
-    }
-
-    int queuedMessages(int port)
-    {
-        return locked([&](QMutexLocker &) { return _readQueues.value(port)->size(); });
     }
 
     SignalRecorder signalsSeen;

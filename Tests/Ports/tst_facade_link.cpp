@@ -1,18 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "FacadeFixture.h"
 
+#include <WireMessages.h>
+
 namespace {
 
 constexpr int lossTimeout = 40000; // ms; a silent read of the node takes up to three seconds
-
-// Bytes of all values, different for each port.
-QByteArray pattern(int port, int size)
-{
-    QByteArray bytes(size, '\0');
-    for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>((i * 7 + i / 256 + port * 31) % 256);
-    return bytes;
-}
 
 // Sends bytes from the device and from the host over every port at once; the bytes that the host
 // received in earlier exchanges stand in before.
@@ -20,9 +13,9 @@ bool exchange(FacadeFixture &fixture, const QList<int> &ports, int size,
               const QHash<int, QByteArray> &before = {})
 {
     for (const int port : ports) {
-        if (fixture.facade->write(port, pattern(port, size)) != size)
+        if (fixture.facade->write(port, patternBytes(size, port)) != size)
             return false;
-        fixture.host.send(port, pattern(port + 100, size));
+        fixture.host.send(port, patternBytes(size, port + 100));
     }
     QHash<int, QByteArray> received;
     for (const int port : ports) {
@@ -32,11 +25,11 @@ bool exchange(FacadeFixture &fixture, const QList<int> &ports, int size,
                 return received[port].size() >= size;
             },
             20000);
-        if (!complete || received[port] != pattern(port + 100, size))
+        if (!complete || received[port] != patternBytes(size, port + 100))
             return false;
     }
     for (const int port : ports) {
-        if (!fixture.host.waitForReceived(port, before.value(port) + pattern(port, size)))
+        if (!fixture.host.waitForReceived(port, before.value(port) + patternBytes(size, port)))
             return false;
     }
     return true;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "SignalRecorder.h"
 
 #include <GadgetDriver.h>
+#include <SignalRecorder.h>
 #include <UsbHal.h>
 
 #include <QCoreApplication>

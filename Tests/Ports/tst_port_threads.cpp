@@ -92,18 +92,6 @@ void joinAll(std::vector<std::thread> &threads)
         thread.join();
 }
 
-quint32 queuedBytes(PortsProbe &core)
-{
-    return core.locked([&](QMutexLocker &) {
-        quint32 bytes = 0;
-        for (const auto &queue : qAsConst(core._readQueues)) {
-            for (const QByteArray &message : qAsConst(*queue))
-                bytes += static_cast<quint32>(message.size());
-        }
-        return bytes;
-    });
-}
-
 } // namespace
 
 class PortThreads : public QObject
@@ -136,7 +124,7 @@ void PortThreads::manyThreadsShareThePorts()
     QCOMPARE(tally.tooManyClients.load(), 0);
     QCOMPARE(core.nbClients(), static_cast<quint32>(tally.opened - tally.closed));
     core.stop();
-    QCOMPARE(core.bytesWaiting(), queuedBytes(core));
+    QCOMPARE(quint64(core.bytesWaiting()), core.queuedBytes());
     const QList<QByteArray> written = core.driver->writtenData();
     for (const QByteArray &block : written) {
         const usb_messages::DataMessage message = usb_messages::cutData(block);

@@ -19,6 +19,9 @@ class CoreProbe : public UsbHAL
 public:
     CoreProbe();
     explicit CoreProbe(const QSharedPointer<ScriptedDriver> &scripted);
+    // Here, since a thread at work asks isHost() of the whole object. For the same reason a derived
+    // class stops the core itself when its thread does not rest while it is destroyed.
+    ~CoreProbe() override { stop(); }
 
     /** Plays the host when set, before the first open. */
     bool playsHost = false;
@@ -88,6 +91,31 @@ public:
     bool receive(const QByteArray &buffer)
     {
         return locked([&](QMutexLocker &locker) { return _processAllMessages(buffer, locker); });
+    }
+
+    /** Messages that wait to be read from a port. */
+    int queuedMessages(int port)
+    {
+        return locked([&](QMutexLocker &) { return _readQueues.value(port)->size(); });
+    }
+
+    /** Bytes in the queues of all ports, counted one by one. */
+    quint64 queuedBytes()
+    {
+        return locked([this](QMutexLocker &) {
+            quint64 sum = 0;
+            for (const auto &queue : qAsConst(_readQueues)) {
+                for (const QByteArray &payload : qAsConst(*queue))
+                    sum += static_cast<quint64>(payload.size());
+            }
+            return sum;
+        });
+    }
+
+    /** Bytes that wait to be read, by the core's own counter. */
+    quint32 bytesWaiting()
+    {
+        return locked([this](QMutexLocker &) { return _totalBytesWaitingRead; });
     }
 
     const LogCapture log;

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: MIT
+#include "SimnodeProcess.h"
+
+#include <QtTest>
+
+#include <csignal>
+
+using namespace simnode;
+
+/// `simnode run` and `simnode control`, the command line, and the preload library.
+class TestProgram : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void runEndsWithTheStatusOfItsProgram_data();
+    void runEndsWithTheStatusOfItsProgram();
+    void runServesItsProgram();
+    void runRemovesOnlyAFolderOfItsOwn();
+    void runExtendsTheEnvironment();
+    void runPassesSignalsOn();
+    void runFindsTheInstalledPreloadLibrary();
+    void runTakesThePreloadLibraryFromTheEnvironment();
+    void runWithoutAPreloadLibrarySaysSo();
+    void controlTellsTheAnswerByItsExitStatus();
+    void controlWithoutADaemonFails();
+    void wrongCommandLinesSayHowTheyShouldBe_data();
+    void wrongCommandLinesSayHowTheyShouldBe();
+    void helpIsNoError();
+    void thePreloadLibraryExportsTheWrappedNamesOnly();
+    void thePreloadLibraryNeedsTheCLibraryOnly();
+};
+
+void TestProgram::runEndsWithTheStatusOfItsProgram_data()
+{
+    QTest::addColumn<QStringList>("program");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("success") << QStringList{"true"} << 0;
+    QTest::newRow("failure") << QStringList{"sh", "-c", "exit 7"} << 7;
+    QTest::newRow("signal") << QStringList{"sh", "-c", "kill -KILL $$"} << 128 + SIGKILL;
+    QTest::newRow("no such program") << QStringList{"/no/such/program"} << 127;
+}
+
+void TestProgram::runEndsWithTheStatusOfItsProgram()
+{
+    QFETCH(QStringList, program);
+    QFETCH(int, exitCode);
+    QCOMPARE(runSimnode(QStringList{"run", "--"} + program).exitCode, exitCode);
+}
+
+void TestProgram::runServesItsProgram()
+{
+    const Result result =
+        runSimnode({"run", "--", SIMNODE_PROBE, "open", "10", "read", "close", "close"});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.output,
+             QByteArray("open 0 -\ntimeout 0 -\nread 0 -\nclose 0 -\nclose -1 EBADF\n"));
+    QCOMPARE(result.errors, QByteArray());
+}
+
+void TestProgram::runRemovesOnlyAFolderOfItsOwn()
+{
+    QTemporaryDir folder;
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("TMPDIR", folder.path());
+    const QStringList print = {"--", "sh", "-c", "echo $SIMNODE_DIR; ls $SIMNODE_DIR"};
+    Result result = runProgram(SIMNODE_EXECUTABLE, QStringList{"run"} + print, environment);
+    QVERIFY2(result.output.startsWith(folder.path().toUtf8() + "/simnode-"), result.output);
+    QVERIFY2(result.output.endsWith("\ncontrol\ndevice\nhost\n"), result.output);
+    QCOMPARE(entriesOf(folder.path()), QStringList());
+
+    const QString directory = folder.filePath("kept");
+    result =
+        runProgram(SIMNODE_EXECUTABLE, QStringList{"run", "--dir", directory} + print, environment);
+    QCOMPARE(result.output, directory.toUtf8() + "\ncontrol\ndevice\nhost\n");
+    QCOMPARE(entriesOf(folder.path()), QStringList{"kept"});
+    QCOMPARE(entriesOf(directory), QStringList());
+}
+
+void TestProgram::runExtendsTheEnvironment()
+{
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("LD_PRELOAD", "libdl.so.2");
+    environment.insert("ASAN_OPTIONS", "verify_asan_link_order=0:halt_on_error=1");
+    const Result result =
+        runProgram(SIMNODE_EXECUTABLE,
+                   {"run", "--", "sh", "-c", "echo $LD_PRELOAD; echo $ASAN_OPTIONS"}, environment);
+    QCOMPARE(result.output,
+             QByteArray("libdl.so.2:" SIMNODE_PRELOAD_LIBRARY
+                        "\nverify_asan_link_order=0:halt_on_error=1:verify_asan_link_order=0\n"));
+}
+
+void TestProgram::runPassesSignalsOn()
+{
+    for (const int signal : {SIGINT, SIGTERM}) {
+        QProcess process;
+        process.setProcessEnvironment(cleanEnvironment());
+        process.start(SIMNODE_EXECUTABLE,
+                      {"run", "--", "sh", "-c",
+                       "trap 'echo INT; exit 3' INT; trap 'echo TERM; exit 4' TERM; echo ready; "
+                       "while :; do sleep 0.05; done"});
+        QVERIFY(process.waitForReadyRead(waitTime));
+        QCOMPARE(process.readAllStandardOutput(), QByteArray("ready\n"));
+        QCOMPARE(kill(static_cast<pid_t>(process.processId()), signal), 0);
+        const Result result = finish(process);
+        QCOMPARE(result.exitCode, signal == SIGINT ? 3 : 4);
+        QCOMPARE(result.output, QByteArray(signal == SIGINT ? "INT\n" : "TERM\n"));
+    }
+}
+
+void TestProgram::runFindsTheInstalledPreloadLibrary()
+{
+    QTemporaryDir prefix;
+    QDir root(prefix.path());
+    QVERIFY(root.mkpath("bin"));
+    const QString libraries = QDir::cleanPath(root.filePath("bin/" SIMNODE_PRELOAD_FROM_BINDIR));
+    QVERIFY(root.mkpath(libraries));
+    QVERIFY(QFile::copy(SIMNODE_EXECUTABLE, root.filePath("bin/simnode")));
+    const QString library = libraries + "/libsimnode-preload.so";
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    const Result result =
+        runProgram(root.filePath("bin/simnode"), {"run", "--", "sh", "-c", "echo $LD_PRELOAD"});
+    QCOMPARE(result.output, library.toUtf8() + "\n");
+}
+
+void TestProgram::runTakesThePreloadLibraryFromTheEnvironment()
+{
+    QTemporaryDir folder;
+    const QString library = folder.filePath("other.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
+    const Result result =
+        runProgram(SIMNODE_EXECUTABLE, {"run", "--", "sh", "-c", "echo $LD_PRELOAD"}, environment);
+    QCOMPARE(result.output, library.toUtf8() + "\n");
+}
+
+void TestProgram::runWithoutAPreloadLibrarySaysSo()
+{
+    QTemporaryDir folder;
+    const QString alone = folder.filePath("simnode");
+    QVERIFY(QFile::copy(SIMNODE_EXECUTABLE, alone));
+    const Result result = runProgram(alone, {"run", "--", "true"});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.errors.contains("cannot find libsimnode-preload.so"), result.errors);
+    QVERIFY2(result.errors.contains("set SIMNODE_PRELOAD"), result.errors);
+}
+
+void TestProgram::controlTellsTheAnswerByItsExitStatus()
+{
+    QTemporaryDir folder;
+    Daemon daemon(folder.path());
+    QVERIFY(daemon.isReady());
+    const Result good = runSimnode({"control", "--dir", folder.path(), "read", "fail", "EIO", "3"});
+    QCOMPARE(good.exitCode, 0);
+    QCOMPARE(good.output, QByteArray("ok\n"));
+    const Result bad = runSimnode({"control", "--dir", folder.path(), "read", "fail", "EFOO"});
+    QCOMPARE(bad.exitCode, 1);
+    QVERIFY2(bad.output.startsWith("error: 'EFOO' is no errno name"), bad.output);
+}
+
+void TestProgram::controlWithoutADaemonFails()
+{
+    QTemporaryDir folder;
+    const Result result = runSimnode({"control", "--dir", folder.path(), "status"});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.errors.contains("no simnode serves " + folder.path().toUtf8()), result.errors);
+}
+
+void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("why");
+    const auto row = [](const char *name, const QStringList &arguments, const char *why) {
+        QTest::newRow(name) << arguments << QByteArray(why);
+    };
+    row("no command", {}, "subcommand is required");
+    row("unknown command", {"fly"}, "fly");
+    row("unknown option", {"serve", "--dir", "x", "--fly"}, "--fly");
+    row("serve without a folder", {"serve"}, "--dir is required");
+    row("run without a program", {"run"}, "PROGRAM is required");
+    row("control without a folder", {"control", "status"}, "--dir is required");
+    row("control without a command", {"control", "--dir", "x"}, "COMMAND is required");
+    row("unknown result", {"run", "--timeout-result", "two", "--", "true"}, "two not in");
+}
+
+void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, why);
+    const Result result = runSimnode(arguments);
+    QCOMPARE(result.exitCode, 2);
+    QVERIFY2(result.errors.contains(why), result.errors);
+    QVERIFY2(result.errors.contains("Usage: simnode"), result.errors);
+}
+
+void TestProgram::helpIsNoError()
+{
+    const Result result = runSimnode({"run", "--help"});
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.output.contains("--timeout-result"), result.output);
+}
+
+void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
+{
+    const Result result =
+        runProgram("nm", {"-D", "--defined-only", "--format=posix", SIMNODE_PRELOAD_LIBRARY});
+    QCOMPARE(result.exitCode, 0);
+    QStringList names;
+    for (const QByteArray &line : result.output.trimmed().split('\n'))
+        names << QString::fromLatin1(line.left(line.indexOf(' ')));
+    names.sort();
+    QCOMPARE(names, (QStringList{"__open64_2", "__open_2", "__openat64_2", "__openat_2",
+                                 "__read_chk", "close", "ioctl", "open", "open64", "openat",
+                                 "openat64", "read", "write"}));
+}
+
+void TestProgram::thePreloadLibraryNeedsTheCLibraryOnly()
+{
+    const Result result = runProgram("objdump", {"-p", SIMNODE_PRELOAD_LIBRARY});
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.output.contains("NEEDED               libc.so.6"), result.output);
+    QCOMPARE(result.output.count("NEEDED"), 1);
+}
+
+QTEST_GUILESS_MAIN(TestProgram)
+#include "tst_program.moc"

@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+#include "LinkProbe.h"
+#include "WarningTrap.h"
+
+#include <SignalRecorder.h>
+
+namespace {
+
+const QString configured = "setupConfig: configuration is now set";
+
+} // namespace
+
+/** What a configuration sets, and when. */
+class Setup : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init() { WarningTrap::set(); }
+    void cleanup() { QCOMPARE(WarningTrap::take(), QStringList()); }
+
+    void theFirstConfigurationStays();
+    void everyFieldIsTakenOver();
+    void theLimitsOfTheConfigurationApply_data();
+    void theLimitsOfTheConfigurationApply();
+    void theDriverInUseIsConfigured();
+    void withoutADriverInUseNoneIsConfigured();
+    void theTimerRunsAtTheConfiguredPeriod_data();
+    void theTimerRunsAtTheConfiguredPeriod();
+};
+
+void Setup::theFirstConfigurationStays()
+{
+    LinkProbe core;
+    ParamHal param = core.quietSetup();
+    param.maxClients = 2;
+    QVERIFY(core.setupConfig(param));
+    param.maxClients = 4;
+    QVERIFY(core.setupConfig(param));
+    QVERIFY(core.openConnection(1));
+    QVERIFY(core.openConnection(2));
+    SignalRecorder recorder(&core);
+    QVERIFY(!core.openConnection(3));
+    QCOMPARE(recorder.all(), QStringList("error(5,3)"));
+    QCOMPARE(core.log.count(configured), 1);
+}
+
+void Setup::everyFieldIsTakenOver()
+{
+    LinkProbe core;
+    ParamHal param;
+    quint32 value = 1000;
+    for (quint32 ParamHal::*field :
+         {&ParamHal::maxReadSize, &ParamHal::maxWriteSize, &ParamHal::drvOption,
+          &ParamHal::rdTimeout, &ParamHal::wrTimeout, &ParamHal::maxWatchdogErrors,
+          &ParamHal::threadStopTimeout, &ParamHal::maxWriteFifoSize, &ParamHal::nbRetry,
+          &ParamHal::mainLoopPeriod, &ParamHal::spareParam1, &ParamHal::spareParam2,
+          &ParamHal::spareParam3})
+        param.*field = ++value;
+    param.maxClients = 3;
+    param.logDir = core.log.folder();
+    param.spareFlag = true;
+    param.spareName = "spare";
+    param.maxLogLines = 700;
+    QVERIFY(core.setupConfig(param));
+    const ParamHal &taken = core._param;
+    value = 1000;
+    for (quint32 ParamHal::*field :
+         {&ParamHal::maxReadSize, &ParamHal::maxWriteSize, &ParamHal::drvOption,
+          &ParamHal::rdTimeout, &ParamHal::wrTimeout, &ParamHal::maxWatchdogErrors,
+          &ParamHal::threadStopTimeout, &ParamHal::maxWriteFifoSize, &ParamHal::nbRetry,
+          &ParamHal::mainLoopPeriod, &ParamHal::spareParam1, &ParamHal::spareParam2,
+          &ParamHal::spareParam3})
+        QCOMPARE(taken.*field, ++value);
+    QCOMPARE(taken.maxClients, 3u);
+    QCOMPARE(taken.logDir, core.log.folder());
+    QVERIFY(taken.spareFlag);
+    QCOMPARE(taken.spareName, QString("spare"));
+    QCOMPARE(taken.maxLogLines, 700);
+}
+
+void Setup::theLimitsOfTheConfigurationApply_data()
+{
+    QTest::addColumn<quint32>("clients");
+    QTest::addColumn<int>("ports");
+    QTest::newRow("none given") << 0u << 5;
+    QTest::newRow("one") << 1u << 1;
+    QTest::newRow("three") << 3u << 3;
+    QTest::newRow("five") << 5u << 5;
+    QTest::newRow("six") << 6u << 5;
+    QTest::newRow("nine") << 9u << 5;
+}
+
+void Setup::theLimitsOfTheConfigurationApply()
+{
+    QFETCH(quint32, clients);
+    QFETCH(int, ports);
+    LinkProbe core;
+    ParamHal param = core.quietSetup();
+    param.maxClients = clients;
+    core.setupConfig(param);
+    for (int port = 1; port <= ports; ++port)
+        QVERIFY(core.openConnection(port));
+    QVERIFY(!core.openConnection(ports + 1));
+    QCOMPARE(core.nbClients(), quint32(ports));
+}
+
+void Setup::theDriverInUseIsConfigured()
+{
+    LinkProbe core;
+    core._hwDriver = core.driver.data();
+    ParamHal param = core.quietSetup();
+    param.rdTimeout = 1234;
+    core.setupConfig(param);
+    core._hwDriver = nullptr;
+    QCOMPARE(core.driver->getRdTimeout(), 1234u);
+}
+
+void Setup::withoutADriverInUseNoneIsConfigured()
+{
+    LinkProbe core;
+    ParamHal param = core.quietSetup();
+    param.rdTimeout = 1234;
+    core.setupConfig(param);
+    QVERIFY(core._setupDone);
+    QCOMPARE(core.driver->getRdTimeout(), 2000u);
+}
+
+void Setup::theTimerRunsAtTheConfiguredPeriod_data()
+{
+    QTest::addColumn<quint32>("period");
+    QTest::addColumn<int>("interval");
+    QTest::newRow("none given") << 0u << 100;
+    QTest::newRow("twenty") << 20u << 20;
+    QTest::newRow("a thousand") << 1000u << 1000;
+}
+
+void Setup::theTimerRunsAtTheConfiguredPeriod()
+{
+    QFETCH(quint32, period);
+    QFETCH(int, interval);
+    LinkProbe core;
+    ParamHal param = core.quietSetup();
+    param.mainLoopPeriod = period;
+    core.setupConfig(param);
+    QVERIFY(!core._mainLoopTimer.isActive());
+    QVERIFY(core.openConnection(1));
+    QVERIFY(core._mainLoopTimer.isActive());
+    QCOMPARE(core._mainLoopTimer.interval(), interval);
+    QCOMPARE(core._mainLoopTimer.timerType(), Qt::PreciseTimer);
+    QVERIFY(!core._mainLoopTimer.isSingleShot());
+}
+
+QTEST_GUILESS_MAIN(Setup)
+#include "tst_link_setup.moc"
