@@ -67,15 +67,6 @@ UsbHAL::~UsbHAL()
     logLine("~UsbHAL", QStringLiteral("UsbHAL::~UsbHAL"));
     stop();
     waitForDisconnected(destructionTimeout);
-    _waitForMainLoop();
-}
-
-// The watchdog may be at work in the core's thread while another one destroys the core.
-void UsbHAL::_waitForMainLoop()
-{
-    const QMutexLocker locker(&_mutex);
-    if (QThread::currentThread() != thread())
-        _waitUntil(_quietCond, destructionTimeout, [this] { return !_inMainLoop; });
 }
 
 bool UsbHAL::isInHandler() const
@@ -83,14 +74,25 @@ bool UsbHAL::isInHandler() const
     return emissionDepth > 0 || isConnectedThread();
 }
 
-bool UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
+// Whether the core may be destroyed now: neither beneath frames of its own nor beside its own
+// thread, which alone may stop its timer.
+bool UsbHAL::isDestroyable() const
 {
-    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
+    const QThread *const owner = thread();
+    return !isInHandler() && !(isRunning() && _connectedThread.belongsTo(this)) &&
+           (!owner || owner == QThread::currentThread() || owner->isFinished());
+}
+
+void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
+{
+    // A kill within QWaitCondition::wait() would leave both its locks in disorder. A handler that
+    // waits in the communication thread can be killed between two slices of its wait.
     const CancellationBlocker blocker;
-    const qint64 slice = isConnectedThread() ? qMin(msecs, killableSlice) : msecs;
-    const bool woken = condition.wait(&_mutex, static_cast<unsigned long>(slice));
-    blocker.testCancel();
-    return woken;
+    const bool killable = isConnectedThread();
+    const qint64 slice = killable ? qMin(msecs, killableSlice) : msecs;
+    condition.wait(&_mutex, static_cast<unsigned long>(slice));
+    if (killable)
+        CancellationBlocker::letCancel();
 }
 
 void UsbHAL::getDefaultSetup(ParamHal &param) const
@@ -131,7 +133,7 @@ bool UsbHAL::setupConfig(const ParamHal &param)
 void UsbHAL::stop()
 {
     QMutexLocker locker(&_mutex);
-    ++_epoch;
+    ++_stops;
     _setMainLoopTimer(0);
     if (isConnectedThread())
         _askThreadToEnd();
@@ -148,7 +150,7 @@ void UsbHAL::_endCommunication(QMutexLocker &locker)
     _askThreadToEnd();
     _endThread(locker);
     --_stopsInProgress;
-    _quietCond.wakeAll();
+    _stopEndedCond.wakeAll();
 }
 
 void UsbHAL::_askThreadToEnd()

@@ -4,6 +4,7 @@
 
 #include "AbstractDriver.h"
 #include "UsbHalIntf.h"
+#include "workerthread.h"
 
 #include <QElapsedTimer>
 #include <QHash>
@@ -18,8 +19,6 @@
 #include <atomic>
 #include <limits>
 #include <optional>
-
-class WorkerThread;
 
 /**
  * The messages of the wire: how they are framed, cut and shown. These functions do no I/O, take no
@@ -133,6 +132,8 @@ public:
     bool isConnectedThread() const;
     /** Whether the caller was called by a signal of a core, whose frames it must not destroy. */
     bool isInHandler() const;
+    /** Whether the caller may destroy the core, once it is stopped. */
+    bool isDestroyable() const;
 
 signals:
     void connected();
@@ -188,7 +189,6 @@ protected:
     void _emitError(int code, void *data, QMutexLocker &locker);
     void _endCommunication(QMutexLocker &locker);
     void _askThreadToEnd();
-    void _waitForMainLoop();
     quint32 _nbClients() const { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
@@ -286,9 +286,9 @@ protected:
 
     /**
      * Waits on a condition with the mutex held, at most msecs ms; shorter in the communication
-     * thread, which may be killed. Returns whether it was woken.
+     * thread, which may be killed.
      */
-    bool _waitOn(QWaitCondition &condition, qint64 msecs) const;
+    void _waitOn(QWaitCondition &condition, qint64 msecs) const;
 
     /** Runs what emits a signal with the mutex released, so that a handler may call back. */
     template <typename Emission>
@@ -334,10 +334,9 @@ protected:
     quint32 _lastMaxReadSize = 0;
     QByteArray _maxReadSizeMessage;
 
-    QWaitCondition _quietCond; // a stop, or a pass of the watchdog, has ended
-    bool _inMainLoop = false;
+    QWaitCondition _stopEndedCond;
     quint32 _stopsInProgress = 0;
-    quint32 _epoch = 0;         // counts starts and stops, so that the watchdog notices them
+    quint32 _stops = 0;         // so far, so that the watchdog and the receive path notice one
     bool _startPending = false; // a handler in the ending thread opened a port: start once more
     // The timer belongs to the core's thread; the others see it through these.
     std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
@@ -362,14 +361,17 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reach
 template <typename Emission>
 void UsbHAL::_emitUnlocked(QMutexLocker &locker, Emission emission)
 {
-    struct Depth
+    struct Handlers
     {
-        Depth() { ++emissionDepth; }
-        ~Depth() { --emissionDepth; }
+        Handlers() { ++emissionDepth; }
+        ~Handlers() { --emissionDepth; }
+        // A kill amid Qt's delivery would leave the receiver's event loop deaf, and one in a
+        // handler would unwind through a client's destructors.
+        const CancellationBlocker blocker;
     };
     locker.unlock();
     {
-        const Depth depth;
+        const Handlers handlers;
         emission();
     }
     locker.relock();

@@ -4,7 +4,6 @@
 #include "GadgetDriver.h"
 #include "UsbHal.h"
 #include "UsbHalLog.h"
-#include "workerthread.h"
 
 namespace {
 
@@ -32,32 +31,22 @@ UsbHALIntf::UsbHALIntf()
 
 UsbHALIntf::~UsbHALIntf()
 {
-    if (_freed)
-        return;
-    if (_hal->isInHandler())
-        _abandon();
-    else
-        freeMem();
+    freeMem();
+    // A core that cannot be destroyed is left to the system, and may still log.
+    if (!_freed)
+        UsbHalLog::keepUntilProcessEnds();
 }
 
 void UsbHALIntf::freeMem()
 {
-    if (!_hal || _freed)
+    if (_freed)
         return;
-    if (_hal->isInHandler()) {
-        _hal->stop(); // the end of the process destroys it
+    if (_hal->isRunning())
+        _hal->stop();
+    if (!_hal->isDestroyable())
         return;
-    }
     _freed = true;
     delete _hal;
-}
-
-// With exit() in a handler the process ends amid the core's frames, beside threads that go on.
-void UsbHALIntf::_abandon()
-{
-    const CancellationBlocker blocker;
-    UsbHalLog::keepUntilProcessEnds();
-    _hal->stop();
 }
 
 void UsbHALIntf::_relaySignals()

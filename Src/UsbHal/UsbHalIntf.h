@@ -208,8 +208,9 @@ public:
 
     /**
      * Destroys the core; meant as the last use of the library, nothing else may be called after it
-     * and no other thread may be in a call. In a handler it only stops the communication. Without
-     * it the core is destroyed at the end of the process.
+     * and no other thread may be in a call. In a handler, or while the thread of the first
+     * getInstance() runs elsewhere, it only stops the communication. Without it the core is
+     * destroyed at the end of the process.
      */
     void freeMem();
 
@@ -241,7 +242,6 @@ private:
     ~UsbHALIntf() override;
     Q_DISABLE_COPY(UsbHALIntf)
 
-    void _abandon();
     void _relaySignals();
 
     UsbHAL *_hal;

@@ -37,7 +37,8 @@ QByteArray composeLine(const QString &function, unsigned int line, const QString
 void writeToConsole(const QString &function, const QString &message)
 {
     const QByteArray line = "USBHAL] " + function.toLatin1() + " - " + message.toLatin1() + '\n';
-    std::cout.clear(); // an earlier line may have found the disk full
+    if (!std::cout) // an earlier line found the disk full
+        std::cout.clear();
     std::cout.write(line.constData(), line.size()).flush();
 }
 
@@ -147,7 +148,10 @@ bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
 {
     _file->setFileName(_path(index));
     // Unbuffered: a line that a full disk refuses is lost, and does not pile up in memory.
-    return _file->open(mode | QIODevice::Text | QIODevice::Unbuffered);
+    const bool opened = _file->open(mode | QIODevice::Text | QIODevice::Unbuffered);
+    if (opened && mode == QIODevice::WriteOnly)
+        _lineCut = false;
+    return opened;
 }
 
 void UsbHalLog::_append(const QByteArray &line)
@@ -160,9 +164,10 @@ void UsbHalLog::_append(const QByteArray &line)
 // A disk that fills up may take the beginning of a line: the next line must not follow on it.
 void UsbHalLog::_write(const QByteArray &line)
 {
-    const qint64 written = _file->write(_lineCut ? '\n' + line : line);
+    const QByteArray bytes = _lineCut ? '\n' + line : line;
+    const qint64 written = _file->write(bytes);
     if (written > 0)
-        _lineCut = written < line.size();
+        _lineCut = written < bytes.size();
 }
 
 /*
@@ -175,7 +180,6 @@ void UsbHalLog::_rotate(const QByteArray &line)
     const int previousIndex = _fileIndex;
     _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
     _file.reset(new QFile);
-    _lineCut = false;
     if (_openFile(_fileIndex, QIODevice::WriteOnly)) {
         _lineCount = 0;
         _append(line);
@@ -189,7 +193,7 @@ void UsbHalLog::_stopLogging()
 {
     if (_fileIndex > 1 && _openFile(_fileIndex - 1, QIODevice::Append)) {
         const QString text = timestamp() + "ERROR: couldn't open new log file, stop logging !\n";
-        _file->write(text.toUtf8());
+        _write(text.toUtf8());
         _file->close();
     }
     _logCreated = false;

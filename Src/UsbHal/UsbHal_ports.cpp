@@ -117,7 +117,7 @@ bool UsbHAL::_waitForEnding(QMutexLocker &locker)
         return _stopsInProgress == 0;
     QElapsedTimer timer;
     timer.start();
-    _waitUntil(_quietCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
+    _waitUntil(_stopEndedCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
     const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
     if (_isEnding())
         _waitForThread(locker, static_cast<unsigned long>(left));
@@ -133,7 +133,6 @@ bool UsbHAL::_startCommunication()
     logLine("openConnection", QStringLiteral("start communication thread"));
     if (!_startThread())
         return false;
-    ++_epoch;
     _resetWatchdog();
     connect(&_mainLoopTimer, &QTimer::timeout, this, &UsbHAL::_mainLoop, Qt::UniqueConnection);
     _setMainLoopTimer(_param.mainLoopPeriod);
@@ -141,7 +140,7 @@ bool UsbHAL::_startCommunication()
     return true;
 }
 
-// Returns false when the thread runs for another core.
+// Returns false when the thread runs for another core or cannot be started.
 bool UsbHAL::_startThread()
 {
     if (isConnectedThread()) {

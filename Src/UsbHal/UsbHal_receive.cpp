@@ -41,6 +41,7 @@ bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
 bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
                              unsigned int &consumed)
 {
+    const quint32 stops = _stops;
     if (message.startsWith(devNoData)) {
         _peerBusy = false;
         consumed =
@@ -51,8 +52,9 @@ bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
     } else if (!_processDataMessage(message, locker, consumed)) {
         return false;
     }
-    if (!message.isEmpty() && _driverState != DriverState::CONNECTED &&
-        _updateStatus(DriverState::CONNECTED, locker))
+    // A handler that stopped the communication must not see the link come up after it.
+    if (!message.isEmpty() && _stops == stops && _updateStatus(DriverState::CONNECTED, locker) &&
+        _stops == stops)
         _onConnected(locker);
     return true;
 }

@@ -455,7 +455,6 @@ void UsbHAL::_mainLoop()
     QMutexLocker locker(&_mutex);
     if (!_isWatchdogDue())
         return;
-    _inMainLoop = true;
     const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
     if (progress > 0) {
         _lastLoopCounter = _loopCounter;
@@ -464,8 +463,6 @@ void UsbHAL::_mainLoop()
         _restartStuckThread(locker);
     }
     _mainLoopClock.restart();
-    _inMainLoop = false;
-    _quietCond.wakeAll();
 }
 
 bool UsbHAL::_isWatchdogDue() const
@@ -490,20 +487,19 @@ void UsbHAL::_restartStuckThread(QMutexLocker &locker)
 {
     logLine("_mainLoop", "watchdog errors: " + QString::number(_watchdogErrors));
     logLine("_mainLoop", "max watchdog errors: " + QString::number(_param.maxWatchdogErrors));
-    const quint32 epoch = _epoch;
+    const quint32 stops = _stops;
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     if (isHost())
         _running = false;
-    if (!_waitForThread(locker, _param.threadStopTimeout) && _epoch == epoch)
+    if (!_waitForThread(locker, _param.threadStopTimeout) && _stops == stops)
         _stopWorkerThread(killTimeout);
-    // Nothing here may touch what a stop() ended, or an open started, during the waits and
-    // handlers.
-    if (_epoch == epoch)
+    // Nothing here may touch what a stop() has ended during the waits and handlers.
+    if (_stops == stops)
         _updateStatus(DriverState::DISCONNECTED, locker);
-    if (_epoch == epoch)
+    if (_stops == stops)
         _changeAllSocketsState(SocketState::DISCONNECTED, locker);
-    if (_epoch != epoch) {
+    if (_stops != stops) {
         _releaseDriverOfDeadThread();
     } else if (_connectedThread.startFor(this)) {
         _beginCommunication();
@@ -534,7 +530,8 @@ void UsbHAL::_releaseDriverOfDeadThread()
         _releaseDriver();
 }
 
-// The state of a communication whose thread was just started, and waits for the mutex.
+// The state of a communication whose thread was just started: it waits for the mutex, so it cannot
+// see the state of before.
 void UsbHAL::_beginCommunication()
 {
     _nextAction = firstHalf;
