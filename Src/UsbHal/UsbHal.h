@@ -92,6 +92,7 @@ class UsbHAL : public QObject
     Q_OBJECT
 
 public:
+    /** Starts nothing; the drivers are tried in the order of the list. */
     explicit UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers);
     ~UsbHAL() override;
 
@@ -135,7 +136,7 @@ public:
     /** Whether the caller may destroy the core, once it is stopped. */
     bool isDestroyable() const;
 
-signals:
+signals: // documented in UsbHALIntf, which relays them
     void connected();
     void disconnected();
     void connected(int port);

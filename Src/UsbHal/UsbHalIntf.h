@@ -45,8 +45,8 @@ struct ParamHal
     quint32 maxReadSize = 0;       ///< largest single read from the device, bytes, at most 99999
     quint32 maxWriteSize = 0;      ///< largest single write to the device, bytes
     quint32 drvOption = 0;         ///< handed to the driver, not used
-    quint32 rdTimeout = 0;         ///< read time-out of the device node, ms
-    quint32 wrTimeout = 0;         ///< write time-out of the device node, ms
+    quint32 rdTimeout = 0;         ///< read time-out of the node, ms; 2000 at its first open
+    quint32 wrTimeout = 0;         ///< write time-out of the node, ms; 2000 at its first open
     quint32 maxWatchdogErrors = 0; ///< periods without progress before the thread is restarted
     quint32 threadStopTimeout = 0; ///< longest wait for the communication thread to end, ms
     quint32 maxWriteFifoSize = 0;  ///< messages; used by the host role only
@@ -66,7 +66,7 @@ struct ParamHal
  * The library's one public object: numbered byte-stream ports to a USB host over one gadget device
  * node.
  *
- * Every operation may be called from any thread unless it says otherwise, also from a handler of
+ * Every operation but freeMem() may be called from any thread, also from a handler of
  * one of the signals. Signals are emitted with no lock held, in the thread in which the event arose
  * (often the library's own communication thread), so a directly connected handler must be
  * thread-safe and short.
@@ -202,7 +202,8 @@ public:
 
     /**
      * Maximum write size less the 13 bytes of a message's header; 0 while no device is open. The
-     * largest payload of one message in bytes, unless that is above 99995.
+     * largest payload of one message in bytes, unless that is above 99995. Negative when the
+     * maximum write size is below 13.
      */
     int getMaxWriteSize() const;
 
@@ -217,7 +218,7 @@ public:
 signals:
     /** The link to the host is up. */
     void connected();
-    /** The link to the host was lost. */
+    /** The link to the host was lost; not emitted by stop(), which emits stateChanged() only. */
     void disconnected();
     /** A port was opened, or is back with the link. */
     void connected(int port);

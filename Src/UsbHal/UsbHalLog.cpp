@@ -53,7 +53,10 @@ void UsbHalLog::Disposal::cleanup(UsbHalLog *log)
         delete log;
 }
 
-UsbHalLog::UsbHalLog() = default;
+UsbHalLog::UsbHalLog()
+{
+    timestamp(); // what Qt keeps to write a date then outlives this object, and the facade
+}
 
 UsbHalLog::~UsbHalLog() = default;
 

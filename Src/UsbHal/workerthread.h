@@ -55,6 +55,7 @@ public:
     bool belongsTo(const UsbHAL *core) const { return _owner == core; }
 
 signals:
+    /** Never emitted. */
     void resultReady(void *result);
 
 protected:

@@ -72,6 +72,7 @@ private slots:
     void aLongLineIsOneWrite();
     void aFullDiskLosesLinesAndLaterOnesFlow();
     void aLineThatWasCutIsNotContinued();
+    void aLineThatLostItsEndAloneIsNotContinued();
     void aFullDiskLeavesTheLogInUse();
     void lostLinesCountForTheRotation();
     void lostLinesTakeNoMemory();
@@ -145,6 +146,29 @@ void LogFaultsTest::aLineThatWasCutIsNotContinued()
     QCOMPARE(messages.first(), QStringLiteral("early"));
     QCOMPARE(messages.at(1).size(), 10);
     QCOMPARE(messages.mid(2), QStringList({"late", "late"}));
+}
+
+void LogFaultsTest::aLineThatLostItsEndAloneIsNotContinued()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    logLines(log, 1, QStringLiteral("early"));
+    const int size = folder.content("UsbHal1.log").size();
+    {
+        const FileSizeLimit limit(size + 10);
+        logLines(log, 1, QStringLiteral("first"));
+    }
+    {
+        // Room for the end of the line before and for all of the line but its own end.
+        const FileSizeLimit limit(size + 10 + size);
+        logLines(log, 1, QStringLiteral("other"));
+        QCOMPARE(folder.content("UsbHal1.log").size(), size + 10 + size);
+    }
+    logLines(log, 1, QStringLiteral("late"));
+    const QStringList messages = folder.messages(1);
+    QCOMPARE(messages.size(), 4);
+    QCOMPARE(messages.mid(2), QStringList({"other", "late"}));
 }
 
 void LogFaultsTest::aFullDiskLeavesTheLogInUse()

@@ -92,6 +92,7 @@ private slots:
     void aThreadThatCannotReopenIsKilled();
     void aDriverThatRefusesToCloseAfterTheKillIsReported();
     void aThreadStuckInAHandlersWaitIsKilled();
+    void aHandlerThatDoesNotReturnIsNotKilled();
     void aThreadMayBeKilledAtAnyMoment();
     void aThreadMayBeKilledAmongLogLines();
     void aThreadMayBeKilledWhileItsOpensFail();
@@ -198,6 +199,34 @@ void KillStop::aThreadStuckInAHandlersWaitIsKilled()
     QVERIFY(waiting.tryAcquire(1, 5000));
     core.stop();
     QVERIFY(core.log.contains(killLines[2]));
+    QVERIFY(QObject::disconnect(handler));
+    QVERIFY(core.worksAgain(2));
+}
+
+void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
+{
+    ImpatientProbe core;
+    QVERIFY(core.connectStepwise(1));
+    QSemaphore entered;
+    std::atomic<bool> mayReturn{false};
+    std::atomic<bool> returned{false};
+    const auto handler = QObject::connect(
+        &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
+        [&] {
+            entered.release();
+            while (!mayReturn)
+                QThread::msleep(1);
+            returned = true;
+        },
+        Qt::DirectConnection);
+    core.driver->feed(dataMessage(1, "data"));
+    QVERIFY(entered.tryAcquire(1, 5000));
+    core.stop();
+    QVERIFY(core.log.contains("_stopWorkerThread: ERROR: could not stop communication thread !"));
+    QVERIFY(core.isRunning());
+    mayReturn = true;
+    QVERIFY(core.waitForEndOfThread());
+    QVERIFY(returned);
     QVERIFY(QObject::disconnect(handler));
     QVERIFY(core.worksAgain(2));
 }

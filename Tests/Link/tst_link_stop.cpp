@@ -34,6 +34,7 @@ private slots:
     void aBlockedDriverIsCancelled();
     void twoThreadsMayStopAtOnce();
     void aStopFromAHandlerNeitherWaitsNorKills();
+    void aLinkThatAHandlerStoppedDoesNotComeUp();
     void aHandlerMayStopAndOpenAgain();
     void aHandlerMayStopAndOpenAndStopAgain();
     void aStopOfTheNewStartEndsIt();
@@ -203,6 +204,22 @@ void Stop::aStopFromAHandlerNeitherWaitsNorKills()
     QCOMPARE(core.driver->closes(), 1);
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
     QVERIFY(core.log.contains("_endOfConnectedThread: clean exit of communication thread"));
+}
+
+void Stop::aLinkThatAHandlerStoppedDoesNotComeUp()
+{
+    LinkProbe core;
+    core.setupConfig(core.quietSetup());
+    QVERIFY(core.openConnection(1));
+    SignalRecorder recorder(&core);
+    recorder.setHandler([&](const QString &signal) {
+        if (signal == "readyRead(1)")
+            core.stop();
+    });
+    core.driver->feed(dataMessage(1, "data"));
+    QVERIFY(core.waitForEndOfThread());
+    QCOMPARE(recorder.take(), QStringList("readyRead(1)"));
+    QCOMPARE(core.status(), DriverState::DISCONNECTED);
 }
 
 void Stop::aHandlerMayStopAndOpenAgain()

@@ -3,6 +3,7 @@
 
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -56,7 +57,13 @@ void expectCleanExit()
     QCOMPARE(client.readAllStandardError(), QByteArray());
     QCOMPARE(client.exitStatus(), QProcess::NormalExit);
     QCOMPARE(client.exitCode(), 0);
-    QCOMPARE(QFileInfo::exists(log.path() + "/UsbHal1.log"), !scenario.startsWith("never"));
+    QFile file(log.path() + "/UsbHal1.log");
+    QCOMPARE(file.open(QIODevice::ReadOnly), !scenario.startsWith("never"));
+    static const QRegularExpression dated("^\\d\\d-\\d\\d-\\d{4} \\d\\d:\\d\\d:\\d\\d:\\d{3} \\[");
+    while (!file.atEnd() && file.isOpen()) {
+        const QByteArray line = file.readLine();
+        QVERIFY2(dated.match(QString::fromUtf8(line)).hasMatch(), line.constData());
+    }
 }
 
 } // namespace
