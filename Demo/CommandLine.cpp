@@ -15,8 +15,7 @@ constexpr int largestWrite = 65536;
 const char description[] =
     "Plays the USB host of a simulated node: exchanges one file each way with the file service of "
     "each named port, pulls the cable, puts it back, and exchanges the files once more. Exit "
-    "status "
-    "0 when every file arrived unchanged.";
+    "status 0 when every file arrived unchanged.";
 
 CommandLine wrong(const QString &program, const QString &error)
 {
@@ -36,8 +35,8 @@ void declareOptions(QCommandLineParser &parser)
                       "sends, STORED is where it stores what it receives. Once for each port.",
                       "N=TO_DEVICE:TO_HOST:STORED"});
     parser.addOption({"manager-output",
-                      "File with the output of the connection manager, shown as it "
-                      "grows and waited upon.",
+                      "File with the output of the connection manager, shown as it grows and "
+                      "waited upon.",
                       "FILE"});
     parser.addOption(
         {"device-max-write", "Largest transfer of the device in bytes, default 10000.", "BYTES"});
@@ -95,7 +94,8 @@ QString readOptions(const QCommandLineParser &parser, Options &options)
         return "--node DIR is missing";
     options.socketPath = parser.value("node") + "/host";
     options.managerOutput = parser.value("manager-output");
-    if (!QFileInfo(options.managerOutput).isReadable())
+    const QFileInfo managerOutput(options.managerOutput);
+    if (!managerOutput.isFile() || !managerOutput.isReadable())
         return "--manager-output needs a file that can be read, not \"" + options.managerOutput +
                '"';
     const QStringList ports = parser.values("port");

@@ -22,6 +22,7 @@ struct FlowResult
     bool sumsEqual = false;  ///< SHA-256 of the original and of what arrived
 };
 
+/** What one port carried in one round, in both directions. */
 struct PortResult
 {
     int port = 0;
@@ -31,13 +32,15 @@ struct PortResult
 
 /**
  * One round of one port with the file service: asks for the service's file, sends it another at the
- * same time, and waits for its word that it was stored.
+ * same time, and waits for its word that it was stored. Used by one thread at a time.
  */
 class PortExchange
 {
 public:
+    /** Touches no file; begin() does. */
     explicit PortExchange(const PortFiles &files);
 
+    /** Number of the port. */
     int port() const { return _files.port; }
 
     /**
@@ -53,12 +56,14 @@ public:
     /** Notes that the device has taken this many more bytes. */
     void delivered(qint64 bytes, qint64 now);
 
-    /** Bytes moved so far, for the progress: the files' and the headers'. */
+    /** Bytes that the device has taken so far, the request and the header included. */
     qint64 bytesDelivered() const { return _delivered; }
+    /** Bytes of the service's file that have arrived so far, without its header. */
     qint64 bytesReceived() const { return _content.size(); }
 
-    /** Size of what begin() returned, and of the file that is expected. */
+    /** Size in bytes of what begin() returned. */
     qint64 bytesToDeliver() const { return _outgoingSize; }
+    /** Size in bytes of the file that is expected from the service. */
     qint64 bytesToReceive() const { return _expectedSize; }
 
     /** Whether both files have arrived, or an error ended the round. */

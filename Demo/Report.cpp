@@ -31,11 +31,11 @@ QString whole(double number)
 
 QString row(const QStringList &cells)
 {
-    static const int widths[] = {5, 11, 11, 8, 8, 15, 15};
+    static const int widths[] = {4, 16, 7, 7, 14, 7, 7, 7};
     QString text;
     for (int i = 0; i < cells.size(); ++i)
-        text += cells[i].rightJustified(widths[i]) + ' ';
-    return text.trimmed().rightJustified(text.size() - 1);
+        text += cells[i].rightJustified(widths[i] + 2);
+    return text;
 }
 
 QString portRow(const PortResult &result)
@@ -43,10 +43,10 @@ QString portRow(const PortResult &result)
     const FlowResult &out = result.toDevice;
     const FlowResult &in = result.toHost;
     const bool equal = out.sumsEqual && in.sumsEqual;
-    return row({QString::number(result.port), QString::number(out.bytes), QString::number(in.bytes),
-                equal ? "equal" : "DIFFER", seconds(std::max(out.milliseconds, in.milliseconds)),
-                whole(rateOf(out.bytes, out.milliseconds)),
-                whole(rateOf(in.bytes, in.milliseconds))});
+    return row({QString::number(result.port), QString::number(out.bytes), seconds(out.milliseconds),
+                whole(rateOf(out.bytes, out.milliseconds)), QString::number(in.bytes),
+                seconds(in.milliseconds), whole(rateOf(in.bytes, in.milliseconds)),
+                equal ? "equal" : "DIFFER"});
 }
 
 // All ports as one flow: their bytes together, until the last byte of the last of them.
@@ -81,9 +81,11 @@ double ceilingOf(qint64 maxTransferSize)
 
 QString tableOf(int round, const QVector<PortResult> &results, const Ceilings &ceilings)
 {
-    QStringList lines{QString("Round %1").arg(round)};
-    lines << row(
-        {"port", "to device", "to host", "SHA-256", "seconds", "to device B/s", "to host B/s"});
+    QStringList lines{QString("Round %1, at most %2 bytes/s to device and %3 bytes/s to host")
+                          .arg(round)
+                          .arg(whole(ceilings.toDevice), whole(ceilings.toHost))};
+    lines << row({"port", "to device: bytes", "seconds", "bytes/s", "to host: bytes", "seconds",
+                  "bytes/s", "SHA-256"});
     for (const PortResult &result : results)
         lines << portRow(result);
     lines << totalLine("all ports to device", sumOf(results, &PortResult::toDevice),

@@ -17,7 +17,11 @@ struct Ceilings
 /** Ceiling of a direction whose transfers have at most this many bytes. */
 double ceilingOf(qint64 maxTransferSize);
 
-/** The results of one round as a table of several lines. */
+/**
+ * The results of one round as a table of several lines: for each port and direction the bytes, the
+ * seconds from the direction's first transfer to the port's last byte, and the rate that these two
+ * make; below, all ports together against the ceiling.
+ */
 QString tableOf(int round, const QVector<PortResult> &results, const Ceilings &ceilings);
 
 /** Whether every file of the round arrived unchanged; false for no files at all. */

@@ -57,9 +57,10 @@ public:
         Closed     ///< the transport is closed, see closeReason(); restart() after a reconnect
     };
 
-    /** The transport must outlive the session. */
+    /** Does nothing on the transport, which must outlive the session. Time-outs are in ms. */
     explicit HostSession(MessageTransport &transport, SessionTimeouts timeouts = {});
 
+    /** Replaces all handlers; not to be called by a handler, which would destroy itself. */
     void setHandlers(Handlers handlers) { _handlers = std::move(handlers); }
 
     /**
@@ -78,13 +79,16 @@ public:
      */
     bool announceReopened(int port);
 
-    /** Bytes queued for a port and not yet taken by the transport. */
+    /** Bytes queued for a port and not yet taken by the transport; 0 for a port without any. */
     std::size_t pendingBytes(int port) const;
 
-    /** Takes all bytes received for a port so far. */
+    /** Takes all bytes received for a port so far; empty when there are none. */
     std::string received(int port);
 
-    /** One write, unless an answer is still awaited, and one read. */
+    /**
+     * One write, unless an answer is still awaited, and one read. Waits for each at most
+     * SessionTimeouts::step ms.
+     */
     StepResult step();
 
     /**

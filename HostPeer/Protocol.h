@@ -67,10 +67,11 @@ struct ParseFault
     std::string reason;
 };
 
+/** What parseTransfer() found in one transfer. */
 struct ParsedTransfer
 {
-    std::vector<Message> messages;
-    std::optional<ParseFault> fault;
+    std::vector<Message> messages;   ///< in the transfer's order, up to the fault
+    std::optional<ParseFault> fault; ///< empty when the whole transfer is well-formed
 };
 
 /**

@@ -18,6 +18,7 @@ class SeqPacketTransport : public MessageTransport
 public:
     /** Remembers the socket's path; connect() opens it. */
     explicit SeqPacketTransport(std::string path);
+    /** Closes the connection, if any. */
     ~SeqPacketTransport() override;
     SeqPacketTransport(const SeqPacketTransport &) = delete;
     SeqPacketTransport &operator=(const SeqPacketTransport &) = delete;
@@ -31,12 +32,22 @@ public:
     /** Closes the connection, if any: the cable is unplugged. */
     void close();
 
+    /** Whether the connection stands, as far as the last call has seen. */
     bool isConnected() const { return _fd >= 0; }
 
-    /** Receiving a longer transfer closes the connection. */
+    /** 65536 bytes. Receiving a longer transfer closes the connection. */
     std::size_t maxTransferSize() const override { return _buffer.size(); }
 
+    /**
+     * Sends one packet. TimedOut when the other end takes none within the time-out in ms; Closed,
+     * with a text, when there is no connection or it breaks.
+     */
     TransferResult send(std::string_view transfer, std::chrono::milliseconds timeout) override;
+    /**
+     * Replaces transfer by the next packet. TimedOut when none comes within the time-out in ms;
+     * Closed, with a text, when there is no connection, it breaks or the other end leaves. Without
+     * a packet, transfer stays as it is.
+     */
     TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) override;
 
 private:

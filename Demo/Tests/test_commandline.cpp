@@ -67,6 +67,8 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()
     row("argument", all + QStringList{"word"}, "unexpected argument \"word\"");
     row("no output", node, "--manager-output needs a file that can be read, not \"\"");
     row("missing output", node + QStringList{"--manager-output", "/missing"}, "not \"/missing\"");
+    row("folder as output", node + QStringList{"--manager-output", "/"},
+        "--manager-output needs a file that can be read, not \"/\"");
     row("no port", both, "at least one --port N=TO_DEVICE:TO_HOST:STORED is needed");
     row("port without number", both + QStringList{"--port", "=%:%:s"}, "N from 0 to 9999");
     row("port without files", both + QStringList{"--port", "1"}, "not \"1\"");
@@ -104,13 +106,17 @@ void CommandLineTest::helpIsATextWithStatusZero()
 
 void CommandLineTest::theProgramEndsWithStatusTwoOnAWrongCommandLine()
 {
-    QProcess program;
-    program.start(DEMO_HOST, {"--node", "n"});
-    QVERIFY(program.waitForFinished(20000));
-    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(program.exitCode(), 2);
-    QVERIFY(program.readAllStandardError().contains("--manager-output needs"));
-    QCOMPARE(program.readAllStandardOutput(), QByteArray());
+    const QStringList noOutput{"--node", "n"};
+    const QStringList folder{"--node", "n", "--manager-output", _folder.path()};
+    for (const QStringList &arguments : {noOutput, folder}) {
+        QProcess program;
+        program.start(DEMO_HOST, arguments);
+        QVERIFY(program.waitForFinished(20000));
+        QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(program.exitCode(), 2);
+        QVERIFY(program.readAllStandardError().contains("--manager-output needs"));
+        QCOMPARE(program.readAllStandardOutput(), QByteArray());
+    }
 }
 
 QTEST_GUILESS_MAIN(CommandLineTest)

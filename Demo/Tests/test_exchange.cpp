@@ -186,10 +186,13 @@ void ExchangeTest::theTableHoldsEachPortAndBothTotals()
     PortResult second{2, {3000, 4000, true}, {1500, 3000, false}};
     const QStringList lines = tableOf(1, {first, second}, {2000, 1000}).split('\n');
     QCOMPARE(lines.size(), 6);
-    QCOMPARE(lines[0], QString("Round 1"));
+    QCOMPARE(lines[0], QString("Round 1, at most 2000 bytes/s to device and 1000 bytes/s to host"));
     const auto cells = [](const QString &line) { return line.simplified().split(' '); };
-    QCOMPARE(cells(lines[2]), (QStringList{"1", "1000", "500", "equal", "2.00", "500", "500"}));
-    QCOMPARE(cells(lines[3]), (QStringList{"2", "3000", "1500", "DIFFER", "4.00", "750", "500"}));
+    QCOMPARE(cells(lines[2]),
+             (QStringList{"1", "1000", "2.00", "500", "500", "1.00", "500", "equal"}));
+    QCOMPARE(cells(lines[3]),
+             (QStringList{"2", "3000", "4.00", "750", "1500", "3.00", "500", "DIFFER"}));
+    QCOMPARE(lines[2].size(), lines[1].size());
     QCOMPARE(lines[4], QString("all ports to device: 4000 bytes in 4.00 s, 1000 of at most 2000 "
                                "bytes/s, 50.0 %"));
     QCOMPARE(lines[5], QString("all ports to host  : 2000 bytes in 3.00 s, 667 of at most 1000 "

@@ -24,10 +24,10 @@ const NumberOption numberOptions[] = {
      65536},
     {"max-write-size", "Largest transfer to the host, in bytes.", &ParamHal::maxWriteSize, 14,
      65536},
-    {"read-timeout", "Read time-out of the device node, in ms.", &ParamHal::rdTimeout, 1,
-     largestMilliseconds},
-    {"write-timeout", "Write time-out of the device node, in ms.", &ParamHal::wrTimeout, 1,
-     largestMilliseconds},
+    {"read-timeout", "Read time-out of the device node, in ms; 2000 at its first open.",
+     &ParamHal::rdTimeout, 1, largestMilliseconds},
+    {"write-timeout", "Write time-out of the device node, in ms; 2000 at its first open.",
+     &ParamHal::wrTimeout, 1, largestMilliseconds},
     {"retries", "Failed reads or writes in a row that the link survives.", &ParamHal::nbRetry, 0,
      1000},
     {"main-loop-period", "Period of the watchdog, in ms.", &ParamHal::mainLoopPeriod, 1,
@@ -61,6 +61,15 @@ public:
     explicit OptionReader(const QCommandLineParser &parser) : _parser(parser) {}
 
     QString error() const { return _error; }
+
+    void readSetting(const NumberOption &option, QVector<Setting> &settings)
+    {
+        if (!_parser.isSet(option.name))
+            return;
+        Setting setting{option.field, 0};
+        readNumber(option.name, option.minimum, option.maximum, setting.value);
+        settings.append(setting);
+    }
 
     void readNumber(const QString &name, quint32 minimum, quint32 maximum, quint32 &value)
     {
@@ -149,7 +158,14 @@ CommandLine wrong(const QString &program, const QString &error)
 
 } // namespace
 
-CommandLine parseCommandLine(const QStringList &arguments, const ParamHal &defaults)
+void Options::applyTo(ParamHal &param) const
+{
+    param.logDir = logDir;
+    for (const Setting &setting : settings)
+        param.*setting.field = setting.value;
+}
+
+CommandLine parseCommandLine(const QStringList &arguments)
 {
     const QString program = arguments.value(0).section('/', -1);
     QCommandLineParser parser;
@@ -165,13 +181,11 @@ CommandLine parseCommandLine(const QStringList &arguments, const ParamHal &defau
         return result;
     }
     result.options.services = defaultServices();
-    result.options.param = defaults;
-    result.options.param.logDir = parser.value("log-dir");
+    result.options.logDir = parser.value("log-dir");
 
     OptionReader reader(parser);
     for (const NumberOption &option : numberOptions)
-        reader.readNumber(option.name, option.minimum, option.maximum,
-                          result.options.param.*option.field);
+        reader.readSetting(option, result.options.settings);
     auto firstWait = static_cast<quint32>(result.options.firstWait);
     reader.readNumber("wait", 0, largestMilliseconds, firstWait);
     result.options.firstWait = static_cast<int>(firstWait);

@@ -7,6 +7,7 @@
 #include <QMap>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 enum class ServiceKind { Echo, Sink, Source, File };
 
@@ -18,10 +19,21 @@ struct ServiceOptions
     QString receivePath = {};
 };
 
+/** A number that the command line sets in the library's configuration. */
+struct Setting
+{
+    quint32 ParamHal::*field;
+    quint32 value;
+};
+
 struct Options
 {
+    /** Sets in the configuration what the command line names; the other fields stay. */
+    void applyTo(ParamHal &param) const;
+
     QMap<int, ServiceOptions> services; ///< by port
-    ParamHal param;
+    QString logDir;                     ///< empty: the working directory
+    QVector<Setting> settings;
     int firstWait = 1000; ///< ms that the start waits for the host before it goes on without
 };
 
@@ -34,7 +46,7 @@ struct CommandLine
     int exitStatus = 0;
 };
 
-/** Reads the command line, whose first element is the program's name, over the given defaults. */
-CommandLine parseCommandLine(const QStringList &arguments, const ParamHal &defaults);
+/** Reads the command line, whose first element is the program's name. Needs no library instance. */
+CommandLine parseCommandLine(const QStringList &arguments);
 
 #endif

@@ -73,9 +73,9 @@ void ConnectionManager::_connectSignals()
         Qt::DirectConnection);
 }
 
-bool ConnectionManager::start()
+bool ConnectionManager::start(const ParamHal &param)
 {
-    _hal->setupConfig(_options.param);
+    _hal->setupConfig(param);
     for (const auto &entry : _ports) {
         if (!_hal->openConnection(entry.first)) {
             say(QString("port %1 did not open").arg(entry.first));

@@ -25,8 +25,11 @@ class ConnectionManager : public QObject
 public:
     explicit ConnectionManager(const Options &options, QObject *parent = nullptr);
 
-    /** Opens all ports and waits a while for the host. Returns false when a port did not open. */
-    bool start();
+    /**
+     * Configures the library, opens all ports and waits a while for the host. Returns false when a
+     * port did not open.
+     */
+    bool start(const ParamHal &param);
 
     /** Ends the communication; waits for the library's thread. */
     void stop();

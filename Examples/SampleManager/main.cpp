@@ -18,14 +18,22 @@ void sleepPrecisely()
     ::prctl(PR_SET_TIMERSLACK, 1UL);
 }
 
+ParamHal configuration(const Options &options)
+{
+    ParamHal param;
+    UsbHALIntf::getInstance()->getDefaultSetup(param);
+    // A silent read lasts up to 3 s, time-out and pause; a shorter wait would kill the thread.
+    param.threadStopTimeout = 4000;
+    options.applyTo(param);
+    return param;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    ParamHal defaults;
-    UsbHALIntf::getInstance()->getDefaultSetup(defaults);
-    const CommandLine commandLine = parseCommandLine(QCoreApplication::arguments(), defaults);
+    const CommandLine commandLine = parseCommandLine(QCoreApplication::arguments());
     if (!commandLine.run) {
         std::fputs(qPrintable(commandLine.text), commandLine.exitStatus == 0 ? stdout : stderr);
         return commandLine.exitStatus;
@@ -38,7 +46,7 @@ int main(int argc, char **argv)
     }
     sleepPrecisely();
     ConnectionManager manager(commandLine.options);
-    if (!manager.start()) {
+    if (!manager.start(configuration(commandLine.options))) {
         manager.stop();
         return 1;
     }

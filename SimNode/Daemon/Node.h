@@ -22,15 +22,18 @@ class Node
 {
 public:
     using Time = std::chrono::steady_clock::time_point;
+    /// Chosen by the caller of submit(); no two waiting calls may have the same.
     using CallId = std::uint64_t;
 
+    /// The end of one system call.
     struct Reply
     {
         CallId call;
-        DeviceReply header;
-        std::string data;
+        DeviceReply header; ///< the call's result and errno, and the handle after an open
+        std::string data;   ///< the bytes of a read
     };
 
+    /// Read and write time-out of a new descriptor.
     static constexpr std::uint32_t defaultTimeout = 2000; // ms
 
     /// Handles are counted from `firstHandle`; it should differ from one daemon to the next, so
@@ -47,21 +50,26 @@ public:
     void abandon(CallId call);
     /// The descriptor was closed. Calls that are still waiting go on.
     void release(std::uint32_t handle);
+    /// Takes the replies of all calls that have ended since the last call.
     std::vector<Reply> takeReplies();
 
     // -- host side
 
     /// Whether the cable is in, so that a host may come.
     bool acceptsHost() const { return _cableIn; }
+    /// Whether a host has arrived and not left; false once the cable is pulled.
     bool hostConnected() const { return _hostConnected; }
+    /// A host has connected; to be called only while acceptsHost() and without another host.
     void hostArrived() { _hostConnected = true; }
     /// Drops all transfers that the device has not read.
     void hostLeft();
     /// Whether there is room for one more transfer of the host.
     bool takesTransfers() const;
+    /// Takes in one transfer of the host and serves waiting reads; an empty one is ignored.
     void transferFromHost(const std::string &transfer);
     /// The next transfer to the host, or null; it stays until hostTookTransfer() or its time-out.
     const std::string *transferForHost() const;
+    /// Ends the write of the transfer that transferForHost() returned.
     void hostTookTransfer();
 
     // -- control and time
@@ -70,6 +78,7 @@ public:
     std::string execute(const Command &command);
     /// Ends the calls whose time is over.
     void advance(Time now);
+    /// When advance() has something to do next; nothing while no call waits for a time-out.
     std::optional<Time> nextDeadline() const;
 
 private:

@@ -169,9 +169,16 @@ void addNodeOptions(CLI::App *command, Options &options)
         ->capture_default_str();
 }
 
+std::string whyNoFolder(const std::string &path)
+{
+    return path.empty() ? "the folder's name is empty; it should be the path of a folder" : "";
+}
+
 CLI::Option *addDirectoryOption(CLI::App *command, Options &options, const std::string &help)
 {
-    return command->add_option("--dir", options.directory, help)->type_name("DIR");
+    return command->add_option("--dir", options.directory, help)
+        ->check(whyNoFolder)
+        ->type_name("DIR");
 }
 
 CLI::App *addServe(CLI::App &application, Options &options)

@@ -178,6 +178,9 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
     row("unknown command", {"fly"}, "fly");
     row("unknown option", {"serve", "--dir", "x", "--fly"}, "--fly");
     row("serve without a folder", {"serve"}, "--dir is required");
+    for (const char *command : {"serve", "run", "control"})
+        row(qPrintable(QString(command) + " with an empty folder"), {command, "--dir", "", "x"},
+            "--dir: the folder's name is empty; it should be the path of a folder");
     row("run without a program", {"run"}, "PROGRAM is required");
     row("control without a folder", {"control", "status"}, "--dir is required");
     row("control without a command", {"control", "--dir", "x"}, "COMMAND is required");

@@ -7,10 +7,16 @@ namespace {
 
 CommandLine parse(const QStringList &arguments)
 {
-    ParamHal defaults;
-    defaults.maxReadSize = 10000;
-    defaults.rdTimeout = 2000;
-    return parseCommandLine(QStringList{"/usr/bin/manager"} + arguments, defaults);
+    return parseCommandLine(QStringList{"/usr/bin/manager"} + arguments);
+}
+
+ParamHal paramOf(const QStringList &arguments)
+{
+    ParamHal param;
+    param.maxReadSize = 10000;
+    param.rdTimeout = 2000;
+    parse(arguments).options.applyTo(param);
+    return param;
 }
 
 } // namespace
@@ -65,12 +71,27 @@ void CommandLineTest::theLastServiceOfAPortCounts()
 
 void CommandLineTest::numbersReachTheirFieldsAndTheRestKeepsItsDefault()
 {
-    const CommandLine result =
-        parse({"--log-dir", "/log", "--max-write-size", "500", "--read-timeout", "7",
-               "--write-timeout", "8", "--retries", "0", "--main-loop-period", "9",
-               "--watchdog-errors", "10", "--stop-timeout", "11", "--wait", "0"});
+    const QStringList arguments{"--log-dir",
+                                "/log",
+                                "--max-write-size",
+                                "500",
+                                "--read-timeout",
+                                "7",
+                                "--write-timeout",
+                                "8",
+                                "--retries",
+                                "0",
+                                "--main-loop-period",
+                                "9",
+                                "--watchdog-errors",
+                                "10",
+                                "--stop-timeout",
+                                "11",
+                                "--wait",
+                                "0"};
+    const CommandLine result = parse(arguments);
     QVERIFY(result.run);
-    const ParamHal &param = result.options.param;
+    const ParamHal param = paramOf(arguments);
     QCOMPARE(param.logDir, QString("/log"));
     QCOMPARE(param.maxReadSize, 10000u);
     QCOMPARE(param.maxWriteSize, 500u);
@@ -81,7 +102,8 @@ void CommandLineTest::numbersReachTheirFieldsAndTheRestKeepsItsDefault()
     QCOMPARE(param.maxWatchdogErrors, 10u);
     QCOMPARE(param.threadStopTimeout, 11u);
     QCOMPARE(result.options.firstWait, 0);
-    QCOMPARE(parse({"--max-read-size", "14"}).options.param.maxReadSize, 14u);
+    QCOMPARE(paramOf({"--max-read-size", "14"}).maxReadSize, 14u);
+    QCOMPARE(paramOf({}).rdTimeout, 2000u);
 }
 
 void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()

@@ -2,6 +2,7 @@
 #include "HostSession.h"
 #include "SeqPacketTransport.h"
 
+#include <QDirIterator>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -25,11 +26,12 @@ private slots:
     void init();
     void cleanup();
 
-    void aWrongCommandLineEndsWithStatusTwoAndItsReason();
-    void helpEndsWithStatusZero();
+    void aWrongCommandLineEndsWithStatusTwoAndNothingButItsReason();
+    void helpEndsWithStatusZeroAndNothingButItsText();
     void aSignalWithoutAHostEndsItCleanly_data();
     void aSignalWithoutAHostEndsItCleanly();
     void aSignalWithAHostEndsItCleanly();
+    void aSignalWithASilentHostEndsItCleanly();
     void theDefaultServicesAnswerTheHost();
     void allPortsAreServedAtTheSameTime();
     void afterALinkLossTransfersBeginAfresh();
@@ -40,6 +42,9 @@ private:
     bool plugIn();
     bool waitForBytes(int port, const QByteArray &expected);
     void endWith(int signal);
+    QByteArray control(const QStringList &command) const;
+    int readsSoFar() const;
+    QByteArray libraryLog() const;
 
     QString path(const char *name) const { return _folder->filePath(name); }
 
@@ -148,22 +153,56 @@ void ProgramTest::endWith(int signal)
     QCOMPARE(_manager->exitStatus(), QProcess::NormalExit);
     QCOMPARE(_manager->exitCode(), 0);
     QVERIFY(_output.contains("stopped\n"));
+    const QByteArray log = libraryLog();
+    QVERIFY2(log.contains("communication thread stopped"), log);
+    QVERIFY2(!log.contains("-> killed"), log);
 }
 
-void ProgramTest::aWrongCommandLineEndsWithStatusTwoAndItsReason()
+QByteArray ProgramTest::control(const QStringList &command) const
 {
+    QProcess program;
+    program.start(SIMNODE, QStringList{"control", "--dir", path("node")} + command);
+    program.waitForFinished(patience);
+    return program.readAll();
+}
+
+int ProgramTest::readsSoFar() const
+{
+    static const QRegularExpression reads("\\breads=(\\d+)");
+    return reads.match(control({"status"})).captured(1).toInt();
+}
+
+QByteArray ProgramTest::libraryLog() const
+{
+    QByteArray log;
+    QDirIterator files(path("log"), QDir::Files, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        QFile file(files.next());
+        if (file.open(QIODevice::ReadOnly))
+            log += file.readAll();
+    }
+    return log;
+}
+
+void ProgramTest::aWrongCommandLineEndsWithStatusTwoAndNothingButItsReason()
+{
+    _manager->setProcessChannelMode(QProcess::SeparateChannels);
     _manager->start(SAMPLE_MANAGER, {"--port", "9=echo"});
     QVERIFY(_manager->waitForFinished(patience));
     QCOMPARE(_manager->exitCode(), 2);
-    QVERIFY(_manager->readAll().contains("N from 1 to 5, not \"9=echo\""));
+    QVERIFY(_manager->readAllStandardError().contains("N from 1 to 5, not \"9=echo\""));
+    QCOMPARE(_manager->readAllStandardOutput(), QByteArray());
 }
 
-void ProgramTest::helpEndsWithStatusZero()
+void ProgramTest::helpEndsWithStatusZeroAndNothingButItsText()
 {
     _manager->start(SAMPLE_MANAGER, {"--help"});
     QVERIFY(_manager->waitForFinished(patience));
     QCOMPARE(_manager->exitCode(), 0);
-    QVERIFY(_manager->readAll().contains("--port <N=SERVICE>"));
+    const QByteArray help = _manager->readAll();
+    QVERIFY(help.startsWith("Usage: "));
+    QVERIFY(help.contains("--port <N=SERVICE>"));
+    QVERIFY2(!help.contains("USBHAL]"), help);
 }
 
 void ProgramTest::aSignalWithoutAHostEndsItCleanly_data()
@@ -186,6 +225,19 @@ void ProgramTest::aSignalWithAHostEndsItCleanly()
     startManager();
     QVERIFY(plugIn());
     QVERIFY(waitForOutput("link CONNECTED"));
+    endWith(SIGTERM);
+}
+
+// The signal comes at the worst time, when a read has just begun to wait.
+void ProgramTest::aSignalWithASilentHostEndsItCleanly()
+{
+    startManager();
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED"));
+    QCOMPARE(control({"read", "silent"}), QByteArray("ok\n"));
+    const int reads = readsSoFar();
+    QVERIFY(reads > 0);
+    QTRY_VERIFY_WITH_TIMEOUT(readsSoFar() > reads, patience);
     endWith(SIGTERM);
 }
 
