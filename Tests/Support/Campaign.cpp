@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+#include "Campaign.h"
+
+#include <QDir>
+
+#include <fstream>
+#include <random>
+#include <unistd.h>
+
+quint64 Campaign::scaled(quint64 fullCount)
+{
+    bool given = false;
+    const uint scale = qEnvironmentVariable("USBHAL_SCALE").toUInt(&given);
+    return qMax<quint64>(fullCount / (given && scale > 0 ? scale : 100), 1);
+}
+
+quint32 Campaign::seed()
+{
+    bool given = false;
+    quint32 seed = qEnvironmentVariable("USBHAL_SEED").toUInt(&given);
+    if (!given)
+        seed = std::random_device()();
+    std::cout << "USBHAL_SEED=" << seed << std::endl;
+    return seed;
+}
+
+long Campaign::residentMemory()
+{
+    std::ifstream file("/proc/self/statm");
+    long total = 0;
+    long resident = 0;
+    file >> total >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+int Campaign::openDescriptors()
+{
+    // Less the one that reads the folder.
+    return QDir("/proc/self/fd")
+               .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+               .size() -
+           1;
+}

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#ifndef CAMPAIGN_H
+#define CAMPAIGN_H
+
+#include <QtGlobal>
+
+#include <iostream>
+#include <string>
+
+/** What the long-running tests share: their size, their seed and the figures that they report. */
+namespace Campaign {
+
+/**
+ * That part of a full-sized campaign's count which this run does: the count divided by the
+ * environment's USBHAL_SCALE (1: full size; 100 when it is not set), at least 1.
+ */
+quint64 scaled(quint64 fullCount);
+
+/** USBHAL_SEED of the environment, else a new seed; printed, so that the run can be repeated. */
+quint32 seed();
+
+/** Resident memory of this process, kB. */
+long residentMemory();
+/** Open file descriptors of this process. */
+int openDescriptors();
+
+/** Prints a line "FIGURE what: value", which the campaign script collects. */
+template <typename Value>
+void printFigure(const std::string &what, const Value &value)
+{
+    std::cout << "FIGURE " << what << ": " << value << std::endl;
+}
+
+} // namespace Campaign
+
+#endif

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#ifndef VIRTUALTIME_H
+#define VIRTUALTIME_H
+
+#include <QtGlobal>
+
+/**
+ * The library's time in the hands of a test, for programs that link UsbHalVirtualTime and the
+ * library's objects. It holds for QThread::msleep() and sleep(), for waits on a QWaitCondition with
+ * a time limit and for QElapsedTimer::elapsed(), wherever the program itself calls them; timers,
+ * QThread::wait() and what shared libraries call stay real. Any thread may call these functions.
+ */
+namespace VirtualTime {
+
+/** Pauses take 1/divisor of their time; 0: none, they only yield. 1 at first. */
+void setPauseDivisor(unsigned divisor);
+
+/** Whether a wait with a time limit ends at once, its whole time passed. Not so at first. */
+void setInstantWaits(bool instant);
+
+/** ms of pauses and waits that the calling thread was spared. */
+qint64 sparedTime();
+
+} // namespace VirtualTime
+
+#endif
