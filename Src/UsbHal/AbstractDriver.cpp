@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "AbstractDriver.h"
 
-#include <QMutexLocker>
-
 #include <algorithm>
 #include <limits>
 #include <new>
@@ -36,13 +34,13 @@ void AbstractDriver::setMaxWriteSize(unsigned int size)
 
 QString AbstractDriver::getDriverName() const
 {
-    const QMutexLocker locker(&_driverNameMutex);
+    const CheckedLocker locker(&_driverNameMutex);
     return _driverName;
 }
 
 void AbstractDriver::_setDriverName(const QString &name)
 {
-    const QMutexLocker locker(&_driverNameMutex);
+    const CheckedLocker locker(&_driverNameMutex);
     _driverName = name;
 }
 

@@ -3,8 +3,8 @@
 #define ABSTRACTDRIVER_H
 
 #include "UsbHalIntf.h"
+#include "threadsafety.h"
 
-#include <QMutex>
 #include <QStringList>
 
 #include <memory>
@@ -80,7 +80,7 @@ protected:
     static constexpr quint32 largestMaxWriteSize = 31000; // that setMaxWriteSize stores
 
     QString _driverTag = QStringLiteral("unknown");
-    QString _driverName = QStringLiteral("unknown");
+    QString _driverName GUARDED_BY(_driverNameMutex) = QStringLiteral("unknown");
     int _selectedInstance = -1;
     QStringList _instancePaths;
     std::unique_ptr<char[]> _readBuffer;
@@ -98,7 +98,7 @@ protected:
 private:
     void _allocateReadBuffer();
 
-    mutable QMutex _driverNameMutex;
+    mutable CheckedMutex _driverNameMutex;
 };
 
 #endif

@@ -31,15 +31,11 @@ const char *const errorTexts[] = {
 };
 constexpr int errorCount = sizeof errorTexts / sizeof errorTexts[0];
 
-// Qt aborts the process when the object of a running thread is destroyed, and the process may well
-// end in that thread: a handler may call exit().
+// Never destroyed: Qt aborts the process when the object of a running thread is, the process may
+// end in that thread, and other threads may still call the core.
 union ThreadStorage {
     ThreadStorage() { new (&thread) WorkerThread; }
-    ~ThreadStorage()
-    {
-        if (!thread.isRunning())
-            thread.~WorkerThread();
-    }
+    ~ThreadStorage() {}
     Q_DISABLE_COPY(ThreadStorage)
 
     WorkerThread thread;
@@ -64,9 +60,14 @@ UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(
 
 UsbHAL::~UsbHAL()
 {
-    logLine("~UsbHAL", QStringLiteral("UsbHAL::~UsbHAL"));
-    stop();
+    retire();
     waitForDisconnected(destructionTimeout);
+}
+
+void UsbHAL::retire()
+{
+    logLine(QStringLiteral("~UsbHAL"), QStringLiteral("UsbHAL::~UsbHAL"));
+    stop();
 }
 
 bool UsbHAL::isInHandler() const
@@ -109,7 +110,7 @@ void UsbHAL::getDefaultSetup(ParamHal &param) const
 
 bool UsbHAL::setupConfig(const ParamHal &param)
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     if (_configured)
         return true;
     _param = param;
@@ -126,13 +127,13 @@ bool UsbHAL::setupConfig(const ParamHal &param)
     if (_hwDriver)
         _hwDriver->setupConfig(_param);
     _setupDone = true;
-    logLine("setupConfig", QStringLiteral("configuration is now set"));
+    logLine(QStringLiteral("setupConfig"), QStringLiteral("configuration is now set"));
     return true;
 }
 
 void UsbHAL::stop()
 {
-    QMutexLocker locker(&_mutex);
+    CheckedLocker locker(&_mutex);
     ++_stops;
     _setMainLoopTimer(0);
     if (isConnectedThread())
@@ -155,7 +156,7 @@ void UsbHAL::_endCommunication(QMutexLocker &locker)
 
 void UsbHAL::_askThreadToEnd()
 {
-    logLine("stop", QStringLiteral("watchdog stopped"));
+    logLine(QStringLiteral("stop"), QStringLiteral("watchdog stopped"));
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     _running = false;
@@ -164,7 +165,7 @@ void UsbHAL::_askThreadToEnd()
 
 DriverState UsbHAL::status() const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _driverState;
 }
 
@@ -180,13 +181,13 @@ bool UsbHAL::isHost() const
 
 QString UsbHAL::driverName() const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _hwDriver ? _hwDriver->getDriverName() : QString();
 }
 
 quint32 UsbHAL::nbClients() const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _nbClients();
 }
 
@@ -204,16 +205,17 @@ QString UsbHAL::getSocketStateStr(SocketState state) const
 
 bool UsbHAL::waitForConnected(int msecs) const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _waitUntil(_connectedCond, msecs,
-                      [this] { return _driverState == DriverState::CONNECTED; });
+                      [this]() REQUIRES(_mutex) { return _driverState == DriverState::CONNECTED; });
 }
 
 bool UsbHAL::waitForDisconnected(int msecs) const
 {
-    const QMutexLocker locker(&_mutex);
-    return _waitUntil(_disconnectedCond, msecs,
-                      [this] { return _driverState == DriverState::DISCONNECTED; });
+    const CheckedLocker locker(&_mutex);
+    return _waitUntil(_disconnectedCond, msecs, [this]() REQUIRES(_mutex) {
+        return _driverState == DriverState::DISCONNECTED;
+    });
 }
 
 bool UsbHAL::_updateStatus(DriverState state, QMutexLocker &locker)
@@ -222,7 +224,7 @@ bool UsbHAL::_updateStatus(DriverState state, QMutexLocker &locker)
         return false;
     _driverState = state;
     _emitUnlocked(locker, [&] { emit stateChanged(state); });
-    logLine("_updateStatus",
+    logLine(QStringLiteral("_updateStatus"),
             "UsbHal switched to " + DriverStateStr[static_cast<int>(state)] + " state");
     return true;
 }
@@ -257,14 +259,14 @@ void UsbHAL::_onError(int num, void *data)
     case Error::PortAlreadyOpen:
     case Error::TooManyClients:
     case Error::CloseFailed:
-        logLine("_onError", text + " Param = " + value);
+        logLine(QStringLiteral("_onError"), text + " Param = " + value);
         break;
     case Error::NotInitialized:
-        logLine("_onError", text);
+        logLine(QStringLiteral("_onError"), text);
         break;
     case Error::NotOpenedPort:
     case Error::BufferOverflow:
-        logLine("_onError", text + " on port #" + value);
+        logLine(QStringLiteral("_onError"), text + " on port #" + value);
         break;
     default: // a close of a port that is not open is too common to log
         break;

@@ -4,13 +4,12 @@
 
 #include "AbstractDriver.h"
 #include "UsbHalIntf.h"
+#include "threadsafety.h"
 #include "workerthread.h"
 
 #include <QElapsedTimer>
 #include <QHash>
 #include <QList>
-#include <QMutex>
-#include <QMutexLocker>
 #include <QQueue>
 #include <QSharedPointer>
 #include <QTimer>
@@ -129,6 +128,8 @@ public:
 
     void watchdog(bool enable);
 
+    /** Ends the use of the core for good, as its destruction does, but leaves it to its callers. */
+    void retire();
     /** Whether the caller runs in this core's communication thread. */
     bool isConnectedThread() const;
     /** Whether the caller was called by a signal of a core, whose frames it must not destroy. */
@@ -184,96 +185,97 @@ protected:
     };
 
     // Link state (UsbHal.cpp)
-    bool _updateStatus(DriverState state, QMutexLocker &locker);
-    void _onConnected(QMutexLocker &locker);
-    void _onDisconnected(QMutexLocker &locker);
-    void _emitError(int code, void *data, QMutexLocker &locker);
-    void _endCommunication(QMutexLocker &locker);
-    void _askThreadToEnd();
-    quint32 _nbClients() const { return _clientCount; }
+    bool _updateStatus(DriverState state, QMutexLocker &locker) REQUIRES(_mutex);
+    void _onConnected(QMutexLocker &locker) REQUIRES(_mutex);
+    void _onDisconnected(QMutexLocker &locker) REQUIRES(_mutex);
+    void _emitError(int code, void *data, QMutexLocker &locker) REQUIRES(_mutex);
+    void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
+    void _askThreadToEnd() REQUIRES(_mutex);
+    quint32 _nbClients() const REQUIRES(_mutex) { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
-    bool _isOpen(int port) const;
-    bool _isUsable(int port) const;
-    bool _canClose(int port) const;
-    bool _isEnding() const;
-    bool _isCommunicating() const;
-    bool _waitForEnding(QMutexLocker &locker);
-    bool _startCommunication();
-    bool _startThread();
-    bool _prepareReadQueue(int port);
-    void _discardReadQueue(int port);
-    bool _closeConnection(int port, QMutexLocker &locker);
-    void _onConnected(int port, QMutexLocker &locker);
-    void _onDisconnected(int port, QMutexLocker &locker);
-    void _changeAllSocketsState(SocketState state, QMutexLocker &locker);
-    quint32 _nbPortsOpened() const;
+    bool _isOpen(int port) const REQUIRES(_mutex);
+    bool _isUsable(int port) const REQUIRES(_mutex);
+    bool _canClose(int port) const REQUIRES(_mutex);
+    bool _isEnding() const REQUIRES(_mutex);
+    bool _isCommunicating() const REQUIRES(_mutex);
+    bool _waitForEnding(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _startCommunication() REQUIRES(_mutex);
+    bool _startThread() REQUIRES(_mutex);
+    bool _prepareReadQueue(int port) REQUIRES(_mutex);
+    void _discardReadQueue(int port) REQUIRES(_mutex);
+    bool _closeConnection(int port, QMutexLocker &locker) REQUIRES(_mutex);
+    void _onConnected(int port, QMutexLocker &locker) REQUIRES(_mutex);
+    void _onDisconnected(int port, QMutexLocker &locker) REQUIRES(_mutex);
+    void _changeAllSocketsState(SocketState state, QMutexLocker &locker) REQUIRES(_mutex);
+    quint32 _nbPortsOpened() const REQUIRES(_mutex);
 
     // Receive path (UsbHal_receive.cpp)
-    bool _processAllMessages(const QByteArray &buffer, QMutexLocker &locker);
-    bool _processMessage(const QByteArray &message, QMutexLocker &locker, unsigned int &consumed);
+    bool _processAllMessages(const QByteArray &buffer, QMutexLocker &locker) REQUIRES(_mutex);
+    bool _processMessage(const QByteArray &message, QMutexLocker &locker, unsigned int &consumed)
+        REQUIRES(_mutex);
     bool _processDataMessage(const QByteArray &message, QMutexLocker &locker,
-                             unsigned int &consumed);
-    unsigned int _takeMaxWriteSize(const QByteArray &message);
-    void _logFault(usb_messages::Fault fault, const QByteArray &message);
-    void _reopenPort(int port);
-    bool _hasRoom(int port, int size) const;
-    void _storePayload(int port, const QByteArray &payload);
-    void _announcePayload(int port, QMutexLocker &locker);
-    ReadQueue *_readableQueue(int port) const;
-    int _nbBytesReceived(int port) const;
-    quint32 _nbBytesWaitingToBeRead() const { return _totalBytesWaitingRead; }
-    void _clearReadFifo();
+                             unsigned int &consumed) REQUIRES(_mutex);
+    unsigned int _takeMaxWriteSize(const QByteArray &message) REQUIRES(_mutex);
+    void _logFault(usb_messages::Fault fault, const QByteArray &message) REQUIRES(_mutex);
+    void _reopenPort(int port) REQUIRES(_mutex);
+    bool _hasRoom(int port, int size) const REQUIRES(_mutex);
+    void _storePayload(int port, const QByteArray &payload) REQUIRES(_mutex);
+    void _announcePayload(int port, QMutexLocker &locker) REQUIRES(_mutex);
+    ReadQueue *_readableQueue(int port) const REQUIRES(_mutex);
+    int _nbBytesReceived(int port) const REQUIRES(_mutex);
+    quint32 _nbBytesWaitingToBeRead() const REQUIRES(_mutex) { return _totalBytesWaitingRead; }
+    void _clearReadFifo() REQUIRES(_mutex);
 
     // Send path (UsbHal_send.cpp)
-    void _waitForWritePermission();
-    int _payloadLimit() const;
-    int _queueMessages(int port, const QByteArray &data, int limit);
-    void _clearWriteFifo();
-    int _clearWriteFifoForPort(int port);
+    void _waitForWritePermission() REQUIRES(_mutex);
+    int _payloadLimit() const REQUIRES(_mutex);
+    int _queueMessages(int port, const QByteArray &data, int limit) REQUIRES(_mutex);
+    void _clearWriteFifo() REQUIRES(_mutex);
+    int _clearWriteFifoForPort(int port) REQUIRES(_mutex);
 
     // Communication thread and watchdog (UsbHal_thread.cpp)
     void *_connectedFunc(void *arg);
-    void _communicate(QMutexLocker &locker);
-    bool _openAnyDriver(Session &session, QMutexLocker &locker);
-    bool _reportFailedOpens(Session &session);
-    AbstractDriver *_open(QMutexLocker &locker);
-    bool _closeDriver();
-    bool _releaseDriver();
-    bool _runCycles(Session &session, QMutexLocker &locker);
-    void _leaveThread(QMutexLocker &locker);
-    void _leaveThreadAsHost(QMutexLocker &locker);
-    void _readAsDevice(QMutexLocker &locker);
-    void _writeAsDevice(QMutexLocker &locker);
-    void _readAsHost(QMutexLocker &locker);
-    void _writeAsHost(QMutexLocker &locker);
-    void _retryWriteAsHost();
-    bool _readBlock(QByteArray &block, QMutexLocker &locker);
-    bool _writeBlock(const QByteArray &block, QMutexLocker &locker);
-    void _skipWrite(QMutexLocker &locker);
+    void _communicate(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _openAnyDriver(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    bool _reportFailedOpens(Session &session) REQUIRES(_mutex);
+    AbstractDriver *_open(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _closeDriver() REQUIRES(_mutex);
+    bool _releaseDriver() REQUIRES(_mutex);
+    bool _runCycles(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
+    void _readAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
+    void _writeAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
+    void _readAsHost(QMutexLocker &locker) REQUIRES(_mutex);
+    void _writeAsHost(QMutexLocker &locker) REQUIRES(_mutex);
+    void _retryWriteAsHost() REQUIRES(_mutex);
+    bool _readBlock(QByteArray &block, QMutexLocker &locker) REQUIRES(_mutex);
+    bool _writeBlock(const QByteArray &block, QMutexLocker &locker) REQUIRES(_mutex);
+    void _skipWrite(QMutexLocker &locker) REQUIRES(_mutex);
     static void _pause(unsigned long time, QMutexLocker &locker);
-    void _removeSentMessage(const QByteArray &message);
-    QByteArray _idleMessage();
-    bool _mustDelayHost();
-    QByteArray _noDataMessage();
-    quint32 _driverNbRetry() const;
-    bool _isLinkLost() const;
-    void _countHandshake(Session &session);
-    bool _checkLink(Session &session, QMutexLocker &locker);
-    void _resetLink(QMutexLocker &locker);
-    bool _reopenAfterLoss(Session &session, QMutexLocker &locker);
-    bool _tryReopen(Session &session, QMutexLocker &locker);
-    bool _isReopenHopeless(const Session &session) const;
-    void _grantWriters();
+    void _removeSentMessage(const QByteArray &message) REQUIRES(_mutex);
+    QByteArray _idleMessage() REQUIRES(_mutex);
+    bool _mustDelayHost() REQUIRES(_mutex);
+    QByteArray _noDataMessage() REQUIRES(_mutex);
+    quint32 _driverNbRetry() const REQUIRES(_mutex);
+    bool _isLinkLost() const REQUIRES(_mutex);
+    void _countHandshake(Session &session) REQUIRES(_mutex);
+    bool _checkLink(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    void _resetLink(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _reopenAfterLoss(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    bool _tryReopen(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    bool _isReopenHopeless(const Session &session) const REQUIRES(_mutex);
+    void _grantWriters() REQUIRES(_mutex);
     void _endOfConnectedThread();
-    void _endThread(QMutexLocker &locker);
-    void _stopWorkerThread(unsigned long time);
-    bool _waitForThread(QMutexLocker &locker, unsigned long time);
-    bool _isWatchdogDue() const;
-    void _resetWatchdog();
-    void _restartStuckThread(QMutexLocker &locker);
-    void _releaseDriverOfDeadThread();
-    void _beginCommunication();
+    void _endThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
+    bool _waitForThread(QMutexLocker &locker, unsigned long time) REQUIRES(_mutex);
+    bool _isWatchdogDue() const REQUIRES(_mutex);
+    void _resetWatchdog() REQUIRES(_mutex);
+    void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _releaseDriverOfDeadThread() REQUIRES(_mutex);
+    void _beginCommunication() REQUIRES(_mutex);
     void _setMainLoopTimer(quint32 period);
     void _applyMainLoopPeriod();
     void _retireMainLoopTimer();
@@ -283,13 +285,21 @@ protected:
      * with the mutex held; returns whether reached() holds.
      */
     template <typename Predicate>
-    bool _waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const;
+    bool _waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const
+        REQUIRES(_mutex);
 
     /**
      * Waits on a condition with the mutex held, at most msecs ms; shorter in the communication
      * thread, which may be killed.
      */
-    void _waitOn(QWaitCondition &condition, qint64 msecs) const;
+    void _waitOn(QWaitCondition &condition, qint64 msecs) const REQUIRES(_mutex);
+
+    /**
+     * Runs an operation with the mutex released. As a lambda it is checked for what it touches
+     * without the mutex; what follows a bare unlock() would pass unchecked.
+     */
+    template <typename Operation>
+    static void _runUnlocked(QMutexLocker &locker, Operation operation);
 
     /** Runs what emits a signal with the mutex released, so that a handler may call back. */
     template <typename Emission>
@@ -299,54 +309,58 @@ protected:
     static thread_local int emissionDepth; // handlers of this thread that are on its stack
 
     QList<int> _reserved; // keeps its place in the object, unused
-    bool _maxSizeExchanged = false;
-    bool _configured = false;
-    quint32 _watchdogErrors = 0;
-    quint32 _lastLoopCounter = 0;
-    quint32 _loopCounter = 0;
-    qint32 _nextAction = firstHalf;
-    bool _running = false;
-    quint32 _clientCount = 0;
-    DriverState _driverState = DriverState::DISCONNECTED;
-    quint32 _readErrors = 0;
-    quint32 _writeErrors = 0;
-    QHash<int, QSharedPointer<ReadQueue>> _readQueues;
-    QList<QByteArray> _writeFifo;
-    QHash<int, SocketState> _socketStates;
+    bool _maxSizeExchanged GUARDED_BY(_mutex) = false;
+    bool _configured GUARDED_BY(_mutex) = false;
+    quint32 _watchdogErrors GUARDED_BY(_mutex) = 0;
+    quint32 _lastLoopCounter GUARDED_BY(_mutex) = 0;
+    quint32 _loopCounter GUARDED_BY(_mutex) = 0;
+    qint32 _nextAction GUARDED_BY(_mutex) = firstHalf;
+    bool _running GUARDED_BY(_mutex) = false;
+    quint32 _clientCount GUARDED_BY(_mutex) = 0;
+    DriverState _driverState GUARDED_BY(_mutex) = DriverState::DISCONNECTED;
+    quint32 _readErrors GUARDED_BY(_mutex) = 0;
+    quint32 _writeErrors GUARDED_BY(_mutex) = 0;
+    QHash<int, QSharedPointer<ReadQueue>> _readQueues GUARDED_BY(_mutex);
+    QList<QByteArray> _writeFifo GUARDED_BY(_mutex);
+    QHash<int, SocketState> _socketStates GUARDED_BY(_mutex);
     QTimer _mainLoopTimer;
-    QElapsedTimer _mainLoopClock;
-    bool _forceLowLevelDisconnection = false;
+    QElapsedTimer _mainLoopClock GUARDED_BY(_mutex);
+    bool _forceLowLevelDisconnection GUARDED_BY(_mutex) = false;
     QWaitCondition _writeAllowedCond;
-    bool _writerWaiting = false;
-    bool _handshaking = true;
-    AbstractDriver *_hwDriver = nullptr;
-    quint32 _totalBytesWaitingRead = 0;
-    bool _peerBusy = false;
-    bool _delayRequested = false;
-    bool _driverOpened = false;
-    QList<QSharedPointer<AbstractDriver>> _drivers;
-    bool _setupDone = false;
-    ParamHal _param;
-    mutable QMutex _mutex;
+    bool _writerWaiting GUARDED_BY(_mutex) = false;
+    bool _handshaking GUARDED_BY(_mutex) = true;
+    AbstractDriver *_hwDriver GUARDED_BY(_mutex) = nullptr;
+    quint32 _totalBytesWaitingRead GUARDED_BY(_mutex) = 0;
+    bool _peerBusy GUARDED_BY(_mutex) = false;
+    bool _delayRequested GUARDED_BY(_mutex) = false;
+    bool _driverOpened GUARDED_BY(_mutex) = false;
+    QList<QSharedPointer<AbstractDriver>> _drivers GUARDED_BY(_mutex);
+    bool _setupDone GUARDED_BY(_mutex) = false;
+    ParamHal _param GUARDED_BY(_mutex);
+    mutable CheckedMutex _mutex;
     QWaitCondition _fifoEmptyCond;
     mutable QWaitCondition _readyReadCond;
     mutable QWaitCondition _connectedCond;
     mutable QWaitCondition _disconnectedCond;
-    quint32 _lastMaxReadSize = 0;
-    QByteArray _maxReadSizeMessage;
+    quint32 _lastMaxReadSize GUARDED_BY(_mutex) = 0;
+    QByteArray _maxReadSizeMessage GUARDED_BY(_mutex);
 
     QWaitCondition _stopEndedCond;
-    quint32 _stopsInProgress = 0;
-    quint32 _stops = 0;         // so far, so that the watchdog and the receive path notice one
-    bool _startPending = false; // a handler in the ending thread opened a port: start once more
+    quint32 _stopsInProgress GUARDED_BY(_mutex) = 0;
+    // So far, so that the watchdog and the receive path notice one.
+    quint32 _stops GUARDED_BY(_mutex) = 0;
+    // A handler in the ending thread opened a port: start once more.
+    bool _startPending GUARDED_BY(_mutex) = false;
     // The timer belongs to the core's thread; the others see it through these.
     std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
     std::atomic<bool> _mainLoopActive{false};
     std::atomic<bool> _mainLoopChangePosted{false};
 };
 
+// Not checked: the predicate asks for the mutex by the name it has where the predicate was written.
 template <typename Predicate>
-bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const
+bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs,
+                        Predicate reached) const NO_THREAD_SAFETY_ANALYSIS
 {
     QElapsedTimer timer;
     timer.start();
@@ -357,6 +371,14 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reach
         _waitOn(condition, left);
     }
     return true;
+}
+
+template <typename Operation>
+void UsbHAL::_runUnlocked(QMutexLocker &locker, Operation operation)
+{
+    locker.unlock();
+    operation();
+    locker.relock();
 }
 
 template <typename Emission>
@@ -370,12 +392,10 @@ void UsbHAL::_emitUnlocked(QMutexLocker &locker, Emission emission)
         // handler would unwind through a client's destructors.
         const CancellationBlocker blocker;
     };
-    locker.unlock();
-    {
+    _runUnlocked(locker, [&] {
         const Handlers handlers;
         emission();
-    }
-    locker.relock();
+    });
 }
 
 #endif

@@ -3,7 +3,9 @@
 
 #include "GadgetDriver.h"
 #include "UsbHal.h"
-#include "UsbHalLog.h"
+
+#include <new>
+#include <unistd.h>
 
 namespace {
 
@@ -16,11 +18,17 @@ QSharedPointer<AbstractDriver> createDriver()
 
 UsbHALIntf *UsbHALIntf::getInstance()
 {
-    static UsbHALIntf instance;
-    return &instance;
+    // Never destroyed: client threads may be in a call, or make one, until the process is gone.
+    union Storage {
+        Storage() { new (&facade) UsbHALIntf; }
+        ~Storage() { facade._endProcess(); }
+        UsbHALIntf facade;
+    };
+    static Storage storage;
+    return &storage.facade;
 }
 
-UsbHALIntf::UsbHALIntf()
+UsbHALIntf::UsbHALIntf() : _process(::getpid())
 {
     QList<QSharedPointer<AbstractDriver>> drivers;
     drivers.append(createDriver());
@@ -29,12 +37,14 @@ UsbHALIntf::UsbHALIntf()
     _relaySignals();
 }
 
-UsbHALIntf::~UsbHALIntf()
+UsbHALIntf::~UsbHALIntf() = default;
+
+// A forked child has the core's locks as they were at the fork, but neither its thread nor the
+// right to its device and log.
+void UsbHALIntf::_endProcess()
 {
-    freeMem();
-    // A core that cannot be destroyed is left to the system, and may still log.
-    if (!_freed)
-        UsbHalLog::keepUntilProcessEnds();
+    if (!_freed && _process == ::getpid())
+        _hal->retire();
 }
 
 void UsbHALIntf::freeMem()

@@ -77,8 +77,9 @@ class USBHAL_EXPORT UsbHALIntf : public QObject
 
 public:
     /**
-     * The one instance, created by the first call and destroyed at the end of the process. Its
-     * watchdog runs in the event loop of the thread that makes the first call.
+     * The one instance, created by the first call. The end of the process stops it, but destroys
+     * nothing: other threads may still call it. Its watchdog runs in the event loop of the thread
+     * that makes the first call.
      */
     static UsbHALIntf *getInstance();
 
@@ -210,8 +211,8 @@ public:
     /**
      * Destroys the core; meant as the last use of the library, nothing else may be called after it
      * and no other thread may be in a call. In a handler, or while the thread of the first
-     * getInstance() runs elsewhere, it only stops the communication. Without it the core is
-     * destroyed at the end of the process.
+     * getInstance() runs elsewhere, it only stops the communication. Without it the end of the
+     * process stops the core and leaves its memory to the system.
      */
     void freeMem();
 
@@ -244,9 +245,11 @@ private:
     Q_DISABLE_COPY(UsbHALIntf)
 
     void _relaySignals();
+    void _endProcess();
 
     UsbHAL *_hal;
     bool _freed = false;
+    const qint32 _process; // the one that it was created in
 };
 
 #endif

@@ -3,12 +3,15 @@
 
 #include "workerthread.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 
+#include <algorithm>
+#include <ctime>
+#include <functional>
 #include <iostream>
-#include <mutex>
+#include <iterator>
+#include <limits>
 
 namespace {
 
@@ -17,9 +20,67 @@ constexpr int largestMaxLines = 20000;
 constexpr int lastFileIndex = 30000;
 constexpr int lockPollPeriod = 10; // ms
 
-QString timestamp()
+void append(LogLine &line, QLatin1String text)
 {
-    return QDateTime::currentDateTime().toString(QStringLiteral("dd-MM-yyyy hh:mm:ss:zzz"));
+    line.append(text.data(), text.size());
+}
+
+void append(LogLine &line, const QString &text)
+{
+    const auto isAscii = [](QChar c) { return c.unicode() < 0x80; };
+    if (!std::all_of(text.cbegin(), text.cend(), isAscii)) {
+        const QByteArray utf8 = text.toUtf8();
+        line.append(utf8.constData(), utf8.size());
+        return;
+    }
+    const int oldSize = line.size();
+    line.resize(oldSize + text.size());
+    std::transform(text.cbegin(), text.cend(), line.begin() + oldSize, std::mem_fn(&QChar::cell));
+}
+
+void appendNumber(LogLine &line, qint64 number)
+{
+    char digits[std::numeric_limits<qint64>::digits10 + 1];
+    char *first = std::end(digits);
+    qint64 rest = qAbs(number);
+    do {
+        *--first = static_cast<char>('0' + rest % 10);
+        rest /= 10;
+    } while (rest != 0);
+    if (number < 0)
+        line.append('-');
+    line.append(first, static_cast<int>(std::end(digits) - first));
+}
+
+// "dd-MM-yyyy hh:mm:ss:". Each thread makes it once a second: it takes longer than all the rest of
+// a line, and asks for the file of the time zone. Without Qt, whose calendar is gone before the
+// last line of a process.
+QLatin1String dateOf(time_t second)
+{
+    struct Date
+    {
+        time_t second = -1;
+        size_t size = 0;
+        char text[32] = {};
+    };
+    static thread_local Date date;
+    if (date.second != second) {
+        tm local = {};
+        tzset(); // localtime_r need not notice that the time zone has changed
+        localtime_r(&second, &local);
+        date.size = std::strftime(date.text, sizeof date.text, "%d-%m-%Y %H:%M:%S:", &local);
+        date.second = second;
+    }
+    return QLatin1String(date.text, static_cast<int>(date.size));
+}
+
+void appendTimestamp(LogLine &line)
+{
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    append(line, dateOf(now.tv_sec));
+    for (long unit = 100000000; unit >= 1000000; unit /= 10) // the digits of the milliseconds
+        line.append(static_cast<char>('0' + now.tv_nsec / unit % 10));
 }
 
 qint32 currentThreadId()
@@ -27,11 +88,18 @@ qint32 currentThreadId()
     return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
 }
 
-QByteArray composeLine(const QString &function, unsigned int line, const QString &message)
+void compose(LogLine &line, const QString &function, unsigned int number, const QString &message)
 {
-    const QString text = timestamp() + " [THREAD " + QString::number(currentThreadId()) + "] [" +
-                         function + ':' + QString::number(line) + "] " + message + '\n';
-    return text.toUtf8();
+    appendTimestamp(line);
+    append(line, QLatin1String(" [THREAD "));
+    appendNumber(line, currentThreadId());
+    append(line, QLatin1String("] ["));
+    append(line, function);
+    line.append(':');
+    appendNumber(line, number);
+    append(line, QLatin1String("] "));
+    append(line, message);
+    line.append('\n');
 }
 
 void writeToConsole(const QString &function, const QString &message)
@@ -44,19 +112,9 @@ void writeToConsole(const QString &function, const QString &message)
 
 } // namespace
 
-QScopedPointer<UsbHalLog, UsbHalLog::Disposal> UsbHalLog::logger;
-bool UsbHalLog::outlivesProcess = false;
+QScopedPointer<UsbHalLog, UsbHalLog::KeptToTheEnd> UsbHalLog::logger;
 
-void UsbHalLog::Disposal::cleanup(UsbHalLog *log)
-{
-    if (!outlivesProcess)
-        delete log;
-}
-
-UsbHalLog::UsbHalLog()
-{
-    timestamp(); // what Qt keeps to write a date then outlives this object, and the facade
-}
+UsbHalLog::UsbHalLog() = default;
 
 UsbHalLog::~UsbHalLog() = default;
 
@@ -67,14 +125,9 @@ UsbHalLog *UsbHalLog::getInstance()
     return logger.data();
 }
 
-void UsbHalLog::keepUntilProcessEnds()
-{
-    outlivesProcess = true;
-}
-
 bool UsbHalLog::open(QString dir, QString name)
 {
-    const QMutexLocker locker(&_logMutex);
+    const CheckedLocker locker(&_logMutex);
     _logDir = dir.replace('\\', '/');
     _logName = name;
     if (!_logDir.isEmpty() && !_logDir.endsWith('/'))
@@ -97,30 +150,32 @@ void UsbHalLog::log(QString function, unsigned int line, QString message)
         writeToConsole(function, message);
         return;
     }
-    const QByteArray text = composeLine(function, line, message);
+    LogLine text;
+    compose(text, function, line, message);
     while (!_logMutex.tryLock(lockPollPeriod))
         blocker.testCancel();
-    std::unique_lock<QMutex> locker(_logMutex, std::adopt_lock);
+    AdoptingLocker locker(&_logMutex);
     if (!_logCreated) {
         locker.unlock();
         writeToConsole(function, message);
-    } else if (_lineCount < _maxLines) {
-        _append(text);
-    } else {
-        _rotate(text);
+        return;
     }
+    if (_lineCount < _maxLines)
+        _append(text);
+    else
+        _rotate(text);
 }
 
 bool UsbHalLog::setupConfig(const ParamHal &param)
 {
-    const QMutexLocker locker(&_logMutex);
+    const CheckedLocker locker(&_logMutex);
     _maxLines = param.maxLogLines == 0 ? defaultMaxLines : qMin(param.maxLogLines, largestMaxLines);
     return false;
 }
 
 bool UsbHalLog::isLogCreated()
 {
-    const QMutexLocker locker(&_logMutex);
+    const CheckedLocker locker(&_logMutex);
     return _logCreated;
 }
 
@@ -157,7 +212,7 @@ bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
     return opened;
 }
 
-void UsbHalLog::_append(const QByteArray &line)
+void UsbHalLog::_append(const LogLine &line)
 {
     if (_file->isOpen())
         _write(line);
@@ -165,12 +220,12 @@ void UsbHalLog::_append(const QByteArray &line)
 }
 
 // A disk that fills up may take the beginning of a line: the next line must not follow on it.
-void UsbHalLog::_write(const QByteArray &line)
+void UsbHalLog::_write(const LogLine &line)
 {
-    const QByteArray bytes = _lineCut ? '\n' + line : line;
-    const qint64 written = _file->write(bytes);
-    if (written > 0)
-        _lineCut = written < bytes.size();
+    if (_lineCut && _file->write("\n", 1) != 1)
+        return;
+    const qint64 written = _file->write(line.constData(), line.size());
+    _lineCut = written > 0 && written < line.size();
 }
 
 /*
@@ -178,7 +233,7 @@ void UsbHalLog::_write(const QByteArray &line)
  * <name>2.log  full: survives
  * <name>3.log  begun with the line that found the second file full
  */
-void UsbHalLog::_rotate(const QByteArray &line)
+void UsbHalLog::_rotate(const LogLine &line)
 {
     const int previousIndex = _fileIndex;
     _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
@@ -195,8 +250,10 @@ void UsbHalLog::_rotate(const QByteArray &line)
 void UsbHalLog::_stopLogging()
 {
     if (_fileIndex > 1 && _openFile(_fileIndex - 1, QIODevice::Append)) {
-        const QString text = timestamp() + "ERROR: couldn't open new log file, stop logging !\n";
-        _write(text.toUtf8());
+        LogLine line;
+        appendTimestamp(line);
+        append(line, QLatin1String("ERROR: couldn't open new log file, stop logging !\n"));
+        _write(line);
         _file->close();
     }
     _logCreated = false;

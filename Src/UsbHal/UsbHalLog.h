@@ -3,12 +3,16 @@
 #define USBHALLOG_H
 
 #include "UsbHalIntf.h"
+#include "threadsafety.h"
 
 #include <QFile>
-#include <QMutex>
 #include <QScopedPointer>
+#include <QVarLengthArray>
 
 #include <atomic>
+
+/** A line of a log file, in UTF-8. All but the longest need no memory but the stack. */
+using LogLine = QVarLengthArray<char, 512>;
 
 /**
  * The process-wide trace: lines go to standard output until a log file is open, then to numbered
@@ -27,9 +31,6 @@ public:
 
     /** The one instance, created by the first call. */
     static UsbHalLog *getInstance();
-
-    /** The process ends while threads may still log: the instance is not destroyed any more. */
-    static void keepUntilProcessEnds();
 
     /**
      * Starts logging into <dir>/<name><number>.log; the files of the run before are kept once with
@@ -54,42 +55,42 @@ public:
     QMutex *getLogMutex() { return &_logMutex; }
 
 private:
-    QString _path(int index) const;
-    void _createLogDir();
-    void _keepPreviousFiles();
-    bool _openFile(int index, QIODevice::OpenMode mode);
-    void _append(const QByteArray &line);
-    void _write(const QByteArray &line);
-    void _rotate(const QByteArray &line);
-    void _stopLogging();
-    void _removeOldFile(int index);
+    QString _path(int index) const REQUIRES(_logMutex);
+    void _createLogDir() REQUIRES(_logMutex);
+    void _keepPreviousFiles() REQUIRES(_logMutex);
+    bool _openFile(int index, QIODevice::OpenMode mode) REQUIRES(_logMutex);
+    void _append(const LogLine &line) REQUIRES(_logMutex);
+    void _write(const LogLine &line) REQUIRES(_logMutex);
+    void _rotate(const LogLine &line) REQUIRES(_logMutex);
+    void _stopLogging() REQUIRES(_logMutex);
+    void _removeOldFile(int index) REQUIRES(_logMutex);
 
-    struct Disposal
+    // Threads may log until the process is gone.
+    struct KeptToTheEnd
     {
-        static void cleanup(UsbHalLog *log);
+        static void cleanup(UsbHalLog * /*log*/) {}
     };
 
-    static QScopedPointer<UsbHalLog, Disposal> logger;
-    static bool outlivesProcess;
+    static QScopedPointer<UsbHalLog, KeptToTheEnd> logger;
 
-    int _maxLines = 10000;
-    int _lineCount = 0;
-    int _fileIndex = 1;
-    QString _logDir = QStringLiteral("./");
-    QString _logName = QStringLiteral("UsbHal");
-    QScopedPointer<QFile> _file{new QFile};
-    QMutex _logMutex{QMutex::Recursive};
+    int _maxLines GUARDED_BY(_logMutex) = 10000;
+    int _lineCount GUARDED_BY(_logMutex) = 0;
+    int _fileIndex GUARDED_BY(_logMutex) = 1;
+    QString _logDir GUARDED_BY(_logMutex) = QStringLiteral("./");
+    QString _logName GUARDED_BY(_logMutex) = QStringLiteral("UsbHal");
+    QScopedPointer<QFile> _file GUARDED_BY(_logMutex){new QFile};
+    CheckedMutex _logMutex{QMutex::Recursive};
     std::atomic<bool> _logCreated{false};
-    int _nbKeptFiles = 1;
-    bool _reportingRemoval = false;
-    bool _lineCut = false;
+    int _nbKeptFiles GUARDED_BY(_logMutex) = 1;
+    bool _reportingRemoval GUARDED_BY(_logMutex) = false;
+    bool _lineCut GUARDED_BY(_logMutex) = false;
 };
 
 /** Logs a text with the caller's source line. */
-inline void logLine(const char *function, const QString &message,
+inline void logLine(const QString &function, const QString &message,
                     unsigned int line = __builtin_LINE())
 {
-    UsbHalLog::getInstance()->log(QString::fromLatin1(function), line, message);
+    UsbHalLog::getInstance()->log(function, line, message);
 }
 
 #endif

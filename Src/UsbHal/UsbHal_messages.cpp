@@ -5,14 +5,23 @@
 
 namespace {
 
+constexpr int widestField = qMax(usb_messages::lengthWidth, usb_messages::maxReadSizeWidth);
 constexpr int excerptBelow = 500;  // bytes; longer messages are not shown
 constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
 
-QByteArray decimalField(qint64 value, int width)
+// A value that the field cannot hold makes it wider.
+void appendDecimalField(QByteArray &message, qint64 value, int width)
 {
-    return QByteArray::number(value).rightJustified(width, '0');
+    char field[widestField];
+    qint64 rest = value;
+    for (int i = width - 1; i >= 0; --i, rest /= 10)
+        field[i] = static_cast<char>('0' + rest % 10);
+    if (value >= 0 && rest == 0)
+        message.append(field, width);
+    else
+        message += QByteArray::number(value).rightJustified(width, '0');
 }
 
 } // namespace
@@ -41,8 +50,8 @@ QByteArray frameData(UsbConnID port, const char *payload, int size)
     QByteArray message;
     message.reserve(headerSize + size);
     message += magicNumber;
-    message += decimalField(idWidth + size, lengthWidth);
-    message += decimalField(port, idWidth);
+    appendDecimalField(message, idWidth + size, lengthWidth);
+    appendDecimalField(message, port, idWidth);
     message.append(payload, size);
     return message;
 }
@@ -75,7 +84,9 @@ DataMessage cutData(const QByteArray &bytes)
 
 QByteArray frameMaxReadSize(quint32 size)
 {
-    return devNoData + decimalField(size, maxReadSizeWidth);
+    QByteArray message = devNoData;
+    appendDecimalField(message, size, maxReadSizeWidth);
+    return message;
 }
 
 std::optional<int> parseMaxReadSize(const QByteArray &bytes)

@@ -23,8 +23,8 @@ quint32 textLength(const QByteArray &message)
 
 bool UsbHAL::openConnection(UsbConnID port)
 {
-    QMutexLocker locker(&_mutex);
-    logLine("openConnection", QStringLiteral("opening driver"));
+    CheckedLocker locker(&_mutex);
+    logLine(QStringLiteral("openConnection"), QStringLiteral("opening driver"));
     const bool ready = _waitForEnding(locker);
     if (_isOpen(port)) {
         _emitError(Error::PortAlreadyOpen, portParameter(port), locker);
@@ -50,24 +50,25 @@ bool UsbHAL::openConnection(UsbConnID port)
 
 bool UsbHAL::closeConnection(UsbConnID port)
 {
-    logLine("closeConnection", "closeConnection on port " + QString::number(port));
-    QMutexLocker locker(&_mutex);
+    logLine(QStringLiteral("closeConnection"), "closeConnection on port " + QString::number(port));
+    CheckedLocker locker(&_mutex);
     return _closeConnection(port, locker);
 }
 
 void UsbHAL::disconnectFromHost(UsbConnID port)
 {
-    QMutexLocker locker(&_mutex);
+    CheckedLocker locker(&_mutex);
     if (!_socketStates.contains(port))
         return;
-    logLine("disconnectFromHost", "Disconnect " + QString::number(port) + " from host");
+    logLine(QStringLiteral("disconnectFromHost"),
+            "Disconnect " + QString::number(port) + " from host");
     _closeConnection(port, locker);
-    logLine("disconnectFromHost", QString::number(port) + " is now closed");
+    logLine(QStringLiteral("disconnectFromHost"), QString::number(port) + " is now closed");
 }
 
 void UsbHAL::peerDisconnected(UsbConnID port)
 {
-    QMutexLocker locker(&_mutex);
+    CheckedLocker locker(&_mutex);
     if (_socketStates.value(port) != SocketState::OPENED)
         return;
     _socketStates[port] = SocketState::DISCONNECTED;
@@ -76,7 +77,7 @@ void UsbHAL::peerDisconnected(UsbConnID port)
 
 SocketState UsbHAL::socketStatus(UsbConnID port) const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _socketStates.value(port, SocketState::CLOSED);
 }
 
@@ -117,7 +118,8 @@ bool UsbHAL::_waitForEnding(QMutexLocker &locker)
         return _stopsInProgress == 0;
     QElapsedTimer timer;
     timer.start();
-    _waitUntil(_stopEndedCond, _param.threadStopTimeout, [this] { return _stopsInProgress == 0; });
+    _waitUntil(_stopEndedCond, _param.threadStopTimeout,
+               [this]() REQUIRES(_mutex) { return _stopsInProgress == 0; });
     const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
     if (_isEnding())
         _waitForThread(locker, static_cast<unsigned long>(left));
@@ -130,7 +132,7 @@ bool UsbHAL::_startCommunication()
     _clearReadFifo();
     if (!_configured)
         return false;
-    logLine("openConnection", QStringLiteral("start communication thread"));
+    logLine(QStringLiteral("openConnection"), QStringLiteral("start communication thread"));
     if (!_startThread())
         return false;
     _resetWatchdog();
@@ -160,8 +162,8 @@ bool UsbHAL::_prepareReadQueue(int port)
     QSharedPointer<ReadQueue> &queue = _readQueues[port];
     if (queue) {
         _discardReadQueue(port);
-        logLine("openConnection", ">>>> openConnection _totalBytesWaitingRead = " +
-                                      QString::number(_totalBytesWaitingRead));
+        logLine(QStringLiteral("openConnection"), ">>>> openConnection _totalBytesWaitingRead = " +
+                                                      QString::number(_totalBytesWaitingRead));
     } else {
         queue.reset(new (std::nothrow) ReadQueue);
     }
@@ -178,21 +180,23 @@ void UsbHAL::_discardReadQueue(int port)
 bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)
 {
     if (_canClose(port))
-        _waitUntil(_fifoEmptyCond, closeFlushTime, [this] { return _writeFifo.isEmpty(); });
+        _waitUntil(_fifoEmptyCond, closeFlushTime,
+                   [this]() REQUIRES(_mutex) { return _writeFifo.isEmpty(); });
     // Another thread may have closed the port during the wait.
     if (!_canClose(port)) {
         _emitError(Error::PortNotOpen, portParameter(port), locker);
         return false;
     }
     _discardReadQueue(port);
-    logLine("_closeConnection", ">>>> _closeConnection _totalBytesWaitingRead = " +
-                                    QString::number(_totalBytesWaitingRead));
+    logLine(QStringLiteral("_closeConnection"), ">>>> _closeConnection _totalBytesWaitingRead = " +
+                                                    QString::number(_totalBytesWaitingRead));
     const SocketState oldState = _socketStates.value(port);
     --_clientCount;
     _socketStates[port] = SocketState::CLOSED;
     if (oldState == SocketState::OPENED)
         _onDisconnected(port, locker);
-    logLine("_closeConnection", "port #" + QString::number(port) + " has been CLOSED");
+    logLine(QStringLiteral("_closeConnection"),
+            "port #" + QString::number(port) + " has been CLOSED");
     return true;
 }
 
@@ -200,7 +204,7 @@ void UsbHAL::_onConnected(int port, QMutexLocker &locker)
 {
     _emitUnlocked(locker, [&] {
         emit connected(port);
-        logLine("_onConnected", "socket #" + QString::number(port) + "CONNECTED");
+        logLine(QStringLiteral("_onConnected"), "socket #" + QString::number(port) + "CONNECTED");
         emit socketStateChanged(port, SocketState::OPENED);
     });
 }
@@ -209,18 +213,20 @@ void UsbHAL::_onDisconnected(int port, QMutexLocker &locker)
 {
     _emitUnlocked(locker, [&] {
         emit disconnected(port);
-        logLine("_onDisconnected", "socket #" + QString::number(port) + "DISCONNECTED");
+        logLine(QStringLiteral("_onDisconnected"),
+                "socket #" + QString::number(port) + "DISCONNECTED");
         emit socketStateChanged(port, SocketState::DISCONNECTED);
     });
     _maxSizeExchanged = false;
     const int removed = _clearWriteFifoForPort(port);
-    logLine("_onDisconnected", QString::number(removed) +
-                                   " messages removed from Write FIFO for port " +
-                                   QString::number(port));
+    logLine(QStringLiteral("_onDisconnected"), QString::number(removed) +
+                                                   " messages removed from Write FIFO for port " +
+                                                   QString::number(port));
     if (_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _nbPortsOpened() == 0 &&
         !_forceLowLevelDisconnection) {
         _forceLowLevelDisconnection = true;
-        logLine("_onDisconnected", QStringLiteral("[USBHAL] force low-level disconnection"));
+        logLine(QStringLiteral("_onDisconnected"),
+                QStringLiteral("[USBHAL] force low-level disconnection"));
     }
 }
 
@@ -236,7 +242,7 @@ void UsbHAL::_changeAllSocketsState(SocketState state, QMutexLocker &locker)
         if (state == SocketState::OPENED) {
             _onConnected(port, locker);
         } else {
-            logLine("_changeAllSocketsState", QStringLiteral("emit disconnected"));
+            logLine(QStringLiteral("_changeAllSocketsState"), QStringLiteral("emit disconnected"));
             _onDisconnected(port, locker);
         }
     }

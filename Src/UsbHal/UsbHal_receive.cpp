@@ -29,9 +29,10 @@ bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
         const bool accepted = _processMessage(rest(), locker, consumed);
         total += static_cast<int>(consumed);
         if (total < buffer.size()) {
-            logLine("_processAllMessages",
+            logLine(QStringLiteral("_processAllMessages"),
                     "Remaining frame size : " + QString::number(buffer.size() - total));
-            logLine("_processAllMessages", "Message: " + toText(rest(), shownBytes));
+            logLine(QStringLiteral("_processAllMessages"),
+                    "Message: " + toText(rest(), shownBytes));
         }
         if (!accepted || total >= buffer.size())
             return accepted;
@@ -66,10 +67,12 @@ unsigned int UsbHAL::_takeMaxWriteSize(const QByteArray &message)
         if (const auto size = parseMaxReadSize(message)) {
             if (_hwDriver)
                 _hwDriver->setMaxWriteSize(static_cast<unsigned int>(*size));
-            logLine("_processMessage", "max write size set to " + QString::number(*size));
+            logLine(QStringLiteral("_processMessage"),
+                    "max write size set to " + QString::number(*size));
             _maxSizeExchanged = true;
         } else {
-            logLine("_processMessage", "max write size is invalid : " + toText(message));
+            logLine(QStringLiteral("_processMessage"),
+                    "max write size is invalid : " + toText(message));
         }
     }
     return static_cast<unsigned int>(qMin(devNoData.size() + maxReadSizeWidth, message.size()));
@@ -87,47 +90,41 @@ bool UsbHAL::_processDataMessage(const QByteArray &message, QMutexLocker &locker
     const bool reopened = !_isOpen(data.port);
     if (reopened) {
         if (QByteArray::fromRawData(data.payload, data.payloadSize) != deviceConn) {
-            logLine("_processDataMessage", "ERROR: message received for non-connected port: " +
-                                               QString::number(data.port));
+            logLine(QStringLiteral("_processDataMessage"),
+                    "ERROR: message received for non-connected port: " +
+                        QString::number(data.port));
             return true;
         }
         _reopenPort(data.port);
     } else if (!_hasRoom(data.port, data.payloadSize)) {
-        logLine("_processDataMessage",
+        logLine(QStringLiteral("_processDataMessage"),
                 "ERROR: Buffer Overflow on port #" + QString::number(data.port));
         return false;
     }
     _storePayload(data.port, QByteArray(data.payload, data.payloadSize));
     if (!reopened && isLogged(data.payloadSize))
-        logLine("_processDataMessage", QString::number(data.payloadSize) +
-                                           " new bytes to be read by client connected on port " +
-                                           QString::number(data.port));
+        logLine(QStringLiteral("_processDataMessage"),
+                QString::number(data.payloadSize) +
+                    " new bytes to be read by client connected on port " +
+                    QString::number(data.port));
     _announcePayload(data.port, locker);
     return true;
 }
 
 void UsbHAL::_logFault(Fault fault, const QByteArray &message)
 {
-    switch (fault) {
-    case Fault::None:
-        return;
-    case Fault::NotValid: {
-        logLine("_processDataMessage", "ERROR: Message received is not valid: " + toText(message));
-        const QString shown = excerpt(message);
-        if (!shown.isEmpty())
-            logLine("_processDataMessage", shown);
+    const QString text = toText(message);
+    if (fault != Fault::NotValid) {
+        const QLatin1String what(fault == Fault::WrongSize ? "wrong size"
+                                                           : "invalid connection id");
+        logLine(QStringLiteral("_processDataMessage"),
+                "ERROR: Received message with " + what + " ! Trash it: " + text);
         return;
     }
-    case Fault::WrongSize:
-        logLine("_processDataMessage",
-                "ERROR: Received message with wrong size ! Trash it: " + toText(message));
-        return;
-    case Fault::InvalidId:
-        logLine("_processDataMessage",
-                "ERROR: Received message with invalid connection id ! Trash it: " +
-                    toText(message));
-        return;
-    }
+    logLine(QStringLiteral("_processDataMessage"), "ERROR: Message received is not valid: " + text);
+    const QString shown = excerpt(message);
+    if (!shown.isEmpty())
+        logLine(QStringLiteral("_processDataMessage"), shown);
 }
 
 // The host reopened a port. One that is closed here stays closed: the marker waits unread until the
@@ -138,7 +135,8 @@ void UsbHAL::_reopenPort(int port)
     if (state == SocketState::DISCONNECTED)
         state = SocketState::OPENED;
     _driverState = DriverState::CONNECTED;
-    logLine("_processDataMessage", "port #" + QString::number(port) + " is now OPENED");
+    logLine(QStringLiteral("_processDataMessage"),
+            "port #" + QString::number(port) + " is now OPENED");
     QSharedPointer<ReadQueue> &queue = _readQueues[port];
     if (!queue)
         queue = QSharedPointer<ReadQueue>::create();
@@ -166,7 +164,7 @@ void UsbHAL::_announcePayload(int port, QMutexLocker &locker)
 
 QByteArray UsbHAL::read(int port, unsigned int maxSize)
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     ReadQueue *const queue = _readableQueue(port);
     if (!queue)
         return QByteArray();
@@ -180,14 +178,14 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
     }
     _totalBytesWaitingRead -= static_cast<quint32>(result.size());
     if (isLogged(result.size()))
-        logLine("read", "Message read for client #" + QString::number(port) + "of size " +
-                            QString::number(result.size()));
+        logLine(QStringLiteral("read"), "Message read for client #" + QString::number(port) +
+                                            "of size " + QString::number(result.size()));
     return result;
 }
 
 QByteArray UsbHAL::peek(int port, unsigned int maxSize) const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     const ReadQueue *const queue = _readableQueue(port);
     if (!queue)
         return QByteArray();
@@ -202,16 +200,17 @@ QByteArray UsbHAL::readAll(int /*port*/)
 
 int UsbHAL::nbBytesReceived(int port) const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _nbBytesReceived(port);
 }
 
 bool UsbHAL::waitForReadyRead(int port, int msecs) const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     if (!_isUsable(port))
         return false;
-    return _waitUntil(_readyReadCond, msecs, [&] { return _nbBytesReceived(port) != 0; });
+    return _waitUntil(_readyReadCond, msecs,
+                      [&]() REQUIRES(_mutex) { return _nbBytesReceived(port) != 0; });
 }
 
 // The port's queue while a client may read it and it holds a message, else null.

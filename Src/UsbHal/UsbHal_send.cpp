@@ -31,14 +31,14 @@ private:
 
 int UsbHAL::write(int port, QByteArray data)
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     if (!_isUsable(port))
         return 0;
     if (isHost())
         _waitForWritePermission();
     const int limit = _payloadLimit();
     if (limit < 1) {
-        logLine("write", "Maximum write size leaves no room for a payload");
+        logLine(QStringLiteral("write"), "Maximum write size leaves no room for a payload");
         return 0;
     }
     return _queueMessages(port, data, limit);
@@ -46,13 +46,13 @@ int UsbHAL::write(int port, QByteArray data)
 
 int UsbHAL::bytesToWrite() const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     return _writeFifo.size();
 }
 
 int UsbHAL::getMaxWriteSize() const
 {
-    const QMutexLocker locker(&_mutex);
+    const CheckedLocker locker(&_mutex);
     if (!_hwDriver)
         return 0;
     const qint64 size = qint64(_hwDriver->getMaxWriteSize()) - headerSize;
@@ -61,11 +61,14 @@ int UsbHAL::getMaxWriteSize() const
 
 void UsbHAL::flush(int msecs)
 {
-    const QMutexLocker locker(&_mutex);
-    const bool empty = _waitUntil(_fifoEmptyCond, msecs, [this] { return _writeFifo.isEmpty(); });
+    const CheckedLocker locker(&_mutex);
+    const bool empty = _waitUntil(_fifoEmptyCond, msecs,
+                                  [this]() REQUIRES(_mutex) { return _writeFifo.isEmpty(); });
     const QString count = QString::number(_writeFifo.size());
-    logLine("flush", empty ? "FIFO write is empty (" + count + ")"
-                           : "FIFO is not empty (" + count + "), leaving in timeout");
+    if (empty)
+        logLine(QStringLiteral("flush"), "FIFO write is empty (" + count + ")");
+    else
+        logLine(QStringLiteral("flush"), "FIFO is not empty (" + count + "), leaving in timeout");
 }
 
 // Host role: waits until the FIFO has room and the device is ready to read, or for half a minute.
@@ -83,7 +86,8 @@ void UsbHAL::_waitForWritePermission()
             reasons += "FIFO to empty (" + QString::number(_writeFifo.size()) + ")";
         if (_peerBusy)
             reasons += QStringLiteral("device to finish reading");
-        logLine("write", "wait for " + reasons.join(QStringLiteral(" and ")) + "...");
+        logLine(QStringLiteral("write"),
+                "wait for " + reasons.join(QStringLiteral(" and ")) + "...");
         _writerWaiting = true;
         _waitOn(_writeAllowedCond, left);
         _writerWaiting = false;
@@ -103,7 +107,8 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
     int total = 0;
     while (total < data.size()) {
         if (_writeFifo.size() >= fifoLimit) {
-            logLine("write", "Write buffer storage limit reached, rest of the data dropped");
+            logLine(QStringLiteral("write"),
+                    "Write buffer storage limit reached, rest of the data dropped");
             break;
         }
         const int size = qMin(data.size() - total, limit);
@@ -111,11 +116,12 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
         _writeFifo.append(message);
         total += size;
         const int rest = data.size() - total;
-        logLine("write", "Add to write queue message of size: " + QString::number(message.size()));
-        logLine("write", "Remaining frame size = " + QString::number(rest) +
-                             " is empty = " + (rest == 0 ? "true" : "false"));
+        logLine(QStringLiteral("write"),
+                "Add to write queue message of size: " + QString::number(message.size()));
+        logLine(QStringLiteral("write"), "Remaining frame size = " + QString::number(rest) +
+                                             " is empty = " + (rest == 0 ? "true" : "false"));
         if (rest != 0)
-            logLine("write", QStringLiteral("Continue..."));
+            logLine(QStringLiteral("write"), QStringLiteral("Continue..."));
     }
     return total;
 }

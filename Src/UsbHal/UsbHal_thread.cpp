@@ -32,7 +32,7 @@ QString boolText(bool value)
 
 void *UsbHAL::_connectedFunc(void * /*arg*/)
 {
-    QMutexLocker locker(&_mutex);
+    CheckedLocker locker(&_mutex);
     _communicate(locker);
     while (_startPending) {
         _startPending = false;
@@ -59,7 +59,8 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
     while (_running) {
         ++_loopCounter;
         if (!_releaseDriver())
-            logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+            logLine(QStringLiteral("_connectedFunc"),
+                    QStringLiteral("Could not close USB driver !"));
         _hwDriver = _open(locker);
         if (_hwDriver) {
             _readErrors = 0;
@@ -76,12 +77,12 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
 bool UsbHAL::_reportFailedOpens(Session &session)
 {
     if (isHost()) {
-        logLine("_connectedFunc",
+        logLine(QStringLiteral("_connectedFunc"),
                 QStringLiteral("Failed to open driver ! Exiting communication thread"));
         return false;
     }
     if (!session.openFailureLogged)
-        logLine("_connectedFunc", QStringLiteral("Failed to open driver !"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Failed to open driver !"));
     session.openFailureLogged = true;
     return true;
 }
@@ -107,10 +108,10 @@ bool UsbHAL::_runCycles(Session &session, QMutexLocker &locker)
 void UsbHAL::_leaveThread(QMutexLocker &locker)
 {
     if (_releaseDriver()) {
-        logLine("_connectedFunc", QStringLiteral("USB driver closed"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("USB driver closed"));
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Could not close USB driver !"));
     }
     _running = false;
     _updateStatus(DriverState::DISCONNECTED, locker);
@@ -126,14 +127,15 @@ void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
 
 void UsbHAL::_endOfConnectedThread()
 {
-    QMutexLocker locker(&_mutex);
-    logLine("_endOfConnectedThread", QStringLiteral("clean exit of communication thread"));
+    CheckedLocker locker(&_mutex);
+    logLine(QStringLiteral("_endOfConnectedThread"),
+            QStringLiteral("clean exit of communication thread"));
     if (_mainLoopPeriod != 0)
         _setMainLoopTimer(0);
     // The thread that owns the timer may itself wait for this one, in a stop.
     for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerEndPolls; ++i)
         _pause(timerEndPause, locker);
-    logLine("_endOfConnectedThread", QStringLiteral("watchdog stopped"));
+    logLine(QStringLiteral("_endOfConnectedThread"), QStringLiteral("watchdog stopped"));
 }
 
 // ---- the driver ----
@@ -143,9 +145,8 @@ AbstractDriver *UsbHAL::_open(QMutexLocker &locker)
     _forceLowLevelDisconnection = false;
     const QList<QSharedPointer<AbstractDriver>> drivers = _drivers;
     for (const QSharedPointer<AbstractDriver> &driver : drivers) {
-        locker.unlock();
-        const bool opened = driver->open();
-        locker.relock();
+        bool opened = false;
+        _runUnlocked(locker, [&] { opened = driver->open(); });
         if (!opened)
             continue;
         _driverOpened = true;
@@ -175,10 +176,11 @@ bool UsbHAL::_releaseDriver()
 bool UsbHAL::_readBlock(QByteArray &block, QMutexLocker &locker)
 {
     AbstractDriver *const driver = _hwDriver;
-    locker.unlock();
-    const bool done = driver->read(&block) > 0;
-    QThread::msleep(transferPause);
-    locker.relock();
+    bool done = false;
+    _runUnlocked(locker, [&] {
+        done = driver->read(&block) > 0;
+        QThread::msleep(transferPause);
+    });
     _readErrors = done ? 0 : _readErrors + 1;
     return done;
 }
@@ -190,26 +192,26 @@ bool UsbHAL::_writeBlock(const QByteArray &block, QMutexLocker &locker)
         return false;
     }
     AbstractDriver *const driver = _hwDriver;
-    locker.unlock();
-    const bool done = driver->write(block) > 0;
-    QThread::msleep(transferPause);
-    locker.relock();
+    bool done = false;
+    _runUnlocked(locker, [&] {
+        done = driver->write(block) > 0;
+        QThread::msleep(transferPause);
+    });
     _writeErrors = done ? 0 : _writeErrors + 1;
     return done;
 }
 
 void UsbHAL::_skipWrite(QMutexLocker &locker)
 {
-    logLine("_connectedFunc", QStringLiteral("Disconnection received, skip write message"));
+    logLine(QStringLiteral("_connectedFunc"),
+            QStringLiteral("Disconnection received, skip write message"));
     _pause(_param.wrTimeout, locker);
     ++_writeErrors;
 }
 
 void UsbHAL::_pause(unsigned long time, QMutexLocker &locker)
 {
-    locker.unlock();
-    QThread::msleep(time);
-    locker.relock();
+    _runUnlocked(locker, [time] { QThread::msleep(time); });
 }
 
 // ---- the cycle ----
@@ -255,7 +257,7 @@ void UsbHAL::_readAsHost(QMutexLocker &locker)
 {
     QByteArray block;
     if (!_readBlock(block, locker)) {
-        logLine("_connectedFunc", QStringLiteral("Read failed !"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Read failed !"));
         _retryWriteAsHost();
         return;
     }
@@ -265,7 +267,7 @@ void UsbHAL::_readAsHost(QMutexLocker &locker)
         return;
     }
     if (_handshaking) {
-        logLine("_connectedFunc",
+        logLine(QStringLiteral("_connectedFunc"),
                 QStringLiteral("we successfully read a message: we are now connected"));
         _handshaking = false;
         _readErrors = 0;
@@ -283,7 +285,7 @@ void UsbHAL::_retryWriteAsHost()
     if (!_handshaking)
         _readErrors = 0;
     _nextAction = firstHalf;
-    logLine("_connectedFunc", QStringLiteral("retry write"));
+    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("retry write"));
 }
 
 // A close or a lost port may have taken the message from the FIFO while it was written.
@@ -303,11 +305,12 @@ bool UsbHAL::_mustDelayHost()
     const quint64 threshold = delayFactor * (_hwDriver ? _hwDriver->getMaxReadSize() : 0);
     if (!_delayRequested && _nbBytesWaitingToBeRead() > threshold) {
         _delayRequested = true;
-        logLine("_connectedFunc", QStringLiteral("Ask host to delay further writes"));
+        logLine(QStringLiteral("_connectedFunc"),
+                QStringLiteral("Ask host to delay further writes"));
     }
     if (_delayRequested && _nbBytesWaitingToBeRead() == 0) {
         _delayRequested = false;
-        logLine("_connectedFunc", QStringLiteral("Warn host he can write again"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Warn host he can write again"));
     }
     return _delayRequested;
 }
@@ -321,7 +324,7 @@ QByteArray UsbHAL::_noDataMessage()
     }
     if (!_maxSizeExchanged) {
         if (_hwDriver)
-            logLine("_connectedFunc",
+            logLine(QStringLiteral("_connectedFunc"),
                     "max read size message sent with value = " + QString::number(maxReadSize));
         _maxSizeExchanged = true;
     }
@@ -333,7 +336,7 @@ void UsbHAL::_grantWriters()
     if (!_writerWaiting || _peerBusy)
         return;
     _writeAllowedCond.wakeAll();
-    logLine("_connectedFunc", QStringLiteral("write permission granted"));
+    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("write permission granted"));
 }
 
 // ---- the link check ----
@@ -353,7 +356,8 @@ bool UsbHAL::_isLinkLost() const
 void UsbHAL::_countHandshake(Session &session)
 {
     ++session.handshakeCounter;
-    logLine("_connectedFunc", "handshake counter = " + QString::number(session.handshakeCounter));
+    logLine(QStringLiteral("_connectedFunc"),
+            "handshake counter = " + QString::number(session.handshakeCounter));
     if (session.handshakeCounter > hostHandshakePasses) {
         _handshaking = false;
         session.handshakeFailed = true;
@@ -369,7 +373,8 @@ bool UsbHAL::_checkLink(Session &session, QMutexLocker &locker)
         return true;
     _resetLink(locker);
     const bool closeDriver = _hwDriver && _hwDriver->closeDriverAfterConnectionError();
-    logLine("_connectedFunc", "closeDriverAfterConnectionError = " + boolText(closeDriver));
+    logLine(QStringLiteral("_connectedFunc"),
+            "closeDriverAfterConnectionError = " + boolText(closeDriver));
     if (closeDriver && !_reopenAfterLoss(session, locker))
         return false;
     session.handshakeCounter = 0;
@@ -380,7 +385,8 @@ bool UsbHAL::_checkLink(Session &session, QMutexLocker &locker)
 void UsbHAL::_resetLink(QMutexLocker &locker)
 {
     const auto logCause = [](const char *what, const QString &value) {
-        logLine("_connectedFunc", QLatin1String("Disconnect ") + what + " : " + value);
+        logLine(QStringLiteral("_connectedFunc"),
+                QLatin1String("Disconnect ") + what + " : " + value);
     };
     logCause("read attempts", QString::number(_readErrors));
     logCause("write attempts", QString::number(_writeErrors));
@@ -401,24 +407,26 @@ void UsbHAL::_resetLink(QMutexLocker &locker)
 bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 {
     if (_releaseDriver()) {
-        logLine("_connectedFunc", QStringLiteral("UsbHAL driver closed"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("UsbHAL driver closed"));
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", QStringLiteral("Could not close USB driver !"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Could not close USB driver !"));
     }
     if (session.handshakeFailed && _nbClients() == 0) {
-        logLine("_connectedFunc",
+        logLine(QStringLiteral("_connectedFunc"),
                 QStringLiteral("failed to setup handshake with device, leaving thread"));
         return false;
     }
     if (!_running) {
-        logLine("_connectedFunc", QStringLiteral("Closing hal, don't try to reopen driver"));
+        logLine(QStringLiteral("_connectedFunc"),
+                QStringLiteral("Closing hal, don't try to reopen driver"));
         return true;
     }
     if (isHost())
         return _tryReopen(session, locker) || !_isReopenHopeless(session);
     while (!_tryReopen(session, locker)) {
-        logLine("_connectedFunc", QStringLiteral("Unable to open driver, wait before retry"));
+        logLine(QStringLiteral("_connectedFunc"),
+                QStringLiteral("Unable to open driver, wait before retry"));
         _pause(reopenPause, locker);
     }
     return true;
@@ -426,14 +434,14 @@ bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 
 bool UsbHAL::_tryReopen(Session &session, QMutexLocker &locker)
 {
-    logLine("_connectedFunc", QStringLiteral("Try reopen driver..."));
+    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Try reopen driver..."));
     _hwDriver = _open(locker);
     if (!_hwDriver) {
-        logLine("_connectedFunc", QStringLiteral("_hwDriver is NULL"));
+        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("_hwDriver is NULL"));
         ++session.failedOpens;
         return false;
     }
-    logLine("_connectedFunc", QStringLiteral("UsbHAL driver is opened"));
+    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("UsbHAL driver is opened"));
     session.failedOpens = 0;
     return true;
 }
@@ -442,7 +450,7 @@ bool UsbHAL::_isReopenHopeless(const Session &session) const
 {
     if (session.failedOpens <= hostReopenFailures)
         return false;
-    logLine("_connectedFunc", QStringLiteral("failed to open driver !"));
+    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("failed to open driver !"));
     return true;
 }
 
@@ -452,7 +460,7 @@ void UsbHAL::watchdog(bool /*enable*/) {}
 
 void UsbHAL::_mainLoop()
 {
-    QMutexLocker locker(&_mutex);
+    CheckedLocker locker(&_mutex);
     if (!_isWatchdogDue())
         return;
     const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
@@ -485,8 +493,9 @@ void UsbHAL::_resetWatchdog()
 
 void UsbHAL::_restartStuckThread(QMutexLocker &locker)
 {
-    logLine("_mainLoop", "watchdog errors: " + QString::number(_watchdogErrors));
-    logLine("_mainLoop", "max watchdog errors: " + QString::number(_param.maxWatchdogErrors));
+    logLine(QStringLiteral("_mainLoop"), "watchdog errors: " + QString::number(_watchdogErrors));
+    logLine(QStringLiteral("_mainLoop"),
+            "max watchdog errors: " + QString::number(_param.maxWatchdogErrors));
     const quint32 stops = _stops;
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
@@ -518,7 +527,7 @@ void UsbHAL::_stopWorkerThread(unsigned long time)
     _mutex.unlock();
     const bool ended = !_connectedThread.belongsTo(this) || _connectedThread.wait(time);
     _mutex.lock();
-    logLine("_stopWorkerThread",
+    logLine(QStringLiteral("_stopWorkerThread"),
             ended ? QStringLiteral("communication thread did not stop -> killed")
                   : QStringLiteral("ERROR: could not stop communication thread !"));
 }
@@ -543,16 +552,16 @@ void UsbHAL::_beginCommunication()
 void UsbHAL::_endThread(QMutexLocker &locker)
 {
     if (_waitForThread(locker, _param.threadStopTimeout)) {
-        logLine("stop", QStringLiteral("communication thread stopped"));
+        logLine(QStringLiteral("stop"), QStringLiteral("communication thread stopped"));
         return;
     }
-    logLine("stop", QStringLiteral("communication thread still running"));
+    logLine(QStringLiteral("stop"), QStringLiteral("communication thread still running"));
     _stopWorkerThread(killTimeout);
     if (_releaseDriver()) {
-        logLine("stop", QStringLiteral("USB driver closed"));
+        logLine(QStringLiteral("stop"), QStringLiteral("USB driver closed"));
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("stop", QStringLiteral("ERROR: could not close USB driver !"));
+        logLine(QStringLiteral("stop"), QStringLiteral("ERROR: could not close USB driver !"));
     }
 }
 
@@ -566,9 +575,8 @@ bool UsbHAL::_waitForThread(QMutexLocker &locker, unsigned long time)
 {
     if (!_connectedThread.belongsTo(this))
         return true;
-    locker.unlock();
-    const bool ended = _connectedThread.wait(time);
-    locker.relock();
+    bool ended = false;
+    _runUnlocked(locker, [&] { ended = _connectedThread.wait(time); });
     return ended;
 }
 

@@ -3,7 +3,7 @@
 
 #include "UsbHal.h"
 
-#include <QMutex>
+#include <mutex>
 
 WorkerThread::WorkerThread(QObject *parent) : QThread(parent) {}
 
@@ -11,8 +11,8 @@ WorkerThread::~WorkerThread() = default;
 
 bool WorkerThread::startFor(UsbHAL *owner)
 {
-    static QMutex starting; // two cores may want the one thread at the same time
-    const QMutexLocker locker(&starting);
+    static std::mutex starting; // two cores may want the one thread at the same time
+    const std::lock_guard<std::mutex> locker(starting);
     if (isRunning())
         return false;
     _owner = owner;
