@@ -2,12 +2,13 @@
 #include "VirtualTime.h"
 
 #include <QElapsedTimer>
-#include <QHash>
 #include <QMutex>
 #include <QThread>
 #include <QWaitCondition>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <pthread.h>
 
 // The linker is told to send the program's calls of QThread::msleep(), QThread::sleep(),
@@ -29,15 +30,49 @@ namespace {
 
 std::atomic<unsigned> pauseDivisor{1};
 std::atomic<bool> instantWaits{false};
+std::atomic<bool> waitsHeld{false};
+std::atomic<int> heldWaitCount{0};
+std::atomic<unsigned long> stickingPause{0}; // ms; 0: none
 
 thread_local qint64 spared = 0; // ms
 
-// What the thread had been spared when it started a timer. A timer that another thread started is
-// not in here, and runs in real time.
-thread_local QHash<const QElapsedTimer *, qint64> sparedAtStart;
+// What the thread had been spared when it started its latest timers. One that is not in here, such
+// as another thread's, runs in real time. Without a destructor: static objects that are destroyed
+// after the thread's own start timers, too.
+struct TimerStart
+{
+    const QElapsedTimer *timer = nullptr;
+    qint64 spared = 0;
+};
+thread_local TimerStart timerStarts[16];
+thread_local unsigned nextTimerStart = 0;
+
+TimerStart *findStart(const QElapsedTimer *timer)
+{
+    const auto isOfTimer = [timer](const TimerStart &start) { return start.timer == timer; };
+    const auto found = std::find_if(std::begin(timerStarts), std::end(timerStarts), isOfTimer);
+    return found == std::end(timerStarts) ? nullptr : found;
+}
+
+void noteStart(const QElapsedTimer *timer)
+{
+    TimerStart *start = findStart(timer);
+    if (!start)
+        start = &timerStarts[nextTimerStart++ % std::size(timerStarts)];
+    *start = {timer, spared};
+}
+
+void stickIfAsked(unsigned long msecs)
+{
+    if (msecs == 0 || !stickingPause.compare_exchange_strong(msecs, 0))
+        return;
+    for (;;)
+        QThread::usleep(1000);
+}
 
 void pause(unsigned long msecs)
 {
+    stickIfAsked(msecs);
     const unsigned divisor = pauseDivisor;
     const unsigned long real = divisor == 0 ? 0 : 1000 * msecs / divisor; // µs
     if (real == 0) {
@@ -47,6 +82,23 @@ void pause(unsigned long msecs)
         QThread::usleep(real);
     }
     spared += static_cast<qint64>(msecs - real / 1000);
+}
+
+bool waitWhileHeld(QWaitCondition *condition, QMutex *mutex)
+{
+    bool woken = false;
+    ++heldWaitCount;
+    while (waitsHeld && !woken)
+        woken = __real__ZN14QWaitCondition4waitEP6QMutexm(condition, mutex, 1);
+    --heldWaitCount;
+    return woken;
+}
+
+void passMutexOn(QMutex *mutex)
+{
+    mutex->unlock();
+    QThread::yieldCurrentThread();
+    mutex->lock();
 }
 
 } // namespace
@@ -59,6 +111,21 @@ void VirtualTime::setPauseDivisor(unsigned divisor)
 void VirtualTime::setInstantWaits(bool instant)
 {
     instantWaits = instant;
+}
+
+void VirtualTime::holdWaits(bool held)
+{
+    waitsHeld = held;
+}
+
+int VirtualTime::heldWaits()
+{
+    return heldWaitCount;
+}
+
+void VirtualTime::stickInNextPause(unsigned long msecs)
+{
+    stickingPause = msecs;
 }
 
 qint64 VirtualTime::sparedTime()
@@ -79,22 +146,24 @@ void __wrap__ZN7QThread5sleepEm(unsigned long secs)
 bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mutex,
                                                unsigned long msecs)
 {
-    if (!instantWaits || msecs == ULONG_MAX)
+    if (msecs == ULONG_MAX || !(instantWaits || waitsHeld))
         return __real__ZN14QWaitCondition4waitEP6QMutexm(self, mutex, msecs);
-    mutex->unlock();
-    QThread::yieldCurrentThread();
-    mutex->lock();
+    if (waitsHeld && waitWhileHeld(self, mutex))
+        return true;
+    if (instantWaits)
+        passMutexOn(mutex);
     spared += static_cast<qint64>(msecs);
     return false;
 }
 
 void __wrap__ZN13QElapsedTimer5startEv(QElapsedTimer *self)
 {
-    sparedAtStart[self] = spared;
+    noteStart(self);
     __real__ZN13QElapsedTimer5startEv(self);
 }
 
 qint64 __wrap__ZNK13QElapsedTimer7elapsedEv(const QElapsedTimer *self)
 {
-    return __real__ZNK13QElapsedTimer7elapsedEv(self) + spared - sparedAtStart.value(self, spared);
+    const TimerStart *const start = findStart(self);
+    return __real__ZNK13QElapsedTimer7elapsedEv(self) + (start ? spared - start->spared : 0);
 }

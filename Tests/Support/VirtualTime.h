@@ -18,6 +18,18 @@ void setPauseDivisor(unsigned divisor);
 /** Whether a wait with a time limit ends at once, its whole time passed. Not so at first. */
 void setInstantWaits(bool instant);
 
+/**
+ * While held, a wait with a time limit ends only when it is woken; when let go, those that still
+ * wait end at once, their whole time passed. Not held at first.
+ */
+void holdWaits(bool held);
+
+/** Threads in a held wait; each has released its mutex, or is about to. */
+int heldWaits();
+
+/** The next pause of exactly that many ms does not end, but for a kill of the thread in it. */
+void stickInNextPause(unsigned long msecs);
+
 /** ms of pauses and waits that the calling thread was spared. */
 qint64 sparedTime();
 

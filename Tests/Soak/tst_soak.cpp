@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: MIT
+#include <SimNodeControl.h>
+#include <WireMessages.h>
+
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+constexpr int timeout = 60000; // ms
+const char statusLine[] =
+    "after \\d+ s: cycles (\\d+), bytes (\\d+), reconnects (\\d+), kills \\d+, "
+    "resident memory \\d+ kB, descriptors \\d+\\n";
+
+QRegularExpressionMatch lastStatus(const QByteArray &output)
+{
+    QRegularExpressionMatch last;
+    auto matches = QRegularExpression(statusLine).globalMatch(QString::fromUtf8(output));
+    while (matches.hasNext())
+        last = matches.next();
+    return last;
+}
+
+/** The soak program, over a node of its own or without any. */
+class SoakProcess
+{
+public:
+    void startOverNode(const QStringList &options)
+    {
+        QStringList words = {"run", "--dir", _nodeFolder.path(), "--", SOAK_PROGRAM, "--virtual"};
+#ifdef SOAK_WITHOUT_KILLS
+        words += "--without-kills";
+#endif
+        _process.start(SIMNODE_PROGRAM, words + options);
+    }
+    void startAlone(const QStringList &options)
+    {
+        _process.start(SOAK_PROGRAM, options);
+    }
+    void terminate()
+    {
+        _process.terminate();
+    }
+
+    int waitForEnd()
+    {
+        if (!_process.waitForFinished(timeout) || _process.exitStatus() != QProcess::NormalExit)
+            return -1;
+        return _process.exitCode();
+    }
+    bool hasEnded()
+    {
+        return _process.waitForFinished(10);
+    }
+    bool waitForStatus()
+    {
+        return QTest::qWaitFor([this] { return lastStatus(output()).hasMatch(); }, timeout);
+    }
+    QByteArray output()
+    {
+        _output += _process.readAllStandardOutput();
+        return _output;
+    }
+    QByteArray errors()
+    {
+        return _process.readAllStandardError();
+    }
+    int exitCode() const
+    {
+        return _process.exitCode();
+    }
+    std::string nodeFolder() const
+    {
+        return _nodeFolder.path().toStdString();
+    }
+
+private:
+    const QTemporaryDir _nodeFolder;
+    QProcess _process;
+    QByteArray _output;
+};
+
+// A message for port 1 with a byte that only port 2 may get; false when there is no node any more.
+bool injectForeignByte(const std::string &nodeFolder)
+{
+    try {
+        SimNodeControl node(nodeFolder);
+        return node.command("inject " + dataMessage(1, "\x0a").toHex().toStdString()) == "ok";
+    } catch (const std::runtime_error &) {
+        return false;
+    }
+}
+
+} // namespace
+
+class SoakTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void aRunOfSomeSecondsReportsItsWork();
+    void aSignalEndsTheRunInOrder();
+    void aByteOnTheWrongPortEndsTheRunWithItsSeed();
+    void aWrongCommandLineSaysWhatIsWrong_data();
+    void aWrongCommandLineSaysWhatIsWrong();
+};
+
+void SoakTest::aRunOfSomeSecondsReportsItsWork()
+{
+    SoakProcess soak;
+    soak.startOverNode({"--minutes", "0.05", "--status-period", "1", "--seed", "7"});
+    QCOMPARE(soak.waitForEnd(), 0);
+    QVERIFY(soak.output().startsWith("usbhal-soak: seed 7\n"));
+    const QRegularExpressionMatch status = lastStatus(soak.output());
+    QVERIFY(status.hasMatch());
+    QVERIFY(status.captured(1).toInt() > 0);
+    QVERIFY(status.captured(2).toInt() > 0);
+    QCOMPARE(soak.errors(), QByteArray());
+}
+
+void SoakTest::aSignalEndsTheRunInOrder()
+{
+    SoakProcess soak;
+    soak.startOverNode({"--status-period", "0.5"});
+    QVERIFY(soak.waitForStatus());
+    soak.terminate();
+    QCOMPARE(soak.waitForEnd(), 0);
+    QCOMPARE(soak.errors(), QByteArray());
+}
+
+void SoakTest::aByteOnTheWrongPortEndsTheRunWithItsSeed()
+{
+    SoakProcess soak;
+    soak.startOverNode({"--seed", "7"});
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            injectForeignByte(soak.nodeFolder());
+            return soak.hasEnded();
+        },
+        timeout));
+    QCOMPARE(soak.exitCode(), 1);
+    const QByteArray errors = soak.errors();
+    QVERIFY2(errors.startsWith("usbhal-soak: seed 7, cycle "), errors);
+    QVERIFY2(errors.contains("port 1, to the device: got a byte of port 2"), errors);
+}
+
+void SoakTest::aWrongCommandLineSaysWhatIsWrong_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("text");
+    const auto row = [](const char *name, const QStringList &options, const QByteArray &text) {
+        QTest::newRow(name) << options << text;
+    };
+    row("no node", {}, "simnode run -- usbhal-soak");
+    row("unknown option", {"--fast"}, "--fast");
+    row("no number", {"--minutes", "many"}, "--minutes");
+    row("too many minutes", {"--minutes", "1e9"}, "--minutes");
+    row("no period", {"--status-period", "0"}, "--status-period");
+    row("no seed", {"--seed", "-1"}, "--seed");
+}
+
+void SoakTest::aWrongCommandLineSaysWhatIsWrong()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QByteArray, text);
+    SoakProcess soak;
+    soak.startAlone(options);
+    QCOMPARE(soak.waitForEnd(), 2);
+    QVERIFY(soak.errors().contains(text));
+}
+
+QTEST_GUILESS_MAIN(SoakTest)
+#include "tst_soak.moc"
