@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: MIT
+#include "CoreModel.h"
+
+namespace {
+
+// Received bytes as the log shows them.
+QString text(const QByteArray &bytes)
+{
+    const int zero = bytes.indexOf('\0');
+    return QString::fromUtf8(zero < 0 ? bytes : bytes.left(zero));
+}
+
+// -1 for anything but digits.
+int decimal(const QByteArray &field)
+{
+    int value = 0;
+    for (const char c : field) {
+        if (c < '0' || c > '9')
+            return -1;
+        value = value * 10 + (c - '0');
+    }
+    return field.isEmpty() ? -1 : value;
+}
+
+} // namespace
+
+bool CoreModel::receive(const QByteArray &buffer)
+{
+    int total = 0;
+    for (;;) {
+        const auto view = [&] {
+            return QByteArray::fromRawData(buffer.constData() + total, buffer.size() - total);
+        };
+        int consumed = 0;
+        const bool accepted = receiveOne(view(), consumed);
+        total += consumed;
+        const QByteArray rest = view();
+        if (!rest.isEmpty()) {
+            log("_processAllMessages", "Remaining frame size : " + QString::number(rest.size()));
+            log("_processAllMessages", "Message: " + text(rest.left(100)));
+        }
+        if (!accepted || rest.isEmpty())
+            return accepted;
+    }
+}
+
+bool CoreModel::receiveOne(const QByteArray &rest, int &consumed)
+{
+    const quint32 stops = _stops;
+    if (!isHost() && rest.startsWith("DEVICE_NODATA")) {
+        peerBusy = false;
+        consumed = 13;
+    } else if (rest == "DEVICE_WTSEND") {
+        peerBusy = true;
+        consumed = 13;
+    } else if (isHost() && rest.startsWith("DEVICE_NODATA")) {
+        peerBusy = false;
+        if (!maxSizeExchanged)
+            takeMaxWriteSize(rest);
+        consumed = qMin(18, rest.size());
+    } else if (!receiveData(rest, consumed)) {
+        return false;
+    }
+    // Where a handler stopped the core, the link does not come up after the stop.
+    if (_stops == stops && changeLink(DriverState::CONNECTED) && _stops == stops)
+        linkUp();
+    return true;
+}
+
+void CoreModel::takeMaxWriteSize(const QByteArray &rest)
+{
+    const int size = decimal(rest.right(5));
+    if (size <= 0) {
+        log("_processMessage", "max write size is invalid : " + text(rest));
+        return;
+    }
+    if (_driver >= 0)
+        _drivers[_driver].maxWriteSize = size > 30999 ? 31000 : static_cast<quint32>(size);
+    log("_processMessage", "max write size set to " + QString::number(size));
+    maxSizeExchanged = true;
+}
+
+bool CoreModel::receiveData(const QByteArray &rest, int &consumed)
+{
+    if (!rest.startsWith("FADA")) {
+        logNotValid(rest);
+        return false;
+    }
+    const int length = rest.size() < 9 ? -1 : decimal(rest.mid(4, 5));
+    if (length < 4 || length + 9 > rest.size()) {
+        log("_processDataMessage",
+            "ERROR: Received message with wrong size ! Trash it: " + text(rest));
+        return false;
+    }
+    consumed = length + 9;
+    const int port = decimal(rest.mid(9, 4));
+    if (port < 0) {
+        log("_processDataMessage",
+            "ERROR: Received message with invalid connection id ! Trash it: " + text(rest));
+        return false;
+    }
+    return deliver(port, rest.mid(13, length - 4));
+}
+
+void CoreModel::logNotValid(const QByteArray &rest)
+{
+    log("_processDataMessage", "ERROR: Message received is not valid: " + text(rest));
+    if (rest.size() < 6 || rest.size() >= 500)
+        return;
+    const QString ends =
+        rest.size() > 80 ? text(rest.left(40)) + "..." + text(rest.right(40)) : text(rest);
+    QString shown;
+    for (const QChar c : '[' + ends + ']') {
+        if (!c.isSpace())
+            shown += c;
+    }
+    log("_processDataMessage", shown);
+}
+
+bool CoreModel::deliver(int port, const QByteArray &payload)
+{
+    const QString number = QString::number(port);
+    if (!isOpen(port)) {
+        if (payload != "DEVICE_CONN") {
+            log("_processDataMessage", "ERROR: message received for non-connected port: " + number);
+            return true;
+        }
+        reopen(port);
+        store(port, payload);
+        return true;
+    }
+    if (qint64(_queues.value(port).size()) + payload.size() > 124000) {
+        log("_processDataMessage", "ERROR: Buffer Overflow on port #" + number);
+        return false;
+    }
+    if (payload.size() > 5 && payload.size() < 500)
+        log("_processDataMessage", QString::number(payload.size()) +
+                                       " new bytes to be read by client connected on port " +
+                                       number);
+    store(port, payload);
+    return true;
+}
+
+// A port that is closed here stays so, and keeps the marker.
+void CoreModel::reopen(int port)
+{
+    const bool cut = _states[port] == SocketState::DISCONNECTED;
+    if (cut)
+        _states[port] = SocketState::OPENED;
+    link = DriverState::CONNECTED;
+    log("_processDataMessage", "port #" + QString::number(port) + " is now OPENED");
+}
+
+void CoreModel::store(int port, const QByteArray &payload)
+{
+    _queues[port].append(payload);
+    bytesWaiting += static_cast<quint32>(payload.size());
+    emitSignal("readyRead(" + QString::number(port) + ')');
+}
