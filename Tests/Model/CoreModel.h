@@ -152,6 +152,7 @@ private:
     void tryFirstDriver();
     bool tryNextDriver(bool good);
     void openAnyDriver();
+    void beginCycles();
     void nextPass();
     void restInRead();
     void restInWrite();

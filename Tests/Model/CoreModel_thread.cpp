@@ -86,7 +86,7 @@ void CoreModel::beginSession()
 void CoreModel::openAnyDriver()
 {
     if (!running) {
-        leave();
+        beginCycles();
         return;
     }
     ++passes;
@@ -128,8 +128,7 @@ void CoreModel::opened(bool good)
         readErrors = 0;
         writeErrors = 0;
         _failedOpens = 0;
-        nextHalf = 1;
-        nextPass();
+        beginCycles();
         return;
     }
     ++_failedOpens;
@@ -146,6 +145,12 @@ void CoreModel::opened(bool good)
 }
 
 // ---- the cycle ----
+
+void CoreModel::beginCycles()
+{
+    nextHalf = 1;
+    nextPass();
+}
 
 void CoreModel::nextPass()
 {
