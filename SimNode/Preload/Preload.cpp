@@ -274,6 +274,19 @@ int openNode(const char *directory, int flags)
     return connection;
 }
 
+// Ends the connection also when the thread is cancelled meanwhile.
+int transactAndEnd(int connection, const sockaddr_un &address, Exchange &exchange)
+{
+    int result = -1;
+    pthread_cleanup_push(endConnection, &connection);
+    result = transact(connection, address, exchange, ENODEV);
+    pthread_cleanup_pop(0);
+    const int error = errno;
+    endConnection(&connection);
+    errno = error;
+    return result;
+}
+
 // Read, write and ioctl: the daemon's address is that of the descriptor's own connection, so that
 // neither a changed environment nor a changed working folder matters after the open.
 int callNode(int fd, Exchange &exchange)
@@ -285,16 +298,12 @@ int callNode(int fd, Exchange &exchange)
         errno = ENODEV;
         return -1;
     }
-    int connection = openConnection(true);
+    const int connection = openConnection(true);
     if (connection < 0)
         return -1;
-    int result = -1;
-    pthread_cleanup_push(endConnection, &connection);
-    result = transact(connection, address, exchange, ENODEV);
-    pthread_cleanup_pop(0);
-    const int error = errno;
-    endConnection(&connection);
-    errno = result < 0 ? error : savedErrno;
+    const int result = transactAndEnd(connection, address, exchange);
+    if (result >= 0)
+        errno = savedErrno;
     return result;
 }
 
