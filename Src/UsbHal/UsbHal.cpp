@@ -67,6 +67,10 @@ UsbHAL::~UsbHAL()
 void UsbHAL::retire()
 {
     logLine(QStringLiteral("~UsbHAL"), QStringLiteral("UsbHAL::~UsbHAL"));
+    {
+        const CheckedLocker locker(&_mutex);
+        _retired = true;
+    }
     stop();
 }
 

@@ -128,7 +128,7 @@ public:
 
     void watchdog(bool enable);
 
-    /** Ends the use of the core for good, as its destruction does, but leaves it to its callers. */
+    /** Stops the core for good: from now on openConnection fails with code 7. */
     void retire();
     /** Whether the caller runs in this core's communication thread. */
     bool isConnectedThread() const;
@@ -351,6 +351,7 @@ protected:
     quint32 _stops GUARDED_BY(_mutex) = 0;
     // A handler in the ending thread opened a port: start once more.
     bool _startPending GUARDED_BY(_mutex) = false;
+    bool _retired GUARDED_BY(_mutex) = false;
     // The timer belongs to the core's thread; the others see it through these.
     std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
     std::atomic<bool> _mainLoopActive{false};

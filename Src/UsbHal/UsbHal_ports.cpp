@@ -130,7 +130,7 @@ bool UsbHAL::_startCommunication()
 {
     _clearWriteFifo();
     _clearReadFifo();
-    if (!_configured)
+    if (!_configured || _retired)
         return false;
     logLine(QStringLiteral("openConnection"), QStringLiteral("start communication thread"));
     if (!_startThread())

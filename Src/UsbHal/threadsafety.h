@@ -41,13 +41,15 @@ public:
 
 /**
  * QMutexLocker with what the analysis has to know of it: the mutex counts as held while the object
- * lives. What a function that takes it as a plain QMutexLocker does to it passes unseen.
+ * lives. Only a function that takes it as a plain QMutexLocker can release it, which passes unseen.
  */
 class SCOPED_CAPABILITY CheckedLocker : public QMutexLocker
 {
 public:
     explicit CheckedLocker(CheckedMutex *mutex) ACQUIRE(mutex) : QMutexLocker(mutex) {}
     ~CheckedLocker() RELEASE() = default;
+    void unlock() = delete;
+    void relock() = delete;
 };
 
 /** Unlocks, at the end of its life or before, a mutex that its maker has locked. */

@@ -12,6 +12,8 @@
 #include <QThread>
 #include <QtTest>
 
+#include <cmath>
+
 namespace {
 
 int qtMessages = 0;
@@ -29,6 +31,20 @@ qint32 reducedThreadId()
 } // namespace
 
 /** Opening log files, keeping those of the run before, and the form of a line. */
+namespace {
+
+// To the nearest half hour, of the line that it logs.
+double hoursAheadOfUtc(UsbHalLog &log, const LogFolder &folder)
+{
+    log.log(QStringLiteral("a"), 1, QStringLiteral("text"));
+    const QString text = folder.lines(1).last().section(" [THREAD", 0, 0);
+    QDateTime date = QDateTime::fromString(text, "dd-MM-yyyy hh:mm:ss:zzz");
+    date.setTimeSpec(Qt::UTC);
+    return std::round(static_cast<double>(QDateTime::currentDateTimeUtc().secsTo(date)) / 1800) / 2;
+}
+
+} // namespace
+
 class LogFilesTest : public QObject
 {
     Q_OBJECT
@@ -36,6 +52,7 @@ class LogFilesTest : public QObject
 private slots:
     void aLineIsDateThreadFunctionNumberAndMessage();
     void aLineCarriesTheDateOfTheCall();
+    void theDateFollowsTheTimeZoneWithinASecond();
     void aLineNamesTheThreadThatLogs();
     void aLineIsInUtf8();
     void aLineIsInTheFileWhenLogReturns();
@@ -89,6 +106,23 @@ void LogFilesTest::aLineCarriesTheDateOfTheCall()
     const QDateTime date = QDateTime::fromString(text, "dd-MM-yyyy hh:mm:ss:zzz");
     QVERIFY2(date.isValid(), qPrintable(text));
     QVERIFY(date >= before && date <= after);
+}
+
+void LogFilesTest::theDateFollowsTheTimeZoneWithinASecond()
+{
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    const QByteArray formerZone = qgetenv("TZ");
+    const bool wasSet = qEnvironmentVariableIsSet("TZ");
+    qputenv("TZ", "AAA-5:30");
+    QVERIFY(QTest::qWaitFor([&] { return hoursAheadOfUtc(log, folder) == 5.5; }, 3000));
+    qputenv("TZ", "BBB+3");
+    QVERIFY(QTest::qWaitFor([&] { return hoursAheadOfUtc(log, folder) == -3; }, 3000));
+    if (wasSet)
+        qputenv("TZ", formerZone);
+    else
+        qunsetenv("TZ");
 }
 
 void LogFilesTest::aLineNamesTheThreadThatLogs()

@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
+
 namespace {
 
 // The link may take 20 s; a stop ends within 8 s, and a kill within 3.
@@ -41,6 +43,7 @@ void expectWholeLines(const QDir &folder)
         while (!file.atEnd()) {
             const QByteArray line = file.readLine();
             QVERIFY2(dated.match(QString::fromUtf8(line)).hasMatch(), line.constData());
+            QVERIFY2(line.endsWith('\n'), line.constData());
         }
     }
 }
@@ -49,6 +52,29 @@ bool isConfigured(const QString &scenario)
 {
     return !scenario.contains("never used") && !scenario.contains("never configured") &&
            !scenario.startsWith("library") && !scenario.startsWith("instance");
+}
+
+// Whether the destructors of static objects run. Of a fork the scenario names the child's end.
+bool endsInOrder(const QString &scenario)
+{
+    return scenario.startsWith("fork") ||
+           !(scenario.contains("quick exit") || scenario.contains("immediate exit") ||
+             scenario.contains("default action"));
+}
+
+// Whether threads may have rotated the last words away.
+bool floodsItsLog(const QString &scenario)
+{
+    return scenario.contains("threads log") || scenario.contains("beside calls");
+}
+
+bool tellsOfItsEnd(const QDir &folder)
+{
+    const QStringList names = folder.entryList({"*.log"});
+    return std::any_of(names.begin(), names.end(), [&folder](const QString &name) {
+        QFile file(folder.filePath(name));
+        return file.open(QIODevice::ReadOnly) && file.readAll().contains("[~UsbHAL:");
+    });
 }
 
 } // namespace
@@ -93,6 +119,8 @@ void ExitMatrix::expectCleanExit(const char *clientProgram)
     QCOMPARE(client.exitCode(), status);
     QCOMPARE(!QDir(log.path()).isEmpty(), isConfigured(scenario));
     expectWholeLines(log.path());
+    if (!floodsItsLog(scenario))
+        QCOMPARE(tellsOfItsEnd(log.path()), isConfigured(scenario) && endsInOrder(scenario));
     if (!QTest::currentTestFailed())
         ++_cellsPassed;
 }

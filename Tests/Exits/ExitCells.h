@@ -17,7 +17,7 @@ struct ExitCell
 /**
  * Rows of cells, each a client in a process of its own over a node of its own. An end is clean when
  * it comes by itself, with the cell's status, with nothing on standard error and whole lines in the
- * log.
+ * log, which tells of the core's end when the process runs its destructors.
  */
 class ExitMatrix : public QObject
 {

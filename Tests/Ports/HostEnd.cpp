@@ -79,7 +79,8 @@ void HostEnd::announceReopened(int port)
 QByteArray HostEnd::received(int port) const
 {
     const std::lock_guard<std::mutex> lock(_mutex);
-    return _received.value(port);
+    const QByteArray bytes = _received.value(port);
+    return QByteArray(bytes.constData(), bytes.size()); // shares nothing with the other thread
 }
 
 bool HostEnd::waitForReceived(int port, const QByteArray &bytes, int msecs) const

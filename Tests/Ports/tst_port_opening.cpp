@@ -34,6 +34,7 @@ private slots:
     void anOpenPortIsReportedBeforeTheLimit();
     void nothingOpensBeforeTheConfiguration();
     void anOpenBeforeTheConfigurationEmptiesTheQueues();
+    void nothingOpensOnceTheCoreIsRetired();
     void aPortWithoutMemoryForItsQueueStaysClosed();
     void aPortThatHadNoMemoryOpensLater();
     void theFirstOpenStartsTheCommunication();
@@ -121,6 +122,19 @@ void PortOpening::nothingOpensBeforeTheConfiguration()
     QCOMPARE(core.driver->opens(), 0);
     core.configure();
     QVERIFY(core.openConnection(2));
+}
+
+void PortOpening::nothingOpensOnceTheCoreIsRetired()
+{
+    PortsProbe core;
+    QVERIFY(core.connectLink());
+    core.retire();
+    QVERIFY(!core.isRunning());
+    QVERIFY(core.closeConnection(1));
+    core.signalsSeen.take();
+    QVERIFY(!core.openConnection(1));
+    QCOMPARE(core.signalsSeen.all(), QStringList("error(7,1)"));
+    QVERIFY(!core.isRunning());
 }
 
 void PortOpening::anOpenBeforeTheConfigurationEmptiesTheQueues()
