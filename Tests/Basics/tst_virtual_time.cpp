@@ -30,13 +30,14 @@ qint64 realTime() // ms
 class Waiter
 {
 public:
-    /** Wakes it once it waits; with its mutex held, so that it cannot be between two waits. */
-    void wake()
+    ~Waiter() { VirtualTime::holdWaits(false); }
+
+    void wakeOne() { _condition.wakeOne(); }
+    void wakeAll() { _condition.wakeAll(); }
+    bool canTakeMutex()
     {
-        const QMutexLocker locker(&_mutex);
-        _condition.wakeOne();
+        return endsWithin(inBackground([this] { wakeNobody(); }), timeout);
     }
-    bool canTakeMutex() { return endsWithin(inBackground([this] { wakeNobody(); }), timeout); }
     bool hasEnded(int msecs) const { return endsWithin(_woken, msecs); }
     bool wasWoken() { return _woken.get(); }
     /** ms that the thread saw pass. */
@@ -146,22 +147,21 @@ private slots:
         Waiter waiter;
         QVERIFY(areHeld(1));
         QVERIFY(waiter.canTakeMutex());
-        VirtualTime::holdWaits(false);
     }
 
     void aHeldWaitEndsWhenItIsWoken()
     {
         VirtualTime::holdWaits(true);
-        Waiter woken;
         Waiter other;
+        QVERIFY(areHeld(1));
+        Waiter woken;
         QVERIFY(areHeld(2));
-        woken.wake();
+        woken.wakeOne();
         QVERIFY(woken.hasEnded(timeout));
         QVERIFY(woken.wasWoken());
         QVERIFY(woken.time() < hour);
         QVERIFY(areHeld(1));
         QVERIFY(!other.hasEnded(shortWhile));
-        VirtualTime::holdWaits(false);
     }
 
     void heldWaitsThatAreLetGoHaveSeenTheirWholeTimePass()
@@ -185,7 +185,7 @@ private slots:
         VirtualTime::holdWaits(true);
         Waiter waiter;
         QVERIFY(areHeld(1));
-        waiter.wake();
+        waiter.wakeAll();
         QVERIFY(waiter.hasEnded(timeout));
         QVERIFY(waiter.wasWoken());
     }

@@ -16,17 +16,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int patience = 10000;     // ms, for what comes for certain
-constexpr int shortPatience = 300;  // ms, for what another fault may prevent
-constexpr int machineShare = 15000; // ms, that other processes may cost a bound
-constexpr int filledPort = 1;       // whose read queue is filled
-constexpr int bigRecord = 880;      // bytes
-constexpr int queuedRecords = 3;    // in the write queue, in plain traffic
-constexpr int manyRecords = 200;    // more than the write queue takes
-constexpr int fullFifo = 90;        // messages, of 100, while the thread takes them away
-constexpr int provenRecords = 3;    // for each port and direction, after each case
-constexpr int delayFactor = 30;     // unread bytes, in units of the maximum read size
-constexpr int drainTime = 1000;     // ms
+constexpr int patience = 10000;    // ms, for what comes for certain
+constexpr int shortPatience = 300; // ms, for what another fault may prevent
+constexpr int machineShare = 5000; // ms, that other processes may cost a bound
+constexpr int filledPort = 1;      // whose read queue is filled
+constexpr int bigRecord = 880;     // bytes
+constexpr int queuedRecords = 3;   // in the write queue, in plain traffic
+constexpr int manyRecords = 200;   // more than the write queue takes
+constexpr int fullFifo = 90;       // messages, of 100, while the thread takes them away
+constexpr int provenRecords = 3;   // for each port and direction, after each case
+constexpr int delayFactor = 30;    // unread bytes, in units of the maximum read size
+constexpr int drainTime = 1000;    // ms
 constexpr int emptyReadPause = 1000;
 constexpr int failedWritePause = 17;
 constexpr int transferPause = 10;
@@ -133,7 +133,7 @@ QStringList FaultSession::run(const FaultCase &faultCase)
     _first.lines = linesAt(_case.first, _case.step);
     _second = Strike();
     _second.fault = _case.second;
-    _second.lines = _case.second.lines + _case.second.drainLines;
+    _second.lines = linesOfSecond(_case);
     _problems.clear();
     begin();
     bringToStep();

@@ -64,6 +64,10 @@ std::vector<Fault> makeFaults()
     Fault garbage =
         cableFault("garbage", "inject 47415242414745", "status", {notValid + "GARBAGE"});
     garbage.drainLines = QStringList(drained + "GARBAGE");
+    // The part is no part before a host takes it.
+    Fault shortWrite =
+        writeFault("write short", "write short 5", "write: _write() size = 5 (partial -> failed)");
+    shortWrite.unpluggedLines = QStringList("write: Write error: 110: Connection timed out");
     return {
         openFault("node missing", "node missing", "node present", "2: No such file or directory"),
         openFault("open refused, EBUSY", "open fail EBUSY", "open ok",
@@ -79,7 +83,7 @@ std::vector<Fault> makeFaults()
         writeFault("write failing, EIO", "write fail EIO",
                    "write: Write error: 5: Input/output error"),
         writeFault("write failing, EPIPE", "write fail EPIPE", "write: Write error: 32: "),
-        writeFault("write short", "write short 5", "write: _write() size = 5 (partial -> failed)"),
+        shortWrite,
         writeFault("write zero", "write zero", notSent),
         cableFault("transfers merged", "merge 3", "merge 0", {}),
         cableFault("transfers split", "split 5", "split 0", {notValid, wrongSize, drained}),
@@ -88,6 +92,11 @@ std::vector<Fault> makeFaults()
         garbage,
         daemonDeath,
     };
+}
+
+bool isCableOut(const Fault &fault)
+{
+    return fault.name == std::string("cable out");
 }
 
 constexpr int overlaps = 2;
@@ -153,11 +162,18 @@ QStringList linesAt(const Fault &fault, Step step)
     return isDrain && !fault.drainLines.isEmpty() ? fault.drainLines : fault.lines;
 }
 
+QStringList linesOfSecond(const FaultCase &faultCase)
+{
+    const Fault &fault = faultCase.second;
+    const bool isUnplugged = faultCase.overlapping && isCableOut(faultCase.first);
+    return fault.lines + fault.drainLines + (isUnplugged ? fault.unpluggedLines : QStringList());
+}
+
 bool mustShow(const Fault &fault, Step step)
 {
     if (fault.strikes == NodeCall::Open)
         return step == Step::Open || step == Step::Stop;
-    if (fault.name == std::string("cable out"))
+    if (isCableOut(fault))
         return step >= Step::FirstAnswer && step != Step::Stop;
     return fault.killsDaemon() || fault.strikes != NodeCall::None || !fault.lines.isEmpty();
 }

@@ -26,8 +26,9 @@ struct Fault
         NodeCall::None;          ///< the calls that meet it; None: it strikes what is on the cable
     QStringList lines = {};      ///< what the log shows of it: a line that begins with one of these
     QStringList drainLines = {}; ///< in place of them while the node is drained, where that differs
-    bool isStuck = false;        ///< a call never returns, and its thread is killed
-    bool losesData = false;      ///< the device rejects what it can no longer read, and says so
+    QStringList unpluggedLines = {}; ///< beside them while the cable is out
+    bool isStuck = false;            ///< a call never returns, and its thread is killed
+    bool losesData = false;          ///< the device rejects what it can no longer read, and says so
 
     bool killsDaemon() const { return begin.empty(); }
 };
@@ -77,6 +78,8 @@ QList<int> casesWhereThreadsGetStuck(bool stuck);
 
 /** What the log shows of a fault that strikes first at that step. */
 QStringList linesAt(const Fault &fault, Step step);
+/** What the log shows of a fault that strikes after another one, or while that lasts. */
+QStringList linesOfSecond(const FaultCase &faultCase);
 /** Whether a fault that strikes first at that step meets a call, or a transfer, for certain. */
 bool mustShow(const Fault &fault, Step step);
 

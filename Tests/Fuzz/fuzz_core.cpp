@@ -265,7 +265,8 @@ private:
         if (_longMessages++ > 2)
             return;
         const int size = static_cast<int>(_input.number(3) % 99996);
-        _block += dataMessage(_anyPort(), QByteArray(size, static_cast<char>(_input.byte())));
+        const int port = _anyPort();
+        _block += dataMessage(port, QByteArray(size, static_cast<char>(_input.byte())));
     }
 
     void _setSize(AbstractDriver &driver, bool reading)

@@ -158,9 +158,11 @@ private:
         std::string transfer;
         for (unsigned messages = _input.below(4); messages > 0; --messages) {
             switch (_input.below(5)) {
-            case 0:
-                appendDataMessage(transfer, static_cast<int>(_input.below(4)), _input.shortText());
+            case 0: {
+                const auto port = static_cast<int>(_input.below(4));
+                appendDataMessage(transfer, port, _input.shortText());
                 break;
+            }
             case 1:
                 transfer += "DEVICE_NODATA";
                 break;
@@ -280,7 +282,8 @@ private:
 
     void _send(int port)
     {
-        const std::string bytes(_input.below(10) * 100, static_cast<char>(_input.byte()));
+        const std::size_t size = _input.below(10) * 100;
+        const std::string bytes(size, static_cast<char>(_input.byte()));
         require(_session.send(port, bytes) == (port < 10000), "which ports there are");
         if (port < 10000) {
             _transport.ports[port].outgoing += bytes;

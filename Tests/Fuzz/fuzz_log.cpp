@@ -10,7 +10,9 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QTemporaryDir>
+#include <QThread>
 
+#include <algorithm>
 #include <iostream>
 #include <sstream>
 
@@ -50,7 +52,7 @@ void takeDate(QByteArray &text)
 
 void takeNumber(QByteArray &text)
 {
-    int size = text.startsWith('-') ? 1 : 0;
+    int size = 0;
     while (size < text.size() && text[size] >= '0' && text[size] <= '9')
         ++size;
     require(size > 0, "a number stands where one should");
@@ -61,8 +63,8 @@ void takeRecord(QByteArray &text, const Record &record)
 {
     takeDate(text);
     if (!record.function.isEmpty() || !record.line.isEmpty()) {
-        takeFront(text, " [THREAD ");
-        takeNumber(text);
+        const auto thread = reinterpret_cast<quintptr>(QThread::currentThreadId());
+        takeFront(text, " [THREAD " + QByteArray::number(static_cast<qint32>(thread)));
         takeFront(text, "] [" + record.function + ':');
         record.line.isEmpty() ? takeNumber(text) : takeFront(text, record.line);
         takeFront(text, "] ");
@@ -108,18 +110,26 @@ public:
     /** Returns whether the new file can be followed: an open that fails leaves the log without. */
     bool open(const QString &folder, const QString &name, bool created)
     {
+        const QString formerPath = _created && !_currentGone ? path(_index) : QString();
         _folder = QString(folder).replace('\\', '/');
         if (!_folder.isEmpty() && !_folder.endsWith('/'))
             _folder += '/';
         _name = name;
+        // Behind a colon Qt looks for what was compiled into the program, where no file can begin.
+        const bool isResource = path(_index).startsWith(':');
         if (!QFileInfo(QFileInfo(path(_index)).absolutePath()).isDir())
             _folder = "./";
+        if (path(_index) == formerPath && _keepsFiles())
+            checkFile(formerPath + ".keep", _current);
         _created = created;
         _current.clear();
         _currentGone = false;
         _previousPath.clear();
+        if (created && (isResource || !_canOpen(path(_index))))
+            return false;
         const QFileInfo file(path(_index));
-        return !created || (file.isFile() && file.size() == 0);
+        require(!created || (file.isFile() && file.size() == 0), "an open begins a file");
+        return true;
     }
 
     void setMaxLines(int lines) { _maxLines = lines == 0 ? 500 : qMin(lines, 20000); }
@@ -160,14 +170,26 @@ public:
     {
         int count = 0;
         for (int index = 1; index <= _index + 1; ++index)
-            count += QFileInfo(path(index)).isFile() ? 1 : 0;
+            count += QFileInfo(path(index)).isFile() && _canBeKept(path(index)) ? 1 : 0;
         return count;
     }
 
 private:
+    // The path as it is: the parent of a folder that is missing is missing, too.
     static bool _canOpen(const QString &path)
     {
-        return !QFileInfo(path).isDir() && QFileInfo(QFileInfo(path).absolutePath()).isDir();
+        return !QFileInfo(path).isDir() && QFileInfo(QFileInfo(path).path()).isDir();
+    }
+
+    // A folder in its way holds a file where it is.
+    static bool _canBeKept(const QString &path) { return !QFileInfo(path + ".keep").isDir(); }
+
+    // Whether the current file has made way for the new one: not where its name is a pattern that
+    // it does not match itself, or hidden.
+    bool _keepsFiles() const
+    {
+        const auto isPlain = [](QChar c) { return c >= '0' && c <= 'z' && c.isLetterOrNumber(); };
+        return std::all_of(_name.begin(), _name.end(), isPlain) && _canBeKept(path(_index));
     }
 
     void _rotate(const Record &record)
@@ -177,11 +199,13 @@ private:
         _previousPath = _currentGone ? QString() : path(_index);
         _previous = _current;
         _current = {record};
-        _lines = 1;
         _currentGone = false;
-        if (!_canOpen(path(++_index)))
+        if (!_canOpen(path(++_index))) {
             _stopLogging();
-        else if (reports && !_reporting)
+            return;
+        }
+        _lines = 1;
+        if (reports && !_reporting)
             _reportRemoval();
     }
 

@@ -11,11 +11,14 @@
 #include <ScriptRunner.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <deque>
+#include <cstring>
 #include <fcntl.h>
 #include <iterator>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,7 +27,8 @@ using namespace simnode;
 
 namespace {
 
-constexpr int mostEvents = 400; // fewer than the injections that may wait
+constexpr int deepestCommand = 8; // of `on ... on ...`
+constexpr int mostEvents = 400;   // fewer than the injections that may wait
 constexpr std::chrono::milliseconds longestTime{1L << 33}; // longer than any time-out
 
 // ---- the parser
@@ -46,8 +50,78 @@ bool isBlank(std::string_view line)
     return line.find_first_not_of(" \t\r\n") == std::string_view::npos;
 }
 
-void checkParsed(const ParsedCommand &parsed)
+std::string hexOf(std::string_view bytes)
 {
+    constexpr std::string_view hexDigits = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        text += {hexDigits[value / 16], hexDigits[value % 16]};
+    }
+    return text;
+}
+
+// The words of a command, from what it was understood as.
+std::string wordsOf(const Command &command)
+{
+    constexpr const char *subjects[] = {"node",  "open",   "read",  "write",  "timeout",
+                                        "cable", "merge",  "split", "inject", "on",
+                                        "wait",  "status", "reset"};
+    constexpr const char *verbs[] = {"",        " ok",    " missing", " present", " fail", " stuck",
+                                     " silent", " short", " zero",    " error",   " out",  " in"};
+    const Subject subject = command.subject;
+    std::string words = subjects[static_cast<int>(subject)];
+    if (subject == Subject::On) {
+        const char *call = command.call == Call::Open   ? " open "
+                           : command.call == Call::Read ? " read "
+                                                        : " write ";
+        return words + call + std::to_string(command.calls) + ' ' + wordsOf(*command.then);
+    }
+    words += verbs[static_cast<int>(command.verb)];
+    if (command.error != 0)
+        words += std::string(" ") + strerrorname_np(command.error);
+    if (command.verb == Verb::Short || subject == Subject::Merge || subject == Subject::Split ||
+        subject == Subject::Wait)
+        words += ' ' + std::to_string(command.quantity);
+    if (command.calls > 0)
+        words += ' ' + std::to_string(command.calls);
+    return words + (subject == Subject::Inject ? ' ' + hexOf(command.data) : std::string());
+}
+
+// The words of a line, with one blank between them, its numbers and its bytes as wordsOf() has
+// them.
+std::string normalized(std::string_view line)
+{
+    constexpr std::string_view blanks = " \t\r\n";
+    std::string words;
+    bool isHex = false;
+    while (!isBlank(line)) {
+        line.remove_prefix(line.find_first_not_of(blanks));
+        const std::size_t size = std::min(line.find_first_of(blanks), line.size());
+        std::string word(line.substr(0, size));
+        line.remove_prefix(size);
+        if (isHex)
+            std::transform(word.begin(), word.end(), word.begin(),
+                           [](char c) { return c >= 'A' && c <= 'F' ? char(c + 32) : c; });
+        else
+            word.erase(0, std::min(word.find_first_not_of('0'), word.size() - 1));
+        isHex = word == "inject";
+        words += (words.empty() ? "" : " ") + word;
+    }
+    return words;
+}
+
+int depthOf(const Command &command)
+{
+    return command.then ? 1 + depthOf(*command.then) : 0;
+}
+
+void checkParsed(std::string_view line, const ParsedCommand &parsed)
+{
+    require(!parsed.command || wordsOf(*parsed.command) == normalized(line),
+            "a command is all of its words");
+    require(!parsed.command || depthOf(*parsed.command) <= deepestCommand,
+            "commands in commands have an end");
     require(parsed.command.has_value() == parsed.error.empty(), "a command or why there is none");
     require(std::all_of(parsed.error.begin(), parsed.error.end(),
                         [](char c) { return c >= ' ' && c <= '~'; }),
@@ -64,7 +138,7 @@ void checkScript(std::string_view text, const ParsedScript &script)
     for (const std::string_view line : linesOf(text)) {
         ++number;
         const ParsedCommand parsed = parseCommand(line);
-        checkParsed(parsed);
+        checkParsed(line, parsed);
         commands += parsed.command ? 1 : 0;
         if (!parsed.command && !isBlank(line)) {
             error = "line " + std::to_string(number) + ": " + parsed.error;
@@ -77,13 +151,46 @@ void checkScript(std::string_view text, const ParsedScript &script)
 
 // ---- the node
 
-/** The bytes that may be read, as commands, triggers and the host add and drop them. */
-class StreamModel
+/** The fault that a call meets. */
+struct Plan
+{
+    Verb verb = Verb::Ok;
+    int error = 0;
+    std::uint32_t bytes = 0;
+    std::uint32_t calls = 0; // that it still spoils, 0: all
+};
+
+/**
+ * The faults of the node, and the bytes that may be read, as commands, triggers and the host add
+ * and drop them.
+ */
+class NodeModel
 {
 public:
     void execute(const Command &command)
     {
+        const Plan plan = {command.verb, command.error, command.quantity, command.calls};
         switch (command.subject) {
+        case Subject::Node:
+            _isMissing = command.verb == Verb::Missing;
+            break;
+        case Subject::Open:
+            _plans[Call::Open] = plan;
+            break;
+        case Subject::Read:
+            _plans[Call::Read] = plan;
+            break;
+        case Subject::Write:
+            _plans[Call::Write] = plan;
+            break;
+        case Subject::Merge:
+            _flushMerged();
+            _toMerge = command.quantity;
+            break;
+        case Subject::Split:
+            _pieceSize = command.quantity;
+            _largestPiece = std::max(_largestPiece, _sizeOfPieces());
+            break;
         case Subject::Inject:
             append(command.data);
             break;
@@ -92,8 +199,7 @@ public:
                 drop();
             break;
         case Subject::Reset:
-            drop();
-            _triggers.clear();
+            _reset();
             break;
         case Subject::On:
             _triggers.push_back({command.call, command.calls, *command.then});
@@ -103,8 +209,8 @@ public:
         }
     }
 
-    /** A call has come that triggers count. */
-    void countCall(Call call)
+    /** A call has come that triggers count; returns the fault that it meets. */
+    Plan countCall(Call call)
     {
         std::vector<Command> due;
         std::vector<Trigger> left;
@@ -117,22 +223,57 @@ public:
         _triggers = left;
         for (const Command &command : due)
             execute(command);
+        if (call == Call::Open && _isMissing)
+            return {Verb::Fail, ENOENT};
+        const Plan plan = _plans[call];
+        if (plan.calls > 0 && --_plans[call].calls == 0)
+            _plans[call] = Plan();
+        return plan;
     }
 
-    void append(std::string_view bytes) { _unread.back() += bytes; }
-    void drop() { _unread.emplace_back(); }
+    void append(std::string_view transfer)
+    {
+        if (transfer.empty())
+            return;
+        _merged += transfer;
+        if (_toMerge == 0 || --_toMerge == 0)
+            _flushMerged();
+    }
+    void drop()
+    {
+        _sent.emplace_back();
+        _merged.clear();
+    }
 
-    /** Bytes were read, in the event that is under way, maybe before what it dropped. */
+    /**
+     * Bytes were read, in the event that is under way, maybe before what it dropped: where equal
+     * bytes were sent more than once, it is left open which of them.
+     */
     void take(const std::string &bytes)
     {
-        while (_unread.size() > 1 && _unread.front().substr(0, bytes.size()) != bytes)
-            _unread.pop_front();
-        require(_unread.front().substr(0, bytes.size()) == bytes,
+        require(bytes.size() <= _largestPiece, "transfers are split as asked");
+        std::set<Position> behind;
+        for (const Position &position : _positions) {
+            for (std::size_t stream = position.first; stream < _sent.size(); ++stream) {
+                const std::size_t begin = stream == position.first ? position.second : 0;
+                if (_sent[stream].substr(begin, bytes.size()) == bytes)
+                    behind.insert({stream, begin + bytes.size()});
+            }
+        }
+        require(!behind.empty(),
                 "the bytes read are the bytes sent, none twice, none invented, in their order");
-        _unread.front().erase(0, bytes.size());
+        _positions = behind;
     }
 
-    void endEvent() { _unread.erase(_unread.begin(), _unread.end() - 1); }
+    void endEvent()
+    {
+        std::set<Position> positions;
+        for (const Position &position : _positions)
+            positions.insert({0, position.first + 1 == _sent.size() ? position.second : 0});
+        _positions = positions;
+        _sent = {_sent.back()};
+        _largestPiece = _sizeOfPieces();
+    }
 
 private:
     struct Trigger
@@ -142,7 +283,30 @@ private:
         Command command;
     };
 
-    std::deque<std::string> _unread{1}; // what was sent before each drop, and after the last
+    std::size_t _sizeOfPieces() const { return _pieceSize == 0 ? maxTransferSize : _pieceSize; }
+
+    void _flushMerged() { _sent.back() += std::exchange(_merged, {}); }
+
+    void _reset()
+    {
+        drop();
+        _triggers.clear();
+        _plans.clear();
+        _isMissing = false;
+        _toMerge = 0;
+        _pieceSize = 0;
+    }
+
+    std::map<Call, Plan> _plans;
+    bool _isMissing = false;
+    std::string _merged; // that waits for the rest of a merged transfer
+    std::uint32_t _toMerge = 0;
+    std::uint32_t _pieceSize = 0;
+    std::size_t _largestPiece = maxTransferSize;          // in the event that is under way
+    using Position = std::pair<std::size_t, std::size_t>; // a stream, and bytes of it
+
+    std::vector<std::string> _sent{1};     // before each drop, and after the last
+    std::set<Position> _positions{{0, 0}}; // up to which it may have been read
     std::vector<Trigger> _triggers;
 };
 
@@ -152,7 +316,7 @@ class NodeRun
 public:
     NodeRun(FuzzInput &input, const std::vector<Command> &commands)
         : _input(input),
-          _node(input.number(4), input.flag()),
+          _node{input.number(4), input.flag()},
           _commands(commands),
           _runner(commands)
     {
@@ -176,6 +340,7 @@ private:
         Call call;
         std::uint32_t argument;
         std::string data;
+        std::optional<Plan> plan; // none: it does not get as far as the faults
     };
 
     void _act(unsigned action)
@@ -188,17 +353,11 @@ private:
         case 2:
         case 3:
         case 4:
-            _submit(Call::Read, _anyHandle(), _input.number(2) % 200);
-            break;
         case 5:
         case 6:
-            _submit(Call::Write, _anyHandle(), 0);
-            break;
         case 7:
-            _submit(Call::Ioctl, _anyHandle(), 0x5300 + _input.below(4));
-            break;
         case 8:
-            _submit(static_cast<Call>(_input.byte()), _anyHandle(), _input.byte());
+            _submitToDescriptor(action);
             break;
         case 9:
             _abandon();
@@ -233,6 +392,21 @@ private:
 
     // ---- programs
 
+    void _submitToDescriptor(unsigned action)
+    {
+        // One after the other: the order of a call's arguments is the compiler's.
+        const auto call = action == 8 ? static_cast<Call>(_input.byte()) : Call::Read;
+        const std::uint32_t handle = _anyHandle();
+        if (action < 5)
+            _submit(Call::Read, handle, _input.number(2) % 200);
+        else if (action < 7)
+            _submit(Call::Write, handle, 0);
+        else if (action == 7)
+            _submit(Call::Ioctl, handle, 0x5300 + _input.below(4));
+        else
+            _submit(call, handle, _input.byte());
+    }
+
     void _submit(Call call, std::uint32_t handle, std::uint32_t argument)
     {
         const DeviceRequest request = {protocolVersion, call, handle, argument, _input.number(2)};
@@ -240,9 +414,9 @@ private:
         std::string data;
         if (call == Call::Write) // unlike any other, also when it is cut short
             data = std::to_string(id) + ":" + std::string(_input.shortText());
-        _pending[id] = {call, argument, data};
+        _pending[id] = {call, argument, data, std::nullopt};
         if (_reachesNode(request))
-            _stream.countCall(call);
+            _pending[id].plan = _model.countCall(call);
         _node.submit(id, request, data, _now);
     }
 
@@ -281,7 +455,7 @@ private:
     {
         if (_node.hostConnected()) {
             _node.hostLeft();
-            _stream.drop();
+            _model.drop();
         } else if (_node.acceptsHost()) {
             _node.hostArrived();
         }
@@ -291,7 +465,7 @@ private:
     {
         if (!_node.hostConnected() || !_node.takesTransfers())
             return;
-        _stream.append(transfer);
+        _model.append(transfer);
         _node.transferFromHost(std::string(transfer));
     }
 
@@ -307,8 +481,11 @@ private:
         const std::vector<Node::Reply> replies = _node.takeReplies();
         require(replies.size() == 1, "a transfer that was taken ends one write");
         const Pending write = _takePending(replies.front().call);
-        require(write.call == Call::Write && write.data.substr(0, transfer.size()) == transfer,
-                "a transfer is what its write wrote, or the beginning of it");
+        require(write.call == Call::Write && write.plan, "a transfer is that of a write");
+        const bool isShort = write.plan->verb == Verb::Short;
+        require(isShort || write.plan->verb == Verb::Ok, "a write that fails reaches no host");
+        require(write.data.substr(0, isShort ? write.plan->bytes : std::string::npos) == transfer,
+                "a transfer is what its write wrote, or as much as the fault leaves of it");
         require(replies.front().header.result == static_cast<std::int32_t>(transfer.size()),
                 "a write returns what went to the host");
         require(std::exchange(_lastTaken, replies.front().call) < replies.front().call,
@@ -326,7 +503,7 @@ private:
         const bool done = answer.substr(0, 2) == "ok";
         require(done || answer.substr(0, 7) == "error: ", "a command is answered");
         require(done == (command.subject != Subject::Wait), "all but a wait can be executed");
-        _stream.execute(command);
+        _model.execute(command);
     }
 
     void _runScript()
@@ -336,7 +513,7 @@ private:
             const Command &command = _commands[_next++];
             if (command.subject == Subject::Wait)
                 _resumeAt = _now + std::chrono::milliseconds(command.quantity);
-            _stream.execute(command);
+            _model.execute(command);
         }
         require(_runner.nextDeadline().has_value() == (_next < _commands.size()),
                 "a script runs up to a wait that is not over");
@@ -357,7 +534,7 @@ private:
     void _endEvent()
     {
         _takeReplies();
-        _stream.endEvent();
+        _model.endEvent();
     }
 
     void _takeReplies()
@@ -381,6 +558,8 @@ private:
         require((header.result == -1) == (header.error > 0), "a call fails with an errno");
         require(header.result >= -1, "a call fails with -1");
         require(reply.data.empty() || pending.call == Call::Read, "reads alone have data");
+        if (pending.plan)
+            _checkFault(*pending.plan, reply);
         if (header.result < 0)
             return;
         if (pending.call == Call::Open) {
@@ -390,10 +569,20 @@ private:
             require(reply.data.size() <= pending.argument, "a read fits its buffer");
             require(reply.data.size() == static_cast<std::size_t>(header.result),
                     "a read returns what it read");
-            _stream.take(reply.data);
+            _model.take(reply.data);
         } else {
             require(header.result == 0, "a write that no host took, and an ioctl, return 0");
         }
+    }
+
+    static void _checkFault(const Plan &plan, const Node::Reply &reply)
+    {
+        const int error = reply.header.error;
+        require(plan.verb != Verb::Stuck, "a call that is stuck never returns");
+        require(plan.verb != Verb::Fail || error == plan.error, "a fault fails as it should");
+        require(plan.verb == Verb::Fail || error == 0 || error == ETIMEDOUT,
+                "nothing but a fault and a time-out fails");
+        require(plan.verb != Verb::Silent || reply.data.empty(), "a silent read reads nothing");
     }
 
     FuzzInput &_input;
@@ -403,7 +592,7 @@ private:
     std::size_t _next = 0;
     Node::Time _resumeAt{};
     Node::Time _now{};
-    StreamModel _stream;
+    NodeModel _model;
     std::map<Node::CallId, Pending> _pending;
     std::map<std::uint32_t, std::uint32_t> _handles; // and their flags
     Node::CallId _lastCall = 0;

@@ -2,6 +2,7 @@
 #ifndef LOGSTORM_H
 #define LOGSTORM_H
 
+#include <Campaign.h>
 #include <UsbHalLog.h>
 
 #include <QHash>
@@ -14,11 +15,7 @@
 #include <vector>
 
 /** What the resident memory may gain when nothing grows, kB. */
-#ifdef USBHAL_MEMORY_IS_NOT_JUDGED
-constexpr long memorySlack = std::numeric_limits<long>::max() / 2;
-#else
-constexpr long memorySlack = 4000;
-#endif
+constexpr long memorySlack = Campaign::memoryLimit(4000);
 
 /** Threads that log lines with rising numbers until they are told to stop. */
 class LogStorm

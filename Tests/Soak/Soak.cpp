@@ -113,8 +113,7 @@ void Soak::receiveSome()
         timeout);
 }
 
-// A link that went down although nothing asked for it (a starved thread is taken for a stuck one)
-// may have dropped what was under way.
+// For cycles in which nothing takes the link down.
 void Soak::finishTraffic()
 {
     happens(
@@ -124,10 +123,8 @@ void Soak::finishTraffic()
                    (_link.toDevice.isComplete() && _link.toHost.isComplete());
         },
         timeout);
-    if (!_link.isUndisturbed()) {
-        expectPrefixes();
-        return;
-    }
+    if (!_link.isUndisturbed())
+        throw SoakFailure("the link went down, and nothing had asked for it");
     for (const int port : SoakLink::ports()) {
         _link.toDevice.expectComplete(port);
         _link.toHost.expectComplete(port);

@@ -53,14 +53,23 @@ void SoakLink::configure(bool isVirtual)
     param.rdTimeout = 200;
     param.nbRetry = 2;
     param.threadStopTimeout = 4000; // more than a silent read takes
-    // The watchdog's timer and the wait for the thread are always real.
-    param.mainLoopPeriod = isVirtual ? 20 : 100;
-    param.maxWatchdogErrors = isVirtual ? 10 : 40;
+    param.mainLoopPeriod = 100;
+    param.maxWatchdogErrors = 40;
     if (isVirtual)
-        param.threadStopTimeout = 1000;
+        adaptToVirtualTime(param);
     param.logDir = _logFolder.path();
     param.maxLogLines = 20000;
     facade->setupConfig(param);
+}
+
+// The watchdog's timer and the wait for the thread stay real. A host that the machine keeps waiting
+// must not pass for one that is gone, nor a thread for one that is stuck: both have half a second.
+void SoakLink::adaptToVirtualTime(ParamHal &param)
+{
+    param.nbRetry = 100;
+    param.threadStopTimeout = 1000;
+    param.mainLoopPeriod = 20;
+    param.maxWatchdogErrors = 25;
 }
 
 void SoakLink::setInOrder(QRandomGenerator &random)

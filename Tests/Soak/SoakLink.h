@@ -56,6 +56,7 @@ public:
 
 private:
     void configure(bool isVirtual);
+    static void adaptToVirtualTime(ParamHal &param);
     void openPorts();
     void plugNewHostIn();
     bool passBarriers(QRandomGenerator &random);

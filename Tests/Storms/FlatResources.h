@@ -6,7 +6,6 @@
 
 #include <QList>
 
-#include <limits>
 #include <string>
 
 /**
@@ -43,16 +42,9 @@ public:
 private:
     // What the heap may gain while it settles: arenas of threads that come and go, blocks that are
     // split otherwise. It shows a loss of 1 KiB at each of 1,000 events, of 11 bytes at 100,000.
-#ifdef STORMS_MEMORY_IS_NOT_JUDGED
-    static constexpr long allowedGrowth = std::numeric_limits<long>::max();
-#else
-    static constexpr long allowedGrowth = 1024; // kB
-#endif
+    static constexpr long allowedGrowth = Campaign::memoryLimit(1024); // kB
 
-    long _growth() const
-    {
-        return _memory.last() - _memory.first();
-    }
+    long _growth() const { return _memory.last() - _memory.first(); }
 
     template <typename Value>
     void print(const std::string &what, const QList<Value> &values) const

@@ -8,11 +8,17 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <iterator>
+#include <limits>
+#include <list>
+#include <mutex>
 #include <pthread.h>
 
 // The linker is told to send the program's calls of QThread::msleep(), QThread::sleep(),
-// QWaitCondition::wait(), QElapsedTimer::start() and elapsed() here (--wrap); __real_ is Qt's own.
+// QWaitCondition::wait(), wakeOne() and wakeAll(), QElapsedTimer::start() and elapsed() here
+// (--wrap);
+// __real_ is Qt's own.
 extern "C" {
 void __wrap__ZN7QThread6msleepEm(unsigned long msecs);
 void __wrap__ZN7QThread5sleepEm(unsigned long secs);
@@ -20,6 +26,10 @@ bool __real__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mut
                                                unsigned long msecs);
 bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mutex,
                                                unsigned long msecs);
+void __real__ZN14QWaitCondition7wakeOneEv(QWaitCondition *self);
+void __wrap__ZN14QWaitCondition7wakeOneEv(QWaitCondition *self);
+void __real__ZN14QWaitCondition7wakeAllEv(QWaitCondition *self);
+void __wrap__ZN14QWaitCondition7wakeAllEv(QWaitCondition *self);
 void __real__ZN13QElapsedTimer5startEv(QElapsedTimer *self);
 void __wrap__ZN13QElapsedTimer5startEv(QElapsedTimer *self);
 qint64 __real__ZNK13QElapsedTimer7elapsedEv(const QElapsedTimer *self);
@@ -31,7 +41,6 @@ namespace {
 std::atomic<unsigned> pauseDivisor{1};
 std::atomic<bool> instantWaits{false};
 std::atomic<bool> waitsHeld{false};
-std::atomic<int> heldWaitCount{0};
 std::atomic<unsigned long> stickingPause{0}; // ms; 0: none
 
 thread_local qint64 spared = 0; // ms
@@ -84,14 +93,55 @@ void pause(unsigned long msecs)
     spared += static_cast<qint64>(msecs - real / 1000);
 }
 
-bool waitWhileHeld(QWaitCondition *condition, QMutex *mutex)
+struct HeldWait
 {
-    bool woken = false;
-    ++heldWaitCount;
-    while (waitsHeld && !woken)
-        woken = __real__ZN14QWaitCondition4waitEP6QMutexm(condition, mutex, 1);
-    --heldWaitCount;
+    const QWaitCondition *condition;
+    bool woken;
+};
+
+/** The waits that are held, the longest first. Not Qt's own: those could not be let go. */
+struct HeldWaits
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::list<HeldWait> waits;
+};
+
+// Never destroyed: static objects wake others while the process ends.
+HeldWaits &allHeldWaits()
+{
+    static HeldWaits &all = *new HeldWaits;
+    return all;
+}
+
+bool waitWhileHeld(const QWaitCondition *condition, QMutex *mutex)
+{
+    HeldWaits &held = allHeldWaits();
+    std::unique_lock<std::mutex> locker(held.mutex);
+    const auto wait = held.waits.insert(held.waits.end(), {condition, false});
+    mutex->unlock();
+    held.changed.wait(locker, [wait] { return wait->woken || !waitsHeld; });
+    const bool woken = wait->woken;
+    held.waits.erase(wait);
+    locker.unlock();
+    mutex->lock();
     return woken;
+}
+
+// Returns how many it woke, at most so many.
+int wakeHeld(const QWaitCondition *condition, int atMost)
+{
+    HeldWaits &held = allHeldWaits();
+    const std::lock_guard<std::mutex> locker(held.mutex);
+    int count = 0;
+    for (HeldWait &wait : held.waits) {
+        if (count == atMost || wait.woken || wait.condition != condition)
+            continue;
+        wait.woken = true;
+        ++count;
+    }
+    held.changed.notify_all();
+    return count;
 }
 
 void passMutexOn(QMutex *mutex)
@@ -115,12 +165,15 @@ void VirtualTime::setInstantWaits(bool instant)
 
 void VirtualTime::holdWaits(bool held)
 {
+    const std::lock_guard<std::mutex> locker(allHeldWaits().mutex);
     waitsHeld = held;
+    allHeldWaits().changed.notify_all();
 }
 
 int VirtualTime::heldWaits()
 {
-    return heldWaitCount;
+    const std::lock_guard<std::mutex> locker(allHeldWaits().mutex);
+    return static_cast<int>(allHeldWaits().waits.size());
 }
 
 void VirtualTime::stickInNextPause(unsigned long msecs)
@@ -154,6 +207,19 @@ bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mut
         passMutexOn(mutex);
     spared += static_cast<qint64>(msecs);
     return false;
+}
+
+void __wrap__ZN14QWaitCondition7wakeOneEv(QWaitCondition *self)
+{
+    if (!waitsHeld || wakeHeld(self, 1) == 0)
+        __real__ZN14QWaitCondition7wakeOneEv(self);
+}
+
+void __wrap__ZN14QWaitCondition7wakeAllEv(QWaitCondition *self)
+{
+    if (waitsHeld)
+        wakeHeld(self, std::numeric_limits<int>::max());
+    __real__ZN14QWaitCondition7wakeAllEv(self);
 }
 
 void __wrap__ZN13QElapsedTimer5startEv(QElapsedTimer *self)

@@ -24,7 +24,7 @@ void setInstantWaits(bool instant);
  */
 void holdWaits(bool held);
 
-/** Threads in a held wait; each has released its mutex, or is about to. */
+/** Threads in a held wait; a wake that follows reaches each that waits on that condition. */
 int heldWaits();
 
 /** The next pause of exactly that many ms does not end, but for a kill of the thread in it. */
