@@ -140,7 +140,7 @@ void stopInHandlerOfMessage()
         facade()->stop();
         handlerReached = true;
     });
-    openAndLink();
+    openPort(); // the link may be gone again before anybody sees it
     check(waitUntil([] { return handlerReached.load(); }), "the handler did not run");
 }
 
