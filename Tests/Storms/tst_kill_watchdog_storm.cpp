@@ -84,7 +84,7 @@ public:
     {
         ParamHal param = _core.testSetup();
         param.mainLoopPeriod = 10;
-        param.maxWatchdogErrors = 3;
+        param.maxWatchdogErrors = 10; // a thread that the machine keeps waiting is not stuck
         param.threadStopTimeout = 5;
         _core.setupConfig(param);
         for (const int port : {1, 2})

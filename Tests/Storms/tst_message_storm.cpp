@@ -215,8 +215,6 @@ private:
 
 void MessageStorm::initTestCase()
 {
-    // Without a zone of its own the C library looks at the system's zone file for every log line.
-    qputenv("TZ", "UTC0");
     VirtualTime::setPauseDivisor(0);
     _host = QSharedPointer<StormHost>::create();
     _core = std::make_unique<StormCore>(_host);
@@ -225,17 +223,17 @@ void MessageStorm::initTestCase()
 
 void MessageStorm::everyMessageArrivesOnceAndInOrder_data()
 {
-    QTest::addColumn<bool>("lazily");
-    for (int row = 0; row < rows; ++row)
-        QTest::addRow("%d, flow control %s", row + 1, row % 2 == 0 ? "off" : "on")
-            << (row % 2 == 1);
+    QTest::addColumn<int>("tenth");
+    for (int tenth = 1; tenth <= rows; ++tenth)
+        QTest::addRow("tenth %d", tenth) << tenth;
 }
 
 void MessageStorm::everyMessageArrivesOnceAndInOrder()
 {
-    QFETCH(bool, lazily);
-    const quint64 eachWay = _messagesInRow / 2 / StormHost::portCount;
-    QVERIFY(lazily ? _core->exchangeLazily(eachWay) : _core->exchangeEagerly(eachWay));
+    // Without flow control and with it: what a tenth leaves in the heap is that of both.
+    const quint64 eachWay = _messagesInRow / 4 / StormHost::portCount;
+    QVERIFY(_core->exchangeEagerly(eachWay));
+    QVERIFY(_core->exchangeLazily(eachWay));
     QVERIFY(_core->isAllDelivered());
     QCOMPARE(_host->fault(), QString());
     QCOMPARE(_core->bytesWaiting(), 0u);
