@@ -90,9 +90,9 @@ bool UsbHAL::_processDataMessage(const QByteArray &message, QMutexLocker &locker
     const bool reopened = !_isOpen(data.port);
     if (reopened) {
         if (QByteArray::fromRawData(data.payload, data.payloadSize) != deviceConn) {
+            const QString port = QString::number(data.port);
             logLine(QStringLiteral("_processDataMessage"),
-                    "ERROR: message received for non-connected port: " +
-                        QString::number(data.port));
+                    "ERROR: message received for non-connected port: " + port);
             return true;
         }
         _reopenPort(data.port);
