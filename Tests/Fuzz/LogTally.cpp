@@ -35,6 +35,7 @@ LogTally &LogTally::instance()
 
 void LogTally::beginBuffer(int size, bool isHost)
 {
+    const std::lock_guard<std::mutex> lock(_mutex);
     _bufferSize = size;
     _isHost = isHost;
     _lines = 0;
@@ -45,6 +46,7 @@ void LogTally::beginBuffer(int size, bool isHost)
 
 void LogTally::checkBuffer() const
 {
+    const std::lock_guard<std::mutex> lock(_mutex);
     const qint64 messages = _bufferSize / smallestMessage + 1;
     require(_lines <= linesPerMessage * messages + linesPerLoss,
             "a buffer logs a bounded number of lines for each of its messages");
@@ -57,6 +59,7 @@ void LogTally::add(const QString &message)
 {
     if (_pauses > 0)
         return;
+    const std::lock_guard<std::mutex> lock(_mutex);
     ++_lines;
     _characters += message.size();
     if (message.startsWith(remainingText))

@@ -4,7 +4,13 @@
 
 #include <QString>
 
-/** What the core logs, counted instead of written: the linker sends UsbHalLog::log() here. */
+#include <atomic>
+#include <mutex>
+
+/**
+ * What the core logs, counted instead of written: the linker sends UsbHalLog::log() here, in the
+ * client's thread and in the core's.
+ */
 class LogTally
 {
 public:
@@ -33,7 +39,8 @@ public:
 private:
     void _addRemaining(const QString &message);
 
-    int _pauses = 0;
+    mutable std::mutex _mutex;
+    std::atomic<int> _pauses{0};
     int _bufferSize = 0;
     bool _isHost = false;
     qint64 _lines = 0;
