@@ -31,22 +31,14 @@ const char *const errorTexts[] = {
 };
 constexpr int errorCount = sizeof errorTexts / sizeof errorTexts[0];
 
-// Never destroyed: Qt aborts the process when the object of a running thread is, the process may
-// end in that thread, and other threads may still call the core.
-union ThreadStorage {
-    ThreadStorage() { new (&thread) WorkerThread; }
-    ~ThreadStorage() {}
-    Q_DISABLE_COPY(ThreadStorage)
-
-    WorkerThread thread;
-};
-
-ThreadStorage threadStorage;
+// Of the thread object, which is never destroyed: Qt aborts the process when the object of a
+// running thread is, the process may end in that thread, and other threads may still call the core.
+alignas(WorkerThread) unsigned char threadStorage[sizeof(WorkerThread)];
 
 } // namespace
 
 thread_local int UsbHAL::emissionDepth = 0;
-WorkerThread &UsbHAL::_connectedThread = threadStorage.thread;
+WorkerThread &UsbHAL::_connectedThread = *new (threadStorage) WorkerThread;
 
 UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(drivers)
 {
