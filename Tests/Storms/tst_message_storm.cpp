@@ -210,7 +210,9 @@ private:
     const quint64 _messagesInRow = qMax<quint64>(Campaign::scaled(fullMessages) / rows, 100);
     QSharedPointer<StormHost> _host;
     std::unique_ptr<StormCore> _core; // one for all rows
-    FlatResources _resources{"message storm", rows};
+    // The heaps of six threads that hand queues to each other take longer to settle; a loss of one
+    // byte a message would be ten thousand kB.
+    FlatResources _resources{"message storm", rows, 4 * FlatResources::defaultGrowth};
 };
 
 void MessageStorm::initTestCase()
