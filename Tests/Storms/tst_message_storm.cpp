@@ -17,8 +17,8 @@
 
 namespace {
 
-// Over all ports, both ways together; a sanitizer makes each last ten times as long.
-constexpr quint64 fullMessages = Campaign::isSanitized ? 1000000 : 10000000;
+// Over all ports, both ways together; a sanitizer makes each last longer.
+constexpr quint64 fullMessages = Campaign::isSanitized ? 4000000 : 10000000;
 constexpr int rows = 10;
 constexpr quint32 blockSize = 1000;
 constexpr quint32 delayFrom =
