@@ -47,7 +47,7 @@ void deliverByPeer(benchmark::State &state, const Input &input, Peer &peer,
             require(peer.stored.size() == input.stored() &&
                         peer.stored.constLast() == input.payload,
                     "the peer delivers");
-            peer.stored.clear();
+            peer.clear();
         });
 }
 

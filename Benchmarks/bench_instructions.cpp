@@ -19,11 +19,7 @@ class Operations
 public:
     explicit Operations(const std::string &operation) : _core(operation == "log") {}
 
-    void log(int number)
-    {
-        logLine(QStringLiteral("write"),
-                "Add to write queue message of size: " + QString::number(number));
-    }
+    void log(int number) { logLine("write", {"Add to write queue message of size: ", number}); }
     void frame(int number)
     {
         _core.locked([this](QMutexLocker &) { _core.queue(_payload); });

@@ -58,8 +58,7 @@ public:
     }
     void write(int number) override
     {
-        logLine(QStringLiteral("write"),
-                "Add to write queue message of size: " + QString::number(number));
+        logLine("write", {"Add to write queue message of size: ", number});
     }
     qint64 linesInFile() override { return countLines(paths()); }
 

@@ -9,19 +9,17 @@
 #include <UsbHalIntf.h>
 
 #include <QCoreApplication>
-#include <QTemporaryDir>
 #include <QTimer>
 
 int main(int argc, char *argv[])
 {
     const HostProcess host(SimNodeControl::directoryFromEnvironment());
     QCoreApplication application(argc, argv);
-    const QTemporaryDir logFolder;
     UsbHALIntf *const hal = UsbHALIntf::getInstance();
     ParamHal param;
     hal->getDefaultSetup(param);
     param.threadStopTimeout = 4000; // more than a silent read takes
-    param.logDir = logFolder.path();
+    param.logDir = QString::fromStdString(SimNodeControl::directoryFromEnvironment());
     hal->setupConfig(param);
     for (int port = 1; port <= HostProcess::ports; ++port)
         require(hal->openConnection(port), "a port opens");

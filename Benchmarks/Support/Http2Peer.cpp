@@ -97,6 +97,12 @@ void Http2Peer::receive(const QByteArray &buffer)
     _bytes += size;
 }
 
+void Http2Peer::clear()
+{
+    stored.clear();
+    rest();
+}
+
 void Http2Peer::rest()
 {
     if (_bytes < windowReserve)

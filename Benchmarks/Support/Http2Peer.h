@@ -24,6 +24,9 @@ public:
     /** Cuts received frames; each payload ends up in stored. */
     void receive(const QByteArray &buffer);
 
+    /** Forgets what is stored, and rests. */
+    void clear();
+
     /** Replaces a link whose windows run out; to be called between two batches. */
     void rest();
 

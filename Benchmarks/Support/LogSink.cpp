@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "LogSink.h"
 
-#include <QString>
-
-class UsbHalLog;
+#include <UsbHalLog.h>
 
 // The linker is told to send the library's calls of UsbHalLog::log() here (--wrap); __real_ is the
 // library's own.
 extern "C" {
-void __real__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *self, QString function, unsigned int line,
-                                           QString message);
-void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *self, QString function, unsigned int line,
-                                           QString message);
+void __real__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
+                                                                     const LogPart &function,
+                                                                     unsigned int line,
+                                                                     const LogText &text);
+void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
+                                                                     const LogPart &function,
+                                                                     unsigned int line,
+                                                                     const LogText &text);
 }
 
 namespace {
@@ -31,11 +33,13 @@ quint64 LogSink::swallowedLines()
     return swallowed;
 }
 
-void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *self, QString function, unsigned int line,
-                                           QString message)
+void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
+                                                                     const LogPart &function,
+                                                                     unsigned int line,
+                                                                     const LogText &text)
 {
     if (active)
         ++swallowed;
     else
-        __real__ZN9UsbHalLog3logE7QStringjS0_(self, function, line, message);
+        __real__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(self, function, line, text);
 }

@@ -21,6 +21,9 @@ public:
     /** Cuts received frames, the last of which is whole; each payload ends up in stored. */
     void receive(const QByteArray &buffer);
 
+    /** Forgets what is stored. */
+    void clear() { stored.clear(); }
+
     QList<QByteArray> stored;
 
 private:

@@ -76,8 +76,7 @@ bool GadgetDriver::open()
     }
     _selectedInstance = 0;
     _currentFd = 0;
-    logLine(QStringLiteral("open"),
-            "all drivers opened successfully: " + QString::number(_instancePaths.size()));
+    logLine("open", {"all drivers opened successfully: ", _instancePaths.size()});
     return guard.returning(true);
 }
 
@@ -96,13 +95,12 @@ int GadgetDriver::write(QByteArray data)
         return count;
     const QString detail = getDrvDetailedError(count);
     if (count > 0) {
-        logLine(QStringLiteral("write"),
-                "_write() size = " + QString::number(count) + " (partial -> failed)");
+        logLine("write", {"_write() size = ", count, " (partial -> failed)"});
         return 0;
     }
-    logLine(QStringLiteral("write"), "Gadget, error code = " + QString::number(count));
-    logLine(QStringLiteral("write"), "Write error: " + detail);
-    logLine(QStringLiteral("write"), "_write() failed (no byte sent)");
+    logLine("write", {"Gadget, error code = ", count});
+    logLine("write", {"Write error: ", detail});
+    logLine("write", {"_write() failed (no byte sent)"});
     QThread::msleep(failedWritePause);
     return 0;
 }
@@ -117,8 +115,7 @@ int GadgetDriver::read(QByteArray *data)
 
 void GadgetDriver::cancelPendingIo()
 {
-    logLine(QStringLiteral("cancelPendingIo"),
-            "Cancel pending io not yet implemented on linux drivers");
+    logLine("cancelPendingIo", {"Cancel pending io not yet implemented on linux drivers"});
 }
 
 QString GadgetDriver::getDrvDetailedError(int code) const
@@ -132,22 +129,22 @@ QString GadgetDriver::getDrvDetailedError(int code) const
 bool GadgetDriver::_openDrvInstance(QString path, int /*index*/)
 {
     if (!_readBuffer) {
-        logLine(QStringLiteral("_openDrvInstance"), rawDataIsNull);
+        logLine("_openDrvInstance", {rawDataIsNull});
         return false;
     }
     const QByteArray node = path.toUtf8();
     _currentFd = ::open(node.constData(), O_RDWR | O_CLOEXEC);
     if (_currentFd < 0) {
         const QString detail = getDrvDetailedError(_currentFd);
-        logLine(QStringLiteral("_openDrvInstance"),
-                "Error: unable to open driver instance: " + path + "( " + detail + " )");
+        logLine("_openDrvInstance",
+                {"Error: unable to open driver instance: ", path, "( ", detail, " )"});
         return false;
     }
     _openedFds.append(_currentFd);
     _flushReadBuffer();
     ::ioctl(_currentFd, setWriteTimeout, getWrTimeout());
     ::ioctl(_currentFd, setReadTimeout, getRdTimeout());
-    logLine(QStringLiteral("_openDrvInstance"), path + " successfully opened");
+    logLine("_openDrvInstance", {path, " successfully opened"});
     return true;
 }
 
@@ -161,7 +158,7 @@ void GadgetDriver::_flushReadBuffer()
         const ssize_t count = ::read(_currentFd, _readBuffer.get(), _readLimit());
         if (count == 0)
             return;
-        logLine(QStringLiteral("_flushReadBuffer"), "Discarded message : " + _bufferedText());
+        logLine("_flushReadBuffer", {"Discarded message : ", _bufferedText()});
         // An error that comes at once would fill the log within the second.
         if (count < 0)
             QThread::msleep(drainErrorPause);
@@ -192,7 +189,7 @@ int GadgetDriver::_read(QByteArray *data)
     // A configured size that could not be allocated leaves no buffer, and reads no bytes for ever.
     const QString detail = _readBuffer ? getDrvDetailedError(count) : rawDataIsNull;
     if (detail != QLatin1String("ok"))
-        logLine(QStringLiteral("_read"), detail);
+        logLine("_read", {detail});
     QThread::sleep(emptyReadPause);
     return 0;
 }
@@ -204,7 +201,7 @@ int GadgetDriver::_selectDriver(QByteArray *data)
         _currentFd = _openedFds.at(i);
         if (_read(data) == 0)
             continue;
-        logLine(QStringLiteral("_selectDriver"), "selected driver " + _instancePaths.at(i));
+        logLine("_selectDriver", {"selected driver ", _instancePaths.at(i)});
         _selectedInstance = i + 1;
         _setDriverName(_instancePaths.at(i));
         return _currentFd;

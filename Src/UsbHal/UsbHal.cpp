@@ -58,7 +58,7 @@ UsbHAL::~UsbHAL()
 
 void UsbHAL::retire()
 {
-    logLine(QStringLiteral("~UsbHAL"), QStringLiteral("UsbHAL::~UsbHAL"));
+    logLine("~UsbHAL", {"UsbHAL::~UsbHAL"});
     {
         const CheckedLocker locker(&_mutex);
         _retired = true;
@@ -123,7 +123,7 @@ bool UsbHAL::setupConfig(const ParamHal &param)
     if (_hwDriver)
         _hwDriver->setupConfig(_param);
     _setupDone = true;
-    logLine(QStringLiteral("setupConfig"), QStringLiteral("configuration is now set"));
+    logLine("setupConfig", {"configuration is now set"});
     return true;
 }
 
@@ -152,7 +152,7 @@ void UsbHAL::_endCommunication(QMutexLocker &locker)
 
 void UsbHAL::_askThreadToEnd()
 {
-    logLine(QStringLiteral("stop"), QStringLiteral("watchdog stopped"));
+    logLine("stop", {"watchdog stopped"});
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     _running = false;
@@ -220,8 +220,8 @@ bool UsbHAL::_updateStatus(DriverState state, QMutexLocker &locker)
         return false;
     _driverState = state;
     _emitUnlocked(locker, [&] { emit stateChanged(state); });
-    logLine(QStringLiteral("_updateStatus"),
-            "UsbHal switched to " + DriverStateStr[static_cast<int>(state)] + " state");
+    logLine("_updateStatus",
+            {"UsbHal switched to ", DriverStateStr[static_cast<int>(state)], " state"});
     return true;
 }
 
@@ -246,8 +246,8 @@ void UsbHAL::_emitError(int code, void *data, QMutexLocker &locker)
 
 void UsbHAL::_onError(int num, void *data)
 {
-    const QString text = QString::fromLatin1(getErrorStr(num));
-    const QString value = QString::number(static_cast<int>(reinterpret_cast<qintptr>(data)));
+    const char *const text = getErrorStr(num);
+    const int value = static_cast<int>(reinterpret_cast<qintptr>(data));
     switch (num) {
     case Error::WrongSize:
     case Error::WrongId:
@@ -255,14 +255,14 @@ void UsbHAL::_onError(int num, void *data)
     case Error::PortAlreadyOpen:
     case Error::TooManyClients:
     case Error::CloseFailed:
-        logLine(QStringLiteral("_onError"), text + " Param = " + value);
+        logLine("_onError", {text, " Param = ", value});
         break;
     case Error::NotInitialized:
-        logLine(QStringLiteral("_onError"), text);
+        logLine("_onError", {text});
         break;
     case Error::NotOpenedPort:
     case Error::BufferOverflow:
-        logLine(QStringLiteral("_onError"), text + " on port #" + value);
+        logLine("_onError", {text, " on port #", value});
         break;
     default: // a close of a port that is not open is too common to log
         break;

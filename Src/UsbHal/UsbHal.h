@@ -70,9 +70,6 @@ QByteArray frameMaxReadSize(quint32 size);
 /** The number that the last bytes of a max read size message hold; nothing unless above 0. */
 std::optional<int> parseMaxReadSize(const QByteArray &bytes);
 
-/** Received bytes as text: up to the first zero byte, at most limit bytes. */
-QString toText(const QByteArray &bytes, int limit = std::numeric_limits<int>::max());
-
 /** Both ends of a message that is not valid, without white space; empty when not worth showing. */
 QString excerpt(const QByteArray &bytes);
 
@@ -194,7 +191,8 @@ protected:
     quint32 _nbClients() const REQUIRES(_mutex) { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
-    bool _isOpen(int port) const REQUIRES(_mutex);
+    ReadQueue *_readQueue(int port) const REQUIRES(_mutex);
+    ReadQueue *_openQueue(int port) const REQUIRES(_mutex);
     bool _isUsable(int port) const REQUIRES(_mutex);
     bool _canClose(int port) const REQUIRES(_mutex);
     bool _isEnding() const REQUIRES(_mutex);
@@ -218,9 +216,7 @@ protected:
                              unsigned int &consumed) REQUIRES(_mutex);
     unsigned int _takeMaxWriteSize(const QByteArray &message) REQUIRES(_mutex);
     void _logFault(usb_messages::Fault fault, const QByteArray &message) REQUIRES(_mutex);
-    void _reopenPort(int port) REQUIRES(_mutex);
-    bool _hasRoom(int port, int size) const REQUIRES(_mutex);
-    void _storePayload(int port, const QByteArray &payload) REQUIRES(_mutex);
+    ReadQueue *_reopenPort(int port) REQUIRES(_mutex);
     void _announcePayload(int port, QMutexLocker &locker) REQUIRES(_mutex);
     ReadQueue *_readableQueue(int port) const REQUIRES(_mutex);
     int _nbBytesReceived(int port) const REQUIRES(_mutex);

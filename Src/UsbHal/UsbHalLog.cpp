@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <functional>
 #include <iostream>
 #include <iterator>
 #include <limits>
@@ -27,15 +26,13 @@ void append(LogLine &line, QLatin1String text)
 
 void append(LogLine &line, const QString &text)
 {
-    const auto isAscii = [](QChar c) { return c.unicode() < 0x80; };
-    if (!std::all_of(text.cbegin(), text.cend(), isAscii)) {
-        const QByteArray utf8 = text.toUtf8();
-        line.append(utf8.constData(), utf8.size());
-        return;
-    }
-    const int oldSize = line.size();
-    line.resize(oldSize + text.size());
-    std::transform(text.cbegin(), text.cend(), line.begin() + oldSize, std::mem_fn(&QChar::cell));
+    const QByteArray utf8 = text.toUtf8();
+    line.append(utf8.constData(), utf8.size());
+}
+
+bool isAscii(char c)
+{
+    return static_cast<unsigned char>(c) < 0x80;
 }
 
 void appendNumber(LogLine &line, qint64 number)
@@ -88,29 +85,71 @@ qint32 currentThreadId()
     return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
 }
 
-void compose(LogLine &line, const QString &function, unsigned int number, const QString &message)
+void compose(LogLine &line, const LogPart &function, unsigned int number, const LogText &text)
 {
     appendTimestamp(line);
     append(line, QLatin1String(" [THREAD "));
     appendNumber(line, currentThreadId());
     append(line, QLatin1String("] ["));
-    append(line, function);
+    function.appendTo(line);
     line.append(':');
     appendNumber(line, number);
     append(line, QLatin1String("] "));
-    append(line, message);
+    for (const LogPart &part : text)
+        part.appendTo(line);
     line.append('\n');
 }
 
-void writeToConsole(const QString &function, const QString &message)
+// What QDir's name filter <name>*<ending> finds, without the memory that Qt's regular expressions
+// take for the rest of the process.
+bool isNumberedFile(const QString &entry, const QString &name, QLatin1String ending)
 {
-    const QByteArray line = "USBHAL] " + function.toLatin1() + " - " + message.toLatin1() + '\n';
+    return entry.size() >= name.size() + ending.size() &&
+           entry.startsWith(name, Qt::CaseInsensitive) &&
+           entry.endsWith(ending, Qt::CaseInsensitive);
+}
+
+void writeToConsole(const LogPart &function, const LogText &text)
+{
+    const QByteArray line =
+        "USBHAL] " + function.toString().toLatin1() + " - " + toString(text).toLatin1() + '\n';
     if (!std::cout) // an earlier line found the disk full
         std::cout.clear();
     std::cout.write(line.constData(), line.size()).flush();
 }
 
 } // namespace
+
+void LogPart::appendTo(LogLine &line) const
+{
+    if (_kind == Kind::Number)
+        appendNumber(line, _number);
+    else if (_kind == Kind::Utf8 && std::all_of(_utf8, _utf8 + _size, isAscii))
+        line.append(_utf8, _size);
+    else
+        append(line, toString());
+}
+
+QString LogPart::toString() const
+{
+    switch (_kind) {
+    case Kind::Utf8:
+        return QString::fromUtf8(_utf8, _size);
+    case Kind::Utf16:
+        return QString(_utf16, _size);
+    case Kind::Number:
+        break;
+    }
+    return QString::number(_number);
+}
+
+QString toString(const LogText &text)
+{
+    QString joined;
+    for (const LogPart &part : text)
+        joined += part.toString();
+    return joined;
+}
 
 QScopedPointer<UsbHalLog, UsbHalLog::KeptToTheEnd> UsbHalLog::logger;
 
@@ -141,6 +180,11 @@ bool UsbHalLog::open(QString dir, QString name)
 }
 
 void UsbHalLog::log(QString function, unsigned int line, QString message)
+{
+    log(LogPart(function), line, {message});
+}
+
+void UsbHalLog::log(const LogPart &function, unsigned int line, const LogText &message)
 {
     // A thread that is killed in the middle of a line would leave the file in disorder; one that
     // writes line after line must be killed between two.
@@ -193,13 +237,15 @@ void UsbHalLog::_createLogDir()
 
 void UsbHalLog::_keepPreviousFiles()
 {
-    const QDir dir(_logDir);
-    const QStringList keptFiles = dir.entryList({_logName + "*.log.keep"});
-    for (const QString &entry : keptFiles)
-        QFile::remove(_logDir + entry);
-    const QStringList files = dir.entryList({_logName + "*.log"});
-    for (const QString &entry : files)
-        QFile::rename(_logDir + entry, _logDir + entry + ".keep");
+    const QStringList entries = QDir(_logDir).entryList(QDir::NoFilter, QDir::Unsorted);
+    for (const QString &entry : entries) {
+        if (isNumberedFile(entry, _logName, QLatin1String(".log.keep")))
+            QFile::remove(_logDir + entry);
+    }
+    for (const QString &entry : entries) {
+        if (isNumberedFile(entry, _logName, QLatin1String(".log")))
+            QFile::rename(_logDir + entry, _logDir + entry + ".keep");
+    }
 }
 
 bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
@@ -267,7 +313,7 @@ void UsbHalLog::_removeOldFile(int index)
     if (!_logCreated || _reportingRemoval)
         return;
     _reportingRemoval = true;
-    log(QStringLiteral("log"), __LINE__,
-        "failed to remove log file: " + _logDir + "UsbHal" + QString::number(index) + ".log");
+    log(LogPart("log"), __LINE__,
+        {"failed to remove log file: ", _logDir, "UsbHal", index, ".log"});
     _reportingRemoval = false;
 }

@@ -10,9 +10,63 @@
 #include <QVarLengthArray>
 
 #include <atomic>
+#include <cstring>
+#include <initializer_list>
+#include <limits>
+#include <type_traits>
 
 /** A line of a log file, in UTF-8. All but the longest need no memory but the stack. */
 using LogLine = QVarLengthArray<char, 512>;
+
+/**
+ * A part of a line's text. It only refers to what it was made from, which has to outlive it: so a
+ * line is put together once, where it is written.
+ */
+class LogPart
+{
+public:
+    /** A text in UTF-8 that ends with a zero byte. */
+    LogPart(const char *text)
+        : _kind(Kind::Utf8), _size(static_cast<int>(std::strlen(text))), _utf8(text)
+    {
+    }
+    LogPart(const QString &text) : _kind(Kind::Utf16), _size(text.size()), _utf16(text.constData())
+    {
+    }
+    /** Received bytes: up to the first zero byte, at most limit bytes. */
+    LogPart(const QByteArray &bytes, int limit = std::numeric_limits<int>::max())
+        : _kind(Kind::Utf8),
+          _size(static_cast<int>(
+              strnlen(bytes.constData(), static_cast<size_t>(qMin(bytes.size(), limit))))),
+          _utf8(bytes.constData())
+    {
+    }
+    /** A number, shown in decimal. */
+    template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer>>>
+    LogPart(Integer number) : _kind(Kind::Number), _number(number)
+    {
+    }
+    LogPart(bool value) : LogPart(value ? "true" : "false") {}
+
+    void appendTo(LogLine &line) const;
+    QString toString() const;
+
+private:
+    enum class Kind { Utf8, Utf16, Number };
+
+    Kind _kind;
+    int _size = 0; // of a text, in its units
+    union {
+        const char *_utf8;
+        const QChar *_utf16;
+        qint64 _number;
+    };
+};
+
+/** What follows each other in the text of a line. */
+using LogText = std::initializer_list<LogPart>;
+
+QString toString(const LogText &text);
 
 /**
  * The process-wide trace: lines go to standard output until a log file is open, then to numbered
@@ -44,6 +98,7 @@ public:
      * room for is lost.
      */
     void log(QString function, unsigned int line, QString message);
+    void log(const LogPart &function, unsigned int line, const LogText &text);
 
     /** Takes the number of lines of one file from the configuration. Always returns false. */
     bool setupConfig(const ParamHal &param);
@@ -87,10 +142,9 @@ private:
 };
 
 /** Logs a text with the caller's source line. */
-inline void logLine(const QString &function, const QString &message,
-                    unsigned int line = __builtin_LINE())
+inline void logLine(const char *function, const LogText &text, unsigned int line = __builtin_LINE())
 {
-    UsbHalLog::getInstance()->log(function, line, message);
+    UsbHalLog::getInstance()->log(LogPart(function), line, text);
 }
 
 #endif

@@ -1,27 +1,46 @@
 // SPDX-License-Identifier: MIT
 #include "UsbHal.h"
 
+#include "UsbHalLog.h"
+
 #include <QRegExp>
+#include <QVarLengthArray>
+
+#include <algorithm>
 
 namespace {
 
-constexpr int widestField = qMax(usb_messages::lengthWidth, usb_messages::maxReadSizeWidth);
 constexpr int excerptBelow = 500;  // bytes; longer messages are not shown
 constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
 
-// A value that the field cannot hold makes it wider.
-void appendDecimalField(QByteArray &message, qint64 value, int width)
+// What goes before a payload: on the stack, so that a message takes memory once.
+using Header = QVarLengthArray<char, 32>;
+
+void append(Header &header, const QByteArray &bytes)
 {
-    char field[widestField];
+    header.append(bytes.constData(), bytes.size());
+}
+
+// A value that the field cannot hold makes it wider.
+void appendDecimalField(Header &header, qint64 value, int width)
+{
+    const int begin = header.size();
+    header.resize(begin + width);
+    char *const field = header.data() + begin;
     qint64 rest = value;
     for (int i = width - 1; i >= 0; --i, rest /= 10)
         field[i] = static_cast<char>('0' + rest % 10);
     if (value >= 0 && rest == 0)
-        message.append(field, width);
-    else
-        message += QByteArray::number(value).rightJustified(width, '0');
+        return;
+    header.resize(begin);
+    append(header, QByteArray::number(value).rightJustified(width, '0'));
+}
+
+QString toText(const QByteArray &bytes)
+{
+    return LogPart(bytes).toString();
 }
 
 } // namespace
@@ -47,12 +66,13 @@ std::optional<int> parseDecimal(const char *field, int width)
 
 QByteArray frameData(UsbConnID port, const char *payload, int size)
 {
-    QByteArray message;
-    message.reserve(headerSize + size);
-    message += magicNumber;
-    appendDecimalField(message, idWidth + size, lengthWidth);
-    appendDecimalField(message, port, idWidth);
-    message.append(payload, size);
+    Header header;
+    append(header, magicNumber);
+    appendDecimalField(header, idWidth + size, lengthWidth);
+    appendDecimalField(header, port, idWidth);
+    QByteArray message(header.size() + size, Qt::Uninitialized);
+    std::copy(header.cbegin(), header.cend(), message.begin());
+    std::copy_n(payload, size, message.begin() + header.size());
     return message;
 }
 
@@ -84,9 +104,10 @@ DataMessage cutData(const QByteArray &bytes)
 
 QByteArray frameMaxReadSize(quint32 size)
 {
-    QByteArray message = devNoData;
-    appendDecimalField(message, size, maxReadSizeWidth);
-    return message;
+    Header header;
+    append(header, devNoData);
+    appendDecimalField(header, size, maxReadSizeWidth);
+    return QByteArray(header.constData(), header.size());
 }
 
 std::optional<int> parseMaxReadSize(const QByteArray &bytes)
@@ -94,12 +115,6 @@ std::optional<int> parseMaxReadSize(const QByteArray &bytes)
     const int width = qMin(maxReadSizeWidth, bytes.size());
     const auto size = parseDecimal(bytes.constData() + bytes.size() - width, width);
     return size && *size > 0 ? size : std::nullopt;
-}
-
-QString toText(const QByteArray &bytes, int limit)
-{
-    const uint length = qstrnlen(bytes.constData(), static_cast<uint>(qMin(bytes.size(), limit)));
-    return QString::fromUtf8(bytes.constData(), static_cast<int>(length));
 }
 
 QString excerpt(const QByteArray &bytes)

@@ -24,9 +24,9 @@ quint32 textLength(const QByteArray &message)
 bool UsbHAL::openConnection(UsbConnID port)
 {
     CheckedLocker locker(&_mutex);
-    logLine(QStringLiteral("openConnection"), QStringLiteral("opening driver"));
+    logLine("openConnection", {"opening driver"});
     const bool ready = _waitForEnding(locker);
-    if (_isOpen(port)) {
+    if (_openQueue(port)) {
         _emitError(Error::PortAlreadyOpen, portParameter(port), locker);
         return false;
     }
@@ -50,7 +50,7 @@ bool UsbHAL::openConnection(UsbConnID port)
 
 bool UsbHAL::closeConnection(UsbConnID port)
 {
-    logLine(QStringLiteral("closeConnection"), "closeConnection on port " + QString::number(port));
+    logLine("closeConnection", {"closeConnection on port ", port});
     CheckedLocker locker(&_mutex);
     return _closeConnection(port, locker);
 }
@@ -60,10 +60,9 @@ void UsbHAL::disconnectFromHost(UsbConnID port)
     CheckedLocker locker(&_mutex);
     if (!_socketStates.contains(port))
         return;
-    logLine(QStringLiteral("disconnectFromHost"),
-            "Disconnect " + QString::number(port) + " from host");
+    logLine("disconnectFromHost", {"Disconnect ", port, " from host"});
     _closeConnection(port, locker);
-    logLine(QStringLiteral("disconnectFromHost"), QString::number(port) + " is now closed");
+    logLine("disconnectFromHost", {port, " is now closed"});
 }
 
 void UsbHAL::peerDisconnected(UsbConnID port)
@@ -81,9 +80,17 @@ SocketState UsbHAL::socketStatus(UsbConnID port) const
     return _socketStates.value(port, SocketState::CLOSED);
 }
 
-bool UsbHAL::_isOpen(int port) const
+// The port's queue, null for one that has none.
+UsbHAL::ReadQueue *UsbHAL::_readQueue(int port) const
 {
-    return _readQueues.value(port) && _socketStates.value(port) == SocketState::OPENED;
+    const auto found = _readQueues.constFind(port);
+    return found == _readQueues.constEnd() ? nullptr : found->data();
+}
+
+// The port's queue while the port is open, else null.
+UsbHAL::ReadQueue *UsbHAL::_openQueue(int port) const
+{
+    return _socketStates.value(port) == SocketState::OPENED ? _readQueue(port) : nullptr;
 }
 
 bool UsbHAL::_isUsable(int port) const
@@ -94,7 +101,7 @@ bool UsbHAL::_isUsable(int port) const
 
 bool UsbHAL::_canClose(int port) const
 {
-    return _readQueues.value(port) && _clientCount != 0 &&
+    return _readQueue(port) && _clientCount != 0 &&
            _socketStates.value(port, SocketState::CLOSED) != SocketState::CLOSED;
 }
 
@@ -132,7 +139,7 @@ bool UsbHAL::_startCommunication()
     _clearReadFifo();
     if (!_configured || _retired)
         return false;
-    logLine(QStringLiteral("openConnection"), QStringLiteral("start communication thread"));
+    logLine("openConnection", {"start communication thread"});
     if (!_startThread())
         return false;
     _resetWatchdog();
@@ -162,8 +169,8 @@ bool UsbHAL::_prepareReadQueue(int port)
     QSharedPointer<ReadQueue> &queue = _readQueues[port];
     if (queue) {
         _discardReadQueue(port);
-        logLine(QStringLiteral("openConnection"), ">>>> openConnection _totalBytesWaitingRead = " +
-                                                      QString::number(_totalBytesWaitingRead));
+        logLine("openConnection",
+                {">>>> openConnection _totalBytesWaitingRead = ", _totalBytesWaitingRead});
     } else {
         queue.reset(new (std::nothrow) ReadQueue);
     }
@@ -172,7 +179,7 @@ bool UsbHAL::_prepareReadQueue(int port)
 
 void UsbHAL::_discardReadQueue(int port)
 {
-    const QSharedPointer<ReadQueue> queue = _readQueues.value(port);
+    ReadQueue *const queue = _readQueue(port);
     while (!queue->isEmpty())
         _totalBytesWaitingRead -= textLength(queue->dequeue());
 }
@@ -188,15 +195,14 @@ bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)
         return false;
     }
     _discardReadQueue(port);
-    logLine(QStringLiteral("_closeConnection"), ">>>> _closeConnection _totalBytesWaitingRead = " +
-                                                    QString::number(_totalBytesWaitingRead));
+    logLine("_closeConnection",
+            {">>>> _closeConnection _totalBytesWaitingRead = ", _totalBytesWaitingRead});
     const SocketState oldState = _socketStates.value(port);
     --_clientCount;
     _socketStates[port] = SocketState::CLOSED;
     if (oldState == SocketState::OPENED)
         _onDisconnected(port, locker);
-    logLine(QStringLiteral("_closeConnection"),
-            "port #" + QString::number(port) + " has been CLOSED");
+    logLine("_closeConnection", {"port #", port, " has been CLOSED"});
     return true;
 }
 
@@ -204,7 +210,7 @@ void UsbHAL::_onConnected(int port, QMutexLocker &locker)
 {
     _emitUnlocked(locker, [&] {
         emit connected(port);
-        logLine(QStringLiteral("_onConnected"), "socket #" + QString::number(port) + "CONNECTED");
+        logLine("_onConnected", {"socket #", port, "CONNECTED"});
         emit socketStateChanged(port, SocketState::OPENED);
     });
 }
@@ -213,20 +219,16 @@ void UsbHAL::_onDisconnected(int port, QMutexLocker &locker)
 {
     _emitUnlocked(locker, [&] {
         emit disconnected(port);
-        logLine(QStringLiteral("_onDisconnected"),
-                "socket #" + QString::number(port) + "DISCONNECTED");
+        logLine("_onDisconnected", {"socket #", port, "DISCONNECTED"});
         emit socketStateChanged(port, SocketState::DISCONNECTED);
     });
     _maxSizeExchanged = false;
     const int removed = _clearWriteFifoForPort(port);
-    logLine(QStringLiteral("_onDisconnected"), QString::number(removed) +
-                                                   " messages removed from Write FIFO for port " +
-                                                   QString::number(port));
+    logLine("_onDisconnected", {removed, " messages removed from Write FIFO for port ", port});
     if (_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _nbPortsOpened() == 0 &&
         !_forceLowLevelDisconnection) {
         _forceLowLevelDisconnection = true;
-        logLine(QStringLiteral("_onDisconnected"),
-                QStringLiteral("[USBHAL] force low-level disconnection"));
+        logLine("_onDisconnected", {"[USBHAL] force low-level disconnection"});
     }
 }
 
@@ -242,7 +244,7 @@ void UsbHAL::_changeAllSocketsState(SocketState state, QMutexLocker &locker)
         if (state == SocketState::OPENED) {
             _onConnected(port, locker);
         } else {
-            logLine(QStringLiteral("_changeAllSocketsState"), QStringLiteral("emit disconnected"));
+            logLine("_changeAllSocketsState", {"emit disconnected"});
             _onDisconnected(port, locker);
         }
     }

@@ -16,26 +16,28 @@ bool isLogged(int size)
     return size > 5 && size < 500;
 }
 
+// The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
+bool hasRoom(const QQueue<QByteArray> &queue, int size)
+{
+    return qint64(queue.size()) + size <= readQueueBound;
+}
+
 } // namespace
 
 bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
 {
-    int total = 0;
+    QByteArray rest = QByteArray::fromRawData(buffer.constData(), buffer.size());
     for (;;) {
-        const auto rest = [&] {
-            return QByteArray::fromRawData(buffer.constData() + total, buffer.size() - total);
-        };
         unsigned int consumed = 0;
-        const bool accepted = _processMessage(rest(), locker, consumed);
-        total += static_cast<int>(consumed);
-        if (total < buffer.size()) {
-            logLine(QStringLiteral("_processAllMessages"),
-                    "Remaining frame size : " + QString::number(buffer.size() - total));
-            logLine(QStringLiteral("_processAllMessages"),
-                    "Message: " + toText(rest(), shownBytes));
-        }
-        if (!accepted || total >= buffer.size())
+        const bool accepted = _processMessage(rest, locker, consumed);
+        const int left = rest.size() - static_cast<int>(consumed);
+        if (left <= 0)
             return accepted;
+        rest.setRawData(rest.constData() + consumed, static_cast<uint>(left));
+        logLine("_processAllMessages", {"Remaining frame size : ", left});
+        logLine("_processAllMessages", {"Message: ", LogPart(rest, shownBytes)});
+        if (!accepted)
+            return false;
     }
 }
 
@@ -67,12 +69,10 @@ unsigned int UsbHAL::_takeMaxWriteSize(const QByteArray &message)
         if (const auto size = parseMaxReadSize(message)) {
             if (_hwDriver)
                 _hwDriver->setMaxWriteSize(static_cast<unsigned int>(*size));
-            logLine(QStringLiteral("_processMessage"),
-                    "max write size set to " + QString::number(*size));
+            logLine("_processMessage", {"max write size set to ", *size});
             _maxSizeExchanged = true;
         } else {
-            logLine(QStringLiteral("_processMessage"),
-                    "max write size is invalid : " + toText(message));
+            logLine("_processMessage", {"max write size is invalid : ", message});
         }
     }
     return static_cast<unsigned int>(qMin(devNoData.size() + maxReadSizeWidth, message.size()));
@@ -87,71 +87,56 @@ bool UsbHAL::_processDataMessage(const QByteArray &message, QMutexLocker &locker
         _logFault(data.fault, message);
         return false;
     }
-    const bool reopened = !_isOpen(data.port);
+    ReadQueue *queue = _openQueue(data.port);
+    const bool reopened = !queue;
     if (reopened) {
         if (QByteArray::fromRawData(data.payload, data.payloadSize) != deviceConn) {
-            const QString port = QString::number(data.port);
-            logLine(QStringLiteral("_processDataMessage"),
-                    "ERROR: message received for non-connected port: " + port);
+            logLine("_processDataMessage",
+                    {"ERROR: message received for non-connected port: ", data.port});
             return true;
         }
-        _reopenPort(data.port);
-    } else if (!_hasRoom(data.port, data.payloadSize)) {
-        logLine(QStringLiteral("_processDataMessage"),
-                "ERROR: Buffer Overflow on port #" + QString::number(data.port));
+        queue = _reopenPort(data.port);
+    } else if (!hasRoom(*queue, data.payloadSize)) {
+        logLine("_processDataMessage", {"ERROR: Buffer Overflow on port #", data.port});
         return false;
     }
-    _storePayload(data.port, QByteArray(data.payload, data.payloadSize));
+    queue->enqueue(QByteArray(data.payload, data.payloadSize));
+    _totalBytesWaitingRead += static_cast<quint32>(data.payloadSize);
     if (!reopened && isLogged(data.payloadSize))
-        logLine(QStringLiteral("_processDataMessage"),
-                QString::number(data.payloadSize) +
-                    " new bytes to be read by client connected on port " +
-                    QString::number(data.port));
+        logLine(
+            "_processDataMessage",
+            {data.payloadSize, " new bytes to be read by client connected on port ", data.port});
     _announcePayload(data.port, locker);
     return true;
 }
 
 void UsbHAL::_logFault(Fault fault, const QByteArray &message)
 {
-    const QString text = toText(message);
     if (fault != Fault::NotValid) {
-        const QLatin1String what(fault == Fault::WrongSize ? "wrong size"
-                                                           : "invalid connection id");
-        logLine(QStringLiteral("_processDataMessage"),
-                "ERROR: Received message with " + what + " ! Trash it: " + text);
+        const char *const what = fault == Fault::WrongSize ? "wrong size" : "invalid connection id";
+        logLine("_processDataMessage",
+                {"ERROR: Received message with ", what, " ! Trash it: ", message});
         return;
     }
-    logLine(QStringLiteral("_processDataMessage"), "ERROR: Message received is not valid: " + text);
+    logLine("_processDataMessage", {"ERROR: Message received is not valid: ", message});
     const QString shown = excerpt(message);
     if (!shown.isEmpty())
-        logLine(QStringLiteral("_processDataMessage"), shown);
+        logLine("_processDataMessage", {shown});
 }
 
 // The host reopened a port. One that is closed here stays closed: the marker waits unread until the
-// port is opened, which discards it.
-void UsbHAL::_reopenPort(int port)
+// port is opened, which discards it. Returns the port's queue.
+UsbHAL::ReadQueue *UsbHAL::_reopenPort(int port)
 {
     SocketState &state = _socketStates[port];
     if (state == SocketState::DISCONNECTED)
         state = SocketState::OPENED;
     _driverState = DriverState::CONNECTED;
-    logLine(QStringLiteral("_processDataMessage"),
-            "port #" + QString::number(port) + " is now OPENED");
+    logLine("_processDataMessage", {"port #", port, " is now OPENED"});
     QSharedPointer<ReadQueue> &queue = _readQueues[port];
     if (!queue)
         queue = QSharedPointer<ReadQueue>::create();
-}
-
-bool UsbHAL::_hasRoom(int port, int size) const
-{
-    // The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
-    return qint64(_readQueues.value(port)->size()) + size <= readQueueBound;
-}
-
-void UsbHAL::_storePayload(int port, const QByteArray &payload)
-{
-    _readQueues.value(port)->enqueue(payload);
-    _totalBytesWaitingRead += static_cast<quint32>(payload.size());
+    return queue.data();
 }
 
 void UsbHAL::_announcePayload(int port, QMutexLocker &locker)
@@ -178,8 +163,7 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
     }
     _totalBytesWaitingRead -= static_cast<quint32>(result.size());
     if (isLogged(result.size()))
-        logLine(QStringLiteral("read"), "Message read for client #" + QString::number(port) +
-                                            "of size " + QString::number(result.size()));
+        logLine("read", {"Message read for client #", port, "of size ", result.size()});
     return result;
 }
 
@@ -216,15 +200,13 @@ bool UsbHAL::waitForReadyRead(int port, int msecs) const
 // The port's queue while a client may read it and it holds a message, else null.
 UsbHAL::ReadQueue *UsbHAL::_readableQueue(int port) const
 {
-    if (!_isUsable(port))
-        return nullptr;
-    ReadQueue *const queue = _readQueues.value(port).data();
+    ReadQueue *const queue = _isUsable(port) ? _readQueue(port) : nullptr;
     return queue && !queue->isEmpty() ? queue : nullptr;
 }
 
 int UsbHAL::_nbBytesReceived(int port) const
 {
-    const QSharedPointer<ReadQueue> queue = _readQueues.value(port);
+    const ReadQueue *const queue = _readQueue(port);
     return queue && !queue->isEmpty() ? queue->head().size() : 0;
 }
 

@@ -38,7 +38,7 @@ int UsbHAL::write(int port, QByteArray data)
         _waitForWritePermission();
     const int limit = _payloadLimit();
     if (limit < 1) {
-        logLine(QStringLiteral("write"), "Maximum write size leaves no room for a payload");
+        logLine("write", {"Maximum write size leaves no room for a payload"});
         return 0;
     }
     return _queueMessages(port, data, limit);
@@ -64,11 +64,11 @@ void UsbHAL::flush(int msecs)
     const CheckedLocker locker(&_mutex);
     const bool empty = _waitUntil(_fifoEmptyCond, msecs,
                                   [this]() REQUIRES(_mutex) { return _writeFifo.isEmpty(); });
-    const QString count = QString::number(_writeFifo.size());
+    const int count = _writeFifo.size();
     if (empty)
-        logLine(QStringLiteral("flush"), "FIFO write is empty (" + count + ")");
+        logLine("flush", {"FIFO write is empty (", count, ")"});
     else
-        logLine(QStringLiteral("flush"), "FIFO is not empty (" + count + "), leaving in timeout");
+        logLine("flush", {"FIFO is not empty (", count, "), leaving in timeout"});
 }
 
 // Host role: waits until the FIFO has room and the device is ready to read, or for half a minute.
@@ -86,8 +86,7 @@ void UsbHAL::_waitForWritePermission()
             reasons += "FIFO to empty (" + QString::number(_writeFifo.size()) + ")";
         if (_peerBusy)
             reasons += QStringLiteral("device to finish reading");
-        logLine(QStringLiteral("write"),
-                "wait for " + reasons.join(QStringLiteral(" and ")) + "...");
+        logLine("write", {"wait for ", reasons.join(QStringLiteral(" and ")), "..."});
         _writerWaiting = true;
         _waitOn(_writeAllowedCond, left);
         _writerWaiting = false;
@@ -107,21 +106,17 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
     int total = 0;
     while (total < data.size()) {
         if (_writeFifo.size() >= fifoLimit) {
-            logLine(QStringLiteral("write"),
-                    "Write buffer storage limit reached, rest of the data dropped");
+            logLine("write", {"Write buffer storage limit reached, rest of the data dropped"});
             break;
         }
         const int size = qMin(data.size() - total, limit);
-        const QByteArray message = frameData(port, data.constData() + total, size);
-        _writeFifo.append(message);
+        _writeFifo.append(frameData(port, data.constData() + total, size));
         total += size;
         const int rest = data.size() - total;
-        logLine(QStringLiteral("write"),
-                "Add to write queue message of size: " + QString::number(message.size()));
-        logLine(QStringLiteral("write"), "Remaining frame size = " + QString::number(rest) +
-                                             " is empty = " + (rest == 0 ? "true" : "false"));
+        logLine("write", {"Add to write queue message of size: ", _writeFifo.constLast().size()});
+        logLine("write", {"Remaining frame size = ", rest, " is empty = ", rest == 0});
         if (rest != 0)
-            logLine(QStringLiteral("write"), QStringLiteral("Continue..."));
+            logLine("write", {"Continue..."});
     }
     return total;
 }

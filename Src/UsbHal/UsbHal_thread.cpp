@@ -21,11 +21,6 @@ constexpr quint64 delayFactor = 30;         // unread bytes, in units of the max
 constexpr int timerEndPolls = 500;
 constexpr unsigned long timerEndPause = 1; // ms
 
-QString boolText(bool value)
-{
-    return value ? QStringLiteral("true") : QStringLiteral("false");
-}
-
 } // namespace
 
 // ---- the thread's body ----
@@ -59,8 +54,7 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
     while (_running) {
         ++_loopCounter;
         if (!_releaseDriver())
-            logLine(QStringLiteral("_connectedFunc"),
-                    QStringLiteral("Could not close USB driver !"));
+            logLine("_connectedFunc", {"Could not close USB driver !"});
         _hwDriver = _open(locker);
         if (_hwDriver) {
             _readErrors = 0;
@@ -77,12 +71,11 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
 bool UsbHAL::_reportFailedOpens(Session &session)
 {
     if (isHost()) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("Failed to open driver ! Exiting communication thread"));
+        logLine("_connectedFunc", {"Failed to open driver ! Exiting communication thread"});
         return false;
     }
     if (!session.openFailureLogged)
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Failed to open driver !"));
+        logLine("_connectedFunc", {"Failed to open driver !"});
     session.openFailureLogged = true;
     return true;
 }
@@ -108,10 +101,10 @@ bool UsbHAL::_runCycles(Session &session, QMutexLocker &locker)
 void UsbHAL::_leaveThread(QMutexLocker &locker)
 {
     if (_releaseDriver()) {
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("USB driver closed"));
+        logLine("_connectedFunc", {"USB driver closed"});
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Could not close USB driver !"));
+        logLine("_connectedFunc", {"Could not close USB driver !"});
     }
     _running = false;
     _updateStatus(DriverState::DISCONNECTED, locker);
@@ -128,14 +121,13 @@ void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
 void UsbHAL::_endOfConnectedThread()
 {
     CheckedLocker locker(&_mutex);
-    logLine(QStringLiteral("_endOfConnectedThread"),
-            QStringLiteral("clean exit of communication thread"));
+    logLine("_endOfConnectedThread", {"clean exit of communication thread"});
     if (_mainLoopPeriod != 0)
         _setMainLoopTimer(0);
     // The thread that owns the timer may itself wait for this one, in a stop.
     for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerEndPolls; ++i)
         _pause(timerEndPause, locker);
-    logLine(QStringLiteral("_endOfConnectedThread"), QStringLiteral("watchdog stopped"));
+    logLine("_endOfConnectedThread", {"watchdog stopped"});
 }
 
 // ---- the driver ----
@@ -203,8 +195,7 @@ bool UsbHAL::_writeBlock(const QByteArray &block, QMutexLocker &locker)
 
 void UsbHAL::_skipWrite(QMutexLocker &locker)
 {
-    logLine(QStringLiteral("_connectedFunc"),
-            QStringLiteral("Disconnection received, skip write message"));
+    logLine("_connectedFunc", {"Disconnection received, skip write message"});
     _pause(_param.wrTimeout, locker);
     ++_writeErrors;
 }
@@ -257,7 +248,7 @@ void UsbHAL::_readAsHost(QMutexLocker &locker)
 {
     QByteArray block;
     if (!_readBlock(block, locker)) {
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Read failed !"));
+        logLine("_connectedFunc", {"Read failed !"});
         _retryWriteAsHost();
         return;
     }
@@ -267,8 +258,7 @@ void UsbHAL::_readAsHost(QMutexLocker &locker)
         return;
     }
     if (_handshaking) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("we successfully read a message: we are now connected"));
+        logLine("_connectedFunc", {"we successfully read a message: we are now connected"});
         _handshaking = false;
         _readErrors = 0;
         _writeErrors = 0;
@@ -285,7 +275,7 @@ void UsbHAL::_retryWriteAsHost()
     if (!_handshaking)
         _readErrors = 0;
     _nextAction = firstHalf;
-    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("retry write"));
+    logLine("_connectedFunc", {"retry write"});
 }
 
 // A close or a lost port may have taken the message from the FIFO while it was written.
@@ -305,12 +295,11 @@ bool UsbHAL::_mustDelayHost()
     const quint64 threshold = delayFactor * (_hwDriver ? _hwDriver->getMaxReadSize() : 0);
     if (!_delayRequested && _nbBytesWaitingToBeRead() > threshold) {
         _delayRequested = true;
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("Ask host to delay further writes"));
+        logLine("_connectedFunc", {"Ask host to delay further writes"});
     }
     if (_delayRequested && _nbBytesWaitingToBeRead() == 0) {
         _delayRequested = false;
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Warn host he can write again"));
+        logLine("_connectedFunc", {"Warn host he can write again"});
     }
     return _delayRequested;
 }
@@ -324,8 +313,7 @@ QByteArray UsbHAL::_noDataMessage()
     }
     if (!_maxSizeExchanged) {
         if (_hwDriver)
-            logLine(QStringLiteral("_connectedFunc"),
-                    "max read size message sent with value = " + QString::number(maxReadSize));
+            logLine("_connectedFunc", {"max read size message sent with value = ", maxReadSize});
         _maxSizeExchanged = true;
     }
     return _maxReadSizeMessage.isEmpty() ? devNoData : _maxReadSizeMessage;
@@ -336,7 +324,7 @@ void UsbHAL::_grantWriters()
     if (!_writerWaiting || _peerBusy)
         return;
     _writeAllowedCond.wakeAll();
-    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("write permission granted"));
+    logLine("_connectedFunc", {"write permission granted"});
 }
 
 // ---- the link check ----
@@ -356,8 +344,7 @@ bool UsbHAL::_isLinkLost() const
 void UsbHAL::_countHandshake(Session &session)
 {
     ++session.handshakeCounter;
-    logLine(QStringLiteral("_connectedFunc"),
-            "handshake counter = " + QString::number(session.handshakeCounter));
+    logLine("_connectedFunc", {"handshake counter = ", session.handshakeCounter});
     if (session.handshakeCounter > hostHandshakePasses) {
         _handshaking = false;
         session.handshakeFailed = true;
@@ -373,8 +360,7 @@ bool UsbHAL::_checkLink(Session &session, QMutexLocker &locker)
         return true;
     _resetLink(locker);
     const bool closeDriver = _hwDriver && _hwDriver->closeDriverAfterConnectionError();
-    logLine(QStringLiteral("_connectedFunc"),
-            "closeDriverAfterConnectionError = " + boolText(closeDriver));
+    logLine("_connectedFunc", {"closeDriverAfterConnectionError = ", closeDriver});
     if (closeDriver && !_reopenAfterLoss(session, locker))
         return false;
     session.handshakeCounter = 0;
@@ -384,14 +370,13 @@ bool UsbHAL::_checkLink(Session &session, QMutexLocker &locker)
 
 void UsbHAL::_resetLink(QMutexLocker &locker)
 {
-    const auto logCause = [](const char *what, const QString &value) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QLatin1String("Disconnect ") + what + " : " + value);
+    const auto logCause = [](const char *what, const LogPart &value) {
+        logLine("_connectedFunc", {"Disconnect ", what, " : ", value});
     };
-    logCause("read attempts", QString::number(_readErrors));
-    logCause("write attempts", QString::number(_writeErrors));
-    logCause("number retries", QString::number(_driverNbRetry()));
-    logCause("cable disconnection detected", boolText(_forceLowLevelDisconnection));
+    logCause("read attempts", _readErrors);
+    logCause("write attempts", _writeErrors);
+    logCause("number retries", _driverNbRetry());
+    logCause("cable disconnection detected", _forceLowLevelDisconnection);
     _updateStatus(DriverState::DISCONNECTED, locker);
     _onDisconnected(locker);
     _nextAction = firstHalf;
@@ -407,26 +392,23 @@ void UsbHAL::_resetLink(QMutexLocker &locker)
 bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 {
     if (_releaseDriver()) {
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("UsbHAL driver closed"));
+        logLine("_connectedFunc", {"UsbHAL driver closed"});
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Could not close USB driver !"));
+        logLine("_connectedFunc", {"Could not close USB driver !"});
     }
     if (session.handshakeFailed && _nbClients() == 0) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("failed to setup handshake with device, leaving thread"));
+        logLine("_connectedFunc", {"failed to setup handshake with device, leaving thread"});
         return false;
     }
     if (!_running) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("Closing hal, don't try to reopen driver"));
+        logLine("_connectedFunc", {"Closing hal, don't try to reopen driver"});
         return true;
     }
     if (isHost())
         return _tryReopen(session, locker) || !_isReopenHopeless(session);
     while (!_tryReopen(session, locker)) {
-        logLine(QStringLiteral("_connectedFunc"),
-                QStringLiteral("Unable to open driver, wait before retry"));
+        logLine("_connectedFunc", {"Unable to open driver, wait before retry"});
         _pause(reopenPause, locker);
     }
     return true;
@@ -434,14 +416,14 @@ bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 
 bool UsbHAL::_tryReopen(Session &session, QMutexLocker &locker)
 {
-    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("Try reopen driver..."));
+    logLine("_connectedFunc", {"Try reopen driver..."});
     _hwDriver = _open(locker);
     if (!_hwDriver) {
-        logLine(QStringLiteral("_connectedFunc"), QStringLiteral("_hwDriver is NULL"));
+        logLine("_connectedFunc", {"_hwDriver is NULL"});
         ++session.failedOpens;
         return false;
     }
-    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("UsbHAL driver is opened"));
+    logLine("_connectedFunc", {"UsbHAL driver is opened"});
     session.failedOpens = 0;
     return true;
 }
@@ -450,7 +432,7 @@ bool UsbHAL::_isReopenHopeless(const Session &session) const
 {
     if (session.failedOpens <= hostReopenFailures)
         return false;
-    logLine(QStringLiteral("_connectedFunc"), QStringLiteral("failed to open driver !"));
+    logLine("_connectedFunc", {"failed to open driver !"});
     return true;
 }
 
@@ -493,9 +475,8 @@ void UsbHAL::_resetWatchdog()
 
 void UsbHAL::_restartStuckThread(QMutexLocker &locker)
 {
-    logLine(QStringLiteral("_mainLoop"), "watchdog errors: " + QString::number(_watchdogErrors));
-    logLine(QStringLiteral("_mainLoop"),
-            "max watchdog errors: " + QString::number(_param.maxWatchdogErrors));
+    logLine("_mainLoop", {"watchdog errors: ", _watchdogErrors});
+    logLine("_mainLoop", {"max watchdog errors: ", _param.maxWatchdogErrors});
     const quint32 stops = _stops;
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
@@ -527,9 +508,8 @@ void UsbHAL::_stopWorkerThread(unsigned long time)
     _mutex.unlock();
     const bool ended = !_connectedThread.belongsTo(this) || _connectedThread.wait(time);
     _mutex.lock();
-    logLine(QStringLiteral("_stopWorkerThread"),
-            ended ? QStringLiteral("communication thread did not stop -> killed")
-                  : QStringLiteral("ERROR: could not stop communication thread !"));
+    logLine("_stopWorkerThread", {ended ? "communication thread did not stop -> killed"
+                                        : "ERROR: could not stop communication thread !"});
 }
 
 // A stop() that found the thread killed has left the driver to whoever killed it.
@@ -552,16 +532,16 @@ void UsbHAL::_beginCommunication()
 void UsbHAL::_endThread(QMutexLocker &locker)
 {
     if (_waitForThread(locker, _param.threadStopTimeout)) {
-        logLine(QStringLiteral("stop"), QStringLiteral("communication thread stopped"));
+        logLine("stop", {"communication thread stopped"});
         return;
     }
-    logLine(QStringLiteral("stop"), QStringLiteral("communication thread still running"));
+    logLine("stop", {"communication thread still running"});
     _stopWorkerThread(killTimeout);
     if (_releaseDriver()) {
-        logLine(QStringLiteral("stop"), QStringLiteral("USB driver closed"));
+        logLine("stop", {"USB driver closed"});
     } else {
         _emitError(Error::CloseFailed, nullptr, locker);
-        logLine(QStringLiteral("stop"), QStringLiteral("ERROR: could not close USB driver !"));
+        logLine("stop", {"ERROR: could not close USB driver !"});
     }
 }
 

@@ -19,12 +19,14 @@ const QLatin1String remainingText("Remaining frame size : ");
 
 } // namespace
 
-extern "C" void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *log, QString function,
-                                                      unsigned int line, QString message);
+extern "C" void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(
+    UsbHalLog *log, const LogPart &function, unsigned int line, const LogText &text);
 
-void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *, QString, unsigned int, QString message)
+void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *, const LogPart &,
+                                                                     unsigned int,
+                                                                     const LogText &text)
 {
-    LogTally::instance().add(message);
+    LogTally::instance().add(toString(text));
 }
 
 LogTally &LogTally::instance()

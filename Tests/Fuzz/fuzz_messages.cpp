@@ -6,6 +6,7 @@
 #include "FuzzTarget.h"
 
 #include <UsbHal.h>
+#include <UsbHalLog.h>
 
 #include <charconv>
 #include <string>
@@ -111,7 +112,7 @@ void checkTexts(std::string_view bytes, int limit)
 {
     const std::string_view shown = bytes.substr(0, static_cast<std::size_t>(limit));
     const std::string_view untilZero = shown.substr(0, shown.find('\0'));
-    const QString text = toText(view(bytes), limit);
+    const QString text = LogPart(view(bytes), limit).toString();
     require(text == QString::fromUtf8(untilZero.data(), static_cast<int>(untilZero.size())),
             "a text ends at its limit and at a zero byte");
     const QString shortForm = excerpt(view(bytes));

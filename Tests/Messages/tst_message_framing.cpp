@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <UsbHal.h>
+#include <UsbHalLog.h>
 
 #include <QTest>
 
@@ -310,7 +311,7 @@ void MessageFramingTest::receivedBytesBecomeText()
     QFETCH(QByteArray, bytes);
     QFETCH(int, limit);
     const BareBytes bare(bytes);
-    QTEST(toText(bare.view(), limit), "text");
+    QTEST(LogPart(bare.view(), limit).toString(), "text");
 }
 
 void MessageFramingTest::anInvalidMessageIsShownByItsEnds_data()

@@ -13,8 +13,10 @@ extern "C" {
 void __wrap__ZN7QThread18yieldCurrentThreadEv();
 bool __real__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
 bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
-void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog *self, QString function, unsigned int line,
-                                           QString message);
+void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
+                                                                     const LogPart &function,
+                                                                     unsigned int line,
+                                                                     const LogText &text);
 bool __wrap__ZN9UsbHalLog4openE7QStringS0_(UsbHalLog *self, QString dir, QString name);
 qint64 __wrap__ZNK13QElapsedTimer12nsecsElapsedEv(const QElapsedTimer *self);
 }
@@ -195,11 +197,13 @@ bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs)
                                           : __real__ZN7QThread4waitEm(self, msecs);
 }
 
-void __wrap__ZN9UsbHalLog3logE7QStringjS0_(UsbHalLog * /*self*/, QString function,
-                                           unsigned int /*line*/, QString message)
+void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog * /*self*/,
+                                                                     const LogPart &function,
+                                                                     unsigned int /*line*/,
+                                                                     const LogText &text)
 {
     if (LockStep *const steps = LockStep::current())
-        steps->log(function, message);
+        steps->log(function.toString(), toString(text));
 }
 
 bool __wrap__ZN9UsbHalLog4openE7QStringS0_(UsbHalLog * /*self*/, QString dir, QString name)

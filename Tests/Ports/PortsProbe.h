@@ -71,7 +71,6 @@ public:
 
     using UsbHAL::_connectedThread;
     using UsbHAL::_fifoEmptyCond;
-    using UsbHAL::_isOpen;
     using UsbHAL::_nbPortsOpened;
 };
 
