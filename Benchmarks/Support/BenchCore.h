@@ -22,6 +22,7 @@ public:
     explicit BenchCore(bool logs = false) : _logs(logs)
     {
         configure();
+        _clearWriteFifo(); // as the start of the communication does
         _hwDriver = driver.data();
         driver->setMaxWriteSize(20000);
         _socketStates[port] = SocketState::OPENED;

@@ -336,6 +336,7 @@ protected:
     mutable CheckedMutex _mutex;
     QWaitCondition _fifoEmptyCond;
     mutable QWaitCondition _readyReadCond;
+    mutable int _waitingReaders GUARDED_BY(_mutex) = 0;
     mutable QWaitCondition _connectedCond;
     mutable QWaitCondition _disconnectedCond;
     quint32 _lastMaxReadSize GUARDED_BY(_mutex) = 0;
@@ -376,6 +377,13 @@ void UsbHAL::_runUnlocked(QMutexLocker &locker, Operation operation)
     locker.unlock();
     operation();
     locker.relock();
+}
+
+/** Appends without the copy that Qt's lists take, which costs two atomic operations. */
+inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
+{
+    list.append(QByteArray());
+    list.last().swap(bytes);
 }
 
 template <typename Emission>

@@ -7,6 +7,7 @@
 #include <QVarLengthArray>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -14,6 +15,8 @@ constexpr int excerptBelow = 500;  // bytes; longer messages are not shown
 constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
+
+constexpr char magic[] = "FADA";
 
 // What goes before a payload: on the stack, so that a message takes memory once.
 using Header = QVarLengthArray<char, 32>;
@@ -47,7 +50,7 @@ QString toText(const QByteArray &bytes)
 
 namespace usb_messages {
 
-const QByteArray magicNumber = QByteArrayLiteral("FADA");
+const QByteArray magicNumber = QByteArray::fromRawData(magic, magicSize);
 const QByteArray devNoData = QByteArrayLiteral("DEVICE_NODATA");
 const QByteArray waitSend = QByteArrayLiteral("DEVICE_WTSEND");
 const QByteArray deviceConn = QByteArrayLiteral("DEVICE_CONN");
@@ -79,7 +82,8 @@ QByteArray frameData(UsbConnID port, const char *payload, int size)
 DataMessage cutData(const QByteArray &bytes)
 {
     DataMessage message;
-    if (!bytes.startsWith(magicNumber)) {
+    // At a size that the compiler knows it is one comparison.
+    if (bytes.size() < magicSize || std::memcmp(bytes.constData(), magic, magicSize) != 0) {
         message.fault = Fault::NotValid;
         return message;
     }

@@ -16,6 +16,18 @@ bool isLogged(int size)
     return size > 5 && size < 500;
 }
 
+// Counts its maker for as long as it lives, also when its thread is killed.
+class Counted
+{
+public:
+    explicit Counted(int &count) : _count(count) { ++_count; }
+    ~Counted() { --_count; }
+    Q_DISABLE_COPY(Counted)
+
+private:
+    int &_count;
+};
+
 // The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
 bool hasRoom(const QQueue<QByteArray> &queue, int size)
 {
@@ -100,7 +112,7 @@ bool UsbHAL::_processDataMessage(const QByteArray &message, QMutexLocker &locker
         logLine("_processDataMessage", {"ERROR: Buffer Overflow on port #", data.port});
         return false;
     }
-    queue->enqueue(QByteArray(data.payload, data.payloadSize));
+    appendMoved(*queue, QByteArray(data.payload, data.payloadSize));
     _totalBytesWaitingRead += static_cast<quint32>(data.payloadSize);
     if (!reopened && isLogged(data.payloadSize))
         logLine(
@@ -141,9 +153,12 @@ UsbHAL::ReadQueue *UsbHAL::_reopenPort(int port)
 
 void UsbHAL::_announcePayload(int port, QMutexLocker &locker)
 {
+    // One that begins to wait meanwhile finds the message without being woken.
+    const bool awaited = _waitingReaders != 0;
     _emitUnlocked(locker, [&] {
         emit readyRead(port);
-        _readyReadCond.wakeOne();
+        if (awaited)
+            _readyReadCond.wakeOne();
     });
 }
 
@@ -193,6 +208,7 @@ bool UsbHAL::waitForReadyRead(int port, int msecs) const
     const CheckedLocker locker(&_mutex);
     if (!_isUsable(port))
         return false;
+    const Counted reader(_waitingReaders);
     return _waitUntil(_readyReadCond, msecs,
                       [&]() REQUIRES(_mutex) { return _nbBytesReceived(port) != 0; });
 }

@@ -110,7 +110,7 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
             break;
         }
         const int size = qMin(data.size() - total, limit);
-        _writeFifo.append(frameData(port, data.constData() + total, size));
+        appendMoved(_writeFifo, frameData(port, data.constData() + total, size));
         total += size;
         const int rest = data.size() - total;
         logLine("write", {"Add to write queue message of size: ", _writeFifo.constLast().size()});
@@ -124,6 +124,7 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
 void UsbHAL::_clearWriteFifo()
 {
     _writeFifo.clear();
+    _writeFifo.reserve(fifoLimit);
 }
 
 int UsbHAL::_clearWriteFifoForPort(int port)

@@ -2,6 +2,8 @@
 #include "LinkProbe.h"
 #include "WarningTrap.h"
 
+#include <sys/prctl.h>
+
 /** The read/write cycle of a device: the order of the transfers, and the FIFO behind the writes. */
 class Cycle : public QObject
 {
@@ -17,6 +19,7 @@ private slots:
     void aRejectedBlockLeavesTheHandshakeUnderWay();
     void aFailedWriteIsRepeatedWithoutARead();
     void eachTransferIsFollowedByAPause();
+    void theSystemDoesNotPutOffTheEndOfAPause();
     void theMutexIsFreeDuringDriverCalls();
 
     void aMessageTakesThePlaceOfTheIdleMessage();
@@ -96,6 +99,17 @@ void Cycle::eachTransferIsFollowedByAPause()
     QVERIFY(core.connectIdle());
     QVERIFY(core.transfers->waitForCalls(20));
     QVERIFY(core.transfers->smallestGap() >= 10 * 1000 * 1000);
+}
+
+void Cycle::theSystemDoesNotPutOffTheEndOfAPause()
+{
+    LinkProbe core;
+    std::atomic<int> slack{0}; // ns
+    QObject::connect(
+        &core, QOverload<>::of(&UsbHAL::connected), &core,
+        [&] { slack = prctl(PR_GET_TIMERSLACK); }, Qt::DirectConnection);
+    QVERIFY(core.connectIdle());
+    QTRY_COMPARE(slack, 1);
 }
 
 void Cycle::theMutexIsFreeDuringDriverCalls()
