@@ -3,17 +3,13 @@
 
 #include <UsbHalLog.h>
 
-// The linker is told to send the library's calls of UsbHalLog::log() here (--wrap); __real_ is the
+// The linker is told to send the library's calls of logLine() here (--wrap); __real_ is the
 // library's own.
 extern "C" {
-void __real__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
-                                                                     const LogPart &function,
-                                                                     unsigned int line,
-                                                                     const LogText &text);
-void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
-                                                                     const LogPart &function,
-                                                                     unsigned int line,
-                                                                     const LogText &text);
+void __real__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
+                                                           const LogText &text, unsigned int line);
+void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
+                                                           const LogText &text, unsigned int line);
 }
 
 namespace {
@@ -33,13 +29,11 @@ quint64 LogSink::swallowedLines()
     return swallowed;
 }
 
-void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *self,
-                                                                     const LogPart &function,
-                                                                     unsigned int line,
-                                                                     const LogText &text)
+void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
+                                                           const LogText &text, unsigned int line)
 {
     if (active)
         ++swallowed;
     else
-        __real__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(self, function, line, text);
+        __real__Z7logLinePKcRKSt16initializer_listI7LogPartEj(function, text, line);
 }

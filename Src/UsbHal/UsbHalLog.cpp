@@ -124,8 +124,9 @@ void LogPart::appendTo(LogLine &line) const
 {
     if (_kind == Kind::Number)
         appendNumber(line, _number);
-    else if (_kind == Kind::Utf8 && std::all_of(_utf8, _utf8 + _size, isAscii))
-        line.append(_utf8, _size);
+    else if (_kind == Kind::Ascii ||
+             (_kind == Kind::Received && std::all_of(_bytes, _bytes + _size, isAscii)))
+        line.append(_bytes, _size);
     else
         append(line, toString());
 }
@@ -133,8 +134,9 @@ void LogPart::appendTo(LogLine &line) const
 QString LogPart::toString() const
 {
     switch (_kind) {
-    case Kind::Utf8:
-        return QString::fromUtf8(_utf8, _size);
+    case Kind::Ascii:
+    case Kind::Received:
+        return QString::fromUtf8(_bytes, _size);
     case Kind::Utf16:
         return QString(_utf16, _size);
     case Kind::Number:
@@ -316,4 +318,9 @@ void UsbHalLog::_removeOldFile(int index)
     log(LogPart("log"), __LINE__,
         {"failed to remove log file: ", _logDir, "UsbHal", index, ".log"});
     _reportingRemoval = false;
+}
+
+void logLine(const char *function, const LogText &text, unsigned int line)
+{
+    UsbHalLog::getInstance()->log(LogPart(function), line, text);
 }

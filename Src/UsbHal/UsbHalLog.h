@@ -25,9 +25,9 @@ using LogLine = QVarLengthArray<char, 512>;
 class LogPart
 {
 public:
-    /** A text in UTF-8 that ends with a zero byte. */
+    /** A text of ours, in ASCII, that ends with a zero byte. */
     LogPart(const char *text)
-        : _kind(Kind::Utf8), _size(static_cast<int>(std::strlen(text))), _utf8(text)
+        : _kind(Kind::Ascii), _size(static_cast<int>(std::strlen(text))), _bytes(text)
     {
     }
     LogPart(const QString &text) : _kind(Kind::Utf16), _size(text.size()), _utf16(text.constData())
@@ -35,10 +35,10 @@ public:
     }
     /** Received bytes: up to the first zero byte, at most limit bytes. */
     LogPart(const QByteArray &bytes, int limit = std::numeric_limits<int>::max())
-        : _kind(Kind::Utf8),
+        : _kind(Kind::Received),
           _size(static_cast<int>(
               strnlen(bytes.constData(), static_cast<size_t>(qMin(bytes.size(), limit))))),
-          _utf8(bytes.constData())
+          _bytes(bytes.constData())
     {
     }
     /** A number, shown in decimal. */
@@ -52,12 +52,12 @@ public:
     QString toString() const;
 
 private:
-    enum class Kind { Utf8, Utf16, Number };
+    enum class Kind { Ascii, Received, Utf16, Number };
 
     Kind _kind;
     int _size = 0; // of a text, in its units
     union {
-        const char *_utf8;
+        const char *_bytes;
         const QChar *_utf16;
         qint64 _number;
     };
@@ -142,9 +142,6 @@ private:
 };
 
 /** Logs a text with the caller's source line. */
-inline void logLine(const char *function, const LogText &text, unsigned int line = __builtin_LINE())
-{
-    UsbHalLog::getInstance()->log(LogPart(function), line, text);
-}
+void logLine(const char *function, const LogText &text, unsigned int line = __builtin_LINE());
 
 #endif

@@ -19,12 +19,13 @@ const QLatin1String remainingText("Remaining frame size : ");
 
 } // namespace
 
-extern "C" void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(
-    UsbHalLog *log, const LogPart &function, unsigned int line, const LogText &text);
+extern "C" void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
+                                                                      const LogText &text,
+                                                                      unsigned int line);
 
-void __wrap__ZN9UsbHalLog3logERK7LogPartjRKSt16initializer_listIS0_E(UsbHalLog *, const LogPart &,
-                                                                     unsigned int,
-                                                                     const LogText &text)
+void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char * /*function*/,
+                                                           const LogText &text,
+                                                           unsigned int /*line*/)
 {
     LogTally::instance().add(toString(text));
 }

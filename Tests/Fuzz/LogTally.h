@@ -8,7 +8,7 @@
 #include <mutex>
 
 /**
- * What the core logs, counted instead of written: the linker sends UsbHalLog::log() here, in the
+ * What the core logs, counted instead of written: the linker sends logLine() here, in the
  * client's thread and in the core's.
  */
 class LogTally
