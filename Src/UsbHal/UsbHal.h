@@ -16,6 +16,7 @@
 #include <QWaitCondition>
 
 #include <atomic>
+#include <cstring>
 #include <limits>
 #include <optional>
 
@@ -33,7 +34,8 @@ extern const QByteArray waitSend;
 extern const QByteArray deviceConn;
 extern const QByteArray deviceDisc; // reserved: neither sent nor recognised
 
-constexpr int magicSize = 4;
+constexpr char magic[] = "FADA";
+constexpr int magicSize = sizeof magic - 1;
 constexpr int lengthWidth = 5;
 constexpr int idWidth = 4;
 constexpr int prefixSize = magicSize + lengthWidth; ///< 9: what the length field does not count
@@ -60,6 +62,13 @@ std::optional<int> parseDecimal(const char *field, int width);
 
 /** Frames size bytes of payload for a port. */
 QByteArray frameData(UsbConnID port, const char *payload, int size);
+
+/** Whether the bytes begin as a data message does. */
+inline bool hasMagicNumber(const QByteArray &bytes)
+{
+    // At a size that the compiler knows it is one comparison.
+    return bytes.size() >= magicSize && std::memcmp(bytes.constData(), magic, magicSize) == 0;
+}
 
 /** Cuts and checks the data message that the bytes begin with. */
 DataMessage cutData(const QByteArray &bytes);

@@ -7,7 +7,6 @@
 #include <QVarLengthArray>
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -15,8 +14,6 @@ constexpr int excerptBelow = 500;  // bytes; longer messages are not shown
 constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
-
-constexpr char magic[] = "FADA";
 
 // What goes before a payload: on the stack, so that a message takes memory once.
 using Header = QVarLengthArray<char, 32>;
@@ -82,8 +79,7 @@ QByteArray frameData(UsbConnID port, const char *payload, int size)
 DataMessage cutData(const QByteArray &bytes)
 {
     DataMessage message;
-    // At a size that the compiler knows it is one comparison.
-    if (bytes.size() < magicSize || std::memcmp(bytes.constData(), magic, magicSize) != 0) {
+    if (!hasMagicNumber(bytes)) {
         message.fault = Fault::NotValid;
         return message;
     }

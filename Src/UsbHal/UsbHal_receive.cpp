@@ -57,7 +57,7 @@ bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
                              unsigned int &consumed)
 {
     const quint32 stops = _stops;
-    if (message.startsWith(devNoData)) {
+    if (!hasMagicNumber(message) && message.startsWith(devNoData)) {
         _peerBusy = false;
         consumed =
             isHost() ? _takeMaxWriteSize(message) : static_cast<unsigned int>(devNoData.size());
