@@ -9,16 +9,22 @@
 
 class UsbHAL;
 
+/**
+ * @file
+ * The public interface, all of it: the class UsbHALIntf, its configuration ParamHal and the types
+ * and states that both use.
+ */
+
 /** Marks what the shared library exports; everything else in it is hidden. */
 #define USBHAL_EXPORT Q_DECL_EXPORT
 
 /** Identifies one client connection ("port" or "socket"); 0 to 9999 on the wire. */
 using UsbConnID = qint32;
 
-/** State of the link to the USB host. */
+/** State of the link to the USB host: up from the first accepted message until it is lost. */
 enum class DriverState { DISCONNECTED = 0, CONNECTED = 1 };
 
-/** State of one port. */
+/** State of one port; a disconnected one was cut off by the link or by peerDisconnected. */
 enum class SocketState { CLOSED = 0, OPENED = 1, DISCONNECTED = 2 };
 
 /** The two ends of the link; the library always plays the device. */
@@ -231,7 +237,13 @@ signals:
     void readyRead();
     /**
      * An operation failed: its code (see getErrorStr) and, as the pointer's value, the port; null
-     * for the codes 3 and 8.
+     * for the codes 3 and 8. The codes that arise:
+     * - 3: no memory for the port's queue
+     * - 4: the port is open already, also after a stop()
+     * - 5: as many ports are open as ParamHal::maxClients allows
+     * - 6: the port to be closed is not open
+     * - 7: not configured, a stop() that takes too long, or no thread to be had
+     * - 8: the driver refused to close
      */
     void error(int num, void *data);
     /** The link changed its state. */
@@ -244,8 +256,9 @@ private:
     ~UsbHALIntf() override;
     Q_DISABLE_COPY(UsbHALIntf)
 
-    void _relaySignals();
-    void _endProcess();
+    // Not exported, so that they may change.
+    Q_DECL_HIDDEN void _relaySignals();
+    Q_DECL_HIDDEN void _endProcess();
 
     UsbHAL *_hal;
     bool _freed = false;
