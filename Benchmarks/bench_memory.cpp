@@ -2,9 +2,9 @@
 // Resident memory of an idle link with five ports. To be run under simnode.
 
 #include "HostProcess.h"
+#include "Memory.h"
 #include "Require.h"
 
-#include <Campaign.h>
 #include <SimNodeControl.h>
 #include <UsbHalIntf.h>
 
@@ -27,7 +27,7 @@ int main(int argc, char *argv[])
     QTimer::singleShot(1000, &application, &QCoreApplication::quit);
     application.exec();
     require(hal->status() == DriverState::CONNECTED, "the link is up");
-    Campaign::printFigure("memory.ours", Campaign::residentMemory());
+    printMemory("ours");
     hal->stop();
     return 0;
 }

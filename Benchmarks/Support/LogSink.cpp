@@ -6,10 +6,10 @@
 // The linker is told to send the library's calls of logLine() here (--wrap); __real_ is the
 // library's own.
 extern "C" {
-void __real__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                           const LogText &text, unsigned int line);
-void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                           const LogText &text, unsigned int line);
+void __real__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+                                                         unsigned int line);
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+                                                         unsigned int line);
 }
 
 namespace {
@@ -29,11 +29,11 @@ quint64 LogSink::swallowedLines()
     return swallowed;
 }
 
-void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                           const LogText &text, unsigned int line)
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+                                                         unsigned int line)
 {
     if (active)
         ++swallowed;
     else
-        __real__Z7logLinePKcRKSt16initializer_listI7LogPartEj(function, text, line);
+        __real__Z7logLinePKcSt16initializer_listI7LogPartEj(function, text, line);
 }

@@ -17,7 +17,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <limits>
 #include <optional>
 
 /**
@@ -83,6 +82,13 @@ std::optional<int> parseMaxReadSize(const QByteArray &bytes);
 QString excerpt(const QByteArray &bytes);
 
 } // namespace usb_messages
+
+/** Appends without the copy that Qt's lists take, which costs two atomic operations. */
+inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
+{
+    list.append(QByteArray());
+    list.last().swap(bytes);
+}
 
 /**
  * The core: multiplexes the ports over one driver.
@@ -345,7 +351,6 @@ protected:
     mutable CheckedMutex _mutex;
     QWaitCondition _fifoEmptyCond;
     mutable QWaitCondition _readyReadCond;
-    mutable int _waitingReaders GUARDED_BY(_mutex) = 0;
     mutable QWaitCondition _connectedCond;
     mutable QWaitCondition _disconnectedCond;
     quint32 _lastMaxReadSize GUARDED_BY(_mutex) = 0;
@@ -358,6 +363,7 @@ protected:
     // A handler in the ending thread opened a port: start once more.
     bool _startPending GUARDED_BY(_mutex) = false;
     bool _retired GUARDED_BY(_mutex) = false;
+    mutable std::atomic<int> _waitingReaders{0};
     // The timer belongs to the core's thread; the others see it through these.
     std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
     std::atomic<bool> _mainLoopActive{false};
@@ -386,13 +392,6 @@ void UsbHAL::_runUnlocked(QMutexLocker &locker, Operation operation)
     locker.unlock();
     operation();
     locker.relock();
-}
-
-/** Appends without the copy that Qt's lists take, which costs two atomic operations. */
-inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
-{
-    list.append(QByteArray());
-    list.last().swap(bytes);
 }
 
 template <typename Emission>

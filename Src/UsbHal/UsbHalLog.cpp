@@ -85,7 +85,7 @@ qint32 currentThreadId()
     return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
 }
 
-void compose(LogLine &line, const LogPart &function, unsigned int number, const LogText &text)
+void compose(LogLine &line, const LogPart &function, unsigned int number, LogText text)
 {
     appendTimestamp(line);
     append(line, QLatin1String(" [THREAD "));
@@ -102,14 +102,14 @@ void compose(LogLine &line, const LogPart &function, unsigned int number, const 
 
 // What QDir's name filter <name>*<ending> finds, without the memory that Qt's regular expressions
 // take for the rest of the process.
-bool isNumberedFile(const QString &entry, const QString &name, QLatin1String ending)
+bool matches(const QString &entry, const QString &name, QLatin1String ending)
 {
     return entry.size() >= name.size() + ending.size() &&
            entry.startsWith(name, Qt::CaseInsensitive) &&
            entry.endsWith(ending, Qt::CaseInsensitive);
 }
 
-void writeToConsole(const LogPart &function, const LogText &text)
+void writeToConsole(const LogPart &function, LogText text)
 {
     const QByteArray line =
         "USBHAL] " + function.toString().toLatin1() + " - " + toString(text).toLatin1() + '\n';
@@ -137,15 +137,15 @@ QString LogPart::toString() const
     case Kind::Ascii:
     case Kind::Received:
         return QString::fromUtf8(_bytes, _size);
-    case Kind::Utf16:
-        return QString(_utf16, _size);
+    case Kind::Text:
+        return *_text;
     case Kind::Number:
         break;
     }
     return QString::number(_number);
 }
 
-QString toString(const LogText &text)
+QString toString(LogText text)
 {
     QString joined;
     for (const LogPart &part : text)
@@ -186,30 +186,30 @@ void UsbHalLog::log(QString function, unsigned int line, QString message)
     log(LogPart(function), line, {message});
 }
 
-void UsbHalLog::log(const LogPart &function, unsigned int line, const LogText &message)
+void UsbHalLog::log(const LogPart &function, unsigned int line, LogText text)
 {
     // A thread that is killed in the middle of a line would leave the file in disorder; one that
     // writes line after line must be killed between two.
     const CancellationBlocker blocker;
     blocker.testCancel();
     if (!_logCreated) {
-        writeToConsole(function, message);
+        writeToConsole(function, text);
         return;
     }
-    LogLine text;
-    compose(text, function, line, message);
+    LogLine composed;
+    compose(composed, function, line, text);
     while (!_logMutex.tryLock(lockPollPeriod))
         blocker.testCancel();
     AdoptingLocker locker(&_logMutex);
     if (!_logCreated) {
         locker.unlock();
-        writeToConsole(function, message);
+        writeToConsole(function, text);
         return;
     }
     if (_lineCount < _maxLines)
-        _append(text);
+        _append(composed);
     else
-        _rotate(text);
+        _rotate(composed);
 }
 
 bool UsbHalLog::setupConfig(const ParamHal &param)
@@ -241,11 +241,11 @@ void UsbHalLog::_keepPreviousFiles()
 {
     const QStringList entries = QDir(_logDir).entryList(QDir::NoFilter, QDir::Unsorted);
     for (const QString &entry : entries) {
-        if (isNumberedFile(entry, _logName, QLatin1String(".log.keep")))
+        if (matches(entry, _logName, QLatin1String(".log.keep")))
             QFile::remove(_logDir + entry);
     }
     for (const QString &entry : entries) {
-        if (isNumberedFile(entry, _logName, QLatin1String(".log")))
+        if (matches(entry, _logName, QLatin1String(".log")))
             QFile::rename(_logDir + entry, _logDir + entry + ".keep");
     }
 }
@@ -320,7 +320,7 @@ void UsbHalLog::_removeOldFile(int index)
     _reportingRemoval = false;
 }
 
-void logLine(const char *function, const LogText &text, unsigned int line)
+void logLine(const char *function, LogText text, unsigned int line)
 {
     UsbHalLog::getInstance()->log(LogPart(function), line, text);
 }

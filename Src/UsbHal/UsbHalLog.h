@@ -15,7 +15,7 @@
 #include <limits>
 #include <type_traits>
 
-/** A line of a log file, in UTF-8. All but the longest need no memory but the stack. */
+/** A line of a log file, in UTF-8. All but the longest are put together on the stack. */
 using LogLine = QVarLengthArray<char, 512>;
 
 /**
@@ -30,9 +30,7 @@ public:
         : _kind(Kind::Ascii), _size(static_cast<int>(std::strlen(text))), _bytes(text)
     {
     }
-    LogPart(const QString &text) : _kind(Kind::Utf16), _size(text.size()), _utf16(text.constData())
-    {
-    }
+    LogPart(const QString &text) : _kind(Kind::Text), _text(&text) {}
     /** Received bytes: up to the first zero byte, at most limit bytes. */
     LogPart(const QByteArray &bytes, int limit = std::numeric_limits<int>::max())
         : _kind(Kind::Received),
@@ -52,21 +50,21 @@ public:
     QString toString() const;
 
 private:
-    enum class Kind { Ascii, Received, Utf16, Number };
+    enum class Kind { Ascii, Received, Text, Number };
 
     Kind _kind;
-    int _size = 0; // of a text, in its units
+    int _size = 0; // of the bytes
     union {
         const char *_bytes;
-        const QChar *_utf16;
+        const QString *_text;
         qint64 _number;
     };
 };
 
-/** What follows each other in the text of a line. */
+/** The parts of a line's text, in their order. */
 using LogText = std::initializer_list<LogPart>;
 
-QString toString(const LogText &text);
+QString toString(LogText text);
 
 /**
  * The process-wide trace: lines go to standard output until a log file is open, then to numbered
@@ -98,7 +96,7 @@ public:
      * room for is lost.
      */
     void log(QString function, unsigned int line, QString message);
-    void log(const LogPart &function, unsigned int line, const LogText &text);
+    void log(const LogPart &function, unsigned int line, LogText text);
 
     /** Takes the number of lines of one file from the configuration. Always returns false. */
     bool setupConfig(const ParamHal &param);
@@ -142,6 +140,6 @@ private:
 };
 
 /** Logs a text with the caller's source line. */
-void logLine(const char *function, const LogText &text, unsigned int line = __builtin_LINE());
+void logLine(const char *function, LogText text, unsigned int line = __builtin_LINE());
 
 #endif

@@ -15,7 +15,8 @@ constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
 
-// What goes before a payload: on the stack, so that a message takes memory once.
+// What goes before a payload. On the stack: the message then takes memory once, and as much as it
+// needs.
 using Header = QVarLengthArray<char, 32>;
 
 void append(Header &header, const QByteArray &bytes)

@@ -20,12 +20,12 @@ bool isLogged(int size)
 class Counted
 {
 public:
-    explicit Counted(int &count) : _count(count) { ++_count; }
+    explicit Counted(std::atomic<int> &count) : _count(count) { ++_count; }
     ~Counted() { --_count; }
     Q_DISABLE_COPY(Counted)
 
 private:
-    int &_count;
+    std::atomic<int> &_count;
 };
 
 // The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
@@ -57,6 +57,7 @@ bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
                              unsigned int &consumed)
 {
     const quint32 stops = _stops;
+    // Most messages are data, which one comparison tells.
     if (!hasMagicNumber(message) && message.startsWith(devNoData)) {
         _peerBusy = false;
         consumed =
@@ -153,11 +154,9 @@ UsbHAL::ReadQueue *UsbHAL::_reopenPort(int port)
 
 void UsbHAL::_announcePayload(int port, QMutexLocker &locker)
 {
-    // One that begins to wait meanwhile finds the message without being woken.
-    const bool awaited = _waitingReaders != 0;
     _emitUnlocked(locker, [&] {
         emit readyRead(port);
-        if (awaited)
+        if (_waitingReaders != 0) // they are counted before they look for the message
             _readyReadCond.wakeOne();
     });
 }

@@ -4,6 +4,7 @@
 #include "UsbHalLog.h"
 
 #include <algorithm>
+#include <limits>
 
 using namespace usb_messages;
 
@@ -124,7 +125,7 @@ int UsbHAL::_queueMessages(int port, const QByteArray &data, int limit)
 void UsbHAL::_clearWriteFifo()
 {
     _writeFifo.clear();
-    _writeFifo.reserve(fifoLimit);
+    _writeFifo.reserve(fifoLimit); // its room does not grow with the messages
 }
 
 int UsbHAL::_clearWriteFifoForPort(int port)

@@ -4,6 +4,8 @@
 #include "UsbHalLog.h"
 #include "workerthread.h"
 
+#include <limits>
+
 #include <QAbstractEventDispatcher>
 #include <QThread>
 

@@ -19,13 +19,12 @@ const QLatin1String remainingText("Remaining frame size : ");
 
 } // namespace
 
-extern "C" void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                                      const LogText &text,
-                                                                      unsigned int line);
+extern "C" void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function,
+                                                                    LogText text,
+                                                                    unsigned int line);
 
-void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char * /*function*/,
-                                                           const LogText &text,
-                                                           unsigned int /*line*/)
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char * /*function*/, LogText text,
+                                                         unsigned int /*line*/)
 {
     LogTally::instance().add(toString(text));
 }

@@ -13,8 +13,8 @@ extern "C" {
 void __wrap__ZN7QThread18yieldCurrentThreadEv();
 bool __real__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
 bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
-void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                           const LogText &text, unsigned int line);
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+                                                         unsigned int line);
 bool __wrap__ZN9UsbHalLog4openE7QStringS0_(UsbHalLog *self, QString dir, QString name);
 qint64 __wrap__ZNK13QElapsedTimer12nsecsElapsedEv(const QElapsedTimer *self);
 }
@@ -195,9 +195,8 @@ bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs)
                                           : __real__ZN7QThread4waitEm(self, msecs);
 }
 
-void __wrap__Z7logLinePKcRKSt16initializer_listI7LogPartEj(const char *function,
-                                                           const LogText &text,
-                                                           unsigned int /*line*/)
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+                                                         unsigned int /*line*/)
 {
     if (LockStep *const steps = LockStep::current())
         steps->log(QString::fromLatin1(function), toString(text));

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+#ifndef MEMORY_H
+#define MEMORY_H
+
+#include <Campaign.h>
+
+#include <fstream>
+#include <string>
+
+/** Memory of this process, kB, as figures: what is resident, and what of it no other may share. */
+inline void printMemory(const std::string &candidate)
+{
+    Campaign::printFigure("memory." + candidate, Campaign::residentMemory());
+    std::ifstream file("/proc/self/smaps_rollup");
+    for (std::string word; file >> word;) {
+        long size = 0;
+        if (word == "Private_Dirty:" && file >> size)
+            Campaign::printFigure("memory.private." + candidate, size);
+    }
+}
+
+#endif
