@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
@@ -29,11 +30,12 @@ bool meansTryAgain(int error)
     return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// Rounded up, so that a wait never ends before its deadline and spins for the rest.
+// Rounded up, so that a wait never ends before its deadline and spins for the rest. One that is too
+// long for poll ends early, and is taken up again.
 int pollTimeout(Clock::time_point deadline)
 {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
 }
 
 } // namespace
@@ -117,11 +119,9 @@ TransferResult SeqPacketTransport::_waitFor(short events, Clock::time_point dead
 {
     pollfd entry{_fd, events, 0};
     const int ready = ::poll(&entry, 1, pollTimeout(deadline));
-    if (ready == 0)
-        return {Status::TimedOut, {}};
-    // An error or a hang-up shows its reason in the caller's next attempt, an interrupted wait goes
-    // on there unless its time is over.
-    if (ready < 0 && Clock::now() >= deadline)
+    // An error or a hang-up shows its reason in the caller's next attempt, a wait that was
+    // interrupted or cut goes on there unless its time is over.
+    if (ready <= 0 && Clock::now() >= deadline)
         return {Status::TimedOut, {}};
     return {};
 }

@@ -14,6 +14,7 @@ endif()
 
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi) # g++ notes what g++ before 7 called otherwise
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L ${CMAKE_SYSROOT})
 
 # Programs come from the machine that builds, all else from the sysroot.

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "CommandLine.h"
 
-#include <QProcess>
+#include <BuiltProgram.h>
+
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -109,8 +110,8 @@ void CommandLineTest::theProgramEndsWithStatusTwoOnAWrongCommandLine()
     const QStringList noOutput{"--node", "n"};
     const QStringList folder{"--node", "n", "--manager-output", _folder.path()};
     for (const QStringList &arguments : {noOutput, folder}) {
-        QProcess program;
-        program.start(DEMO_HOST, arguments);
+        ForkedProcess program;
+        startBuilt(program, DEMO_HOST, arguments);
         QVERIFY(program.waitForFinished(20000));
         QCOMPARE(program.exitStatus(), QProcess::NormalExit);
         QCOMPARE(program.exitCode(), 2);

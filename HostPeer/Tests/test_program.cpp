@@ -2,7 +2,8 @@
 #include "Listener.h"
 #include "Protocol.h"
 
-#include <QProcess>
+#include <BuiltProgram.h>
+
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -53,7 +54,7 @@ private:
 
     QScopedPointer<QTemporaryDir> _folder;
     QScopedPointer<Listener> _device;
-    QScopedPointer<QProcess> _program;
+    QScopedPointer<ForkedProcess> _program;
 };
 
 void ProgramTest::init()
@@ -61,7 +62,7 @@ void ProgramTest::init()
     _folder.reset(new QTemporaryDir);
     _device.reset(new Listener(_folder->filePath("host").toStdString()));
     QVERIFY(_device->isListening());
-    _program.reset(new QProcess);
+    _program.reset(new ForkedProcess);
 }
 
 void ProgramTest::cleanup()
@@ -74,7 +75,7 @@ void ProgramTest::cleanup()
 
 void ProgramTest::_start(const QStringList &options, const QByteArray &input)
 {
-    _program->start(USBHAL_HOST, QStringList{"--node", _folder->path()} + options);
+    startBuilt(*_program, USBHAL_HOST, QStringList{"--node", _folder->path()} + options);
     _program->write(input);
     _program->closeWriteChannel();
     while (_program->bytesToWrite() > 0)
@@ -113,7 +114,7 @@ int ProgramTest::_exitStatus()
 
 void ProgramTest::_run(const QStringList &arguments)
 {
-    _program->start(USBHAL_HOST, arguments);
+    startBuilt(*_program, USBHAL_HOST, arguments);
     _program->waitForFinished();
 }
 

@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <future>
 
 using namespace hostpeer;
 using namespace std::chrono_literals;
@@ -23,6 +24,7 @@ private slots:
     void aTransferOfTheLargestSizeIsReceivedWhole();
     void aLargerTransferClosesTheConnection();
     void silenceEndsWithTheTimeOut();
+    void aTimeOutOfMoreThan32BitsIsWaitedFor();
     void aDeviceThatTakesNothingEndsTheSendWithTheTimeOut();
     void aClosedConnectionIsReportedByReceive();
     void aClosedConnectionIsReportedBySendWithoutASignal();
@@ -106,6 +108,19 @@ void TransportTest::silenceEndsWithTheTimeOut()
     QCOMPARE(_host->receive(transfer, 0ms).status, Status::TimedOut);
     QCOMPARE(transfer, std::string("kept"));
     QVERIFY(_host->isConnected());
+}
+
+void TransportTest::aTimeOutOfMoreThan32BitsIsWaitedFor()
+{
+    std::string transfer;
+    auto status = std::async(std::launch::async, [&] {
+        return _host->receive(transfer, std::chrono::milliseconds((1LL << 32) + 50)).status;
+    });
+    const bool ended = status.wait_for(200ms) == std::future_status::ready;
+    QVERIFY(_device->send("late"));
+    QVERIFY(!ended);
+    QCOMPARE(status.get(), Status::Done);
+    QCOMPARE(transfer, std::string("late"));
 }
 
 void TransportTest::aDeviceThatTakesNothingEndsTheSendWithTheTimeOut()

@@ -4,7 +4,9 @@
 #include "DeviceProtocol.h"
 #include "SocketAddress.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
@@ -65,10 +67,13 @@ bool SimNodeControl::waitForAnswer() const
     const auto deadline = std::chrono::steady_clock::now() + _timeout;
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
+                              deadline - std::chrono::steady_clock::now())
+                              .count();
+        // Poll takes no more than an int: a longer wait goes on with the next round.
+        const auto wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
         pollfd entry = {_socket, POLLIN, 0};
-        const int ready = ::poll(&entry, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-        if (ready >= 0 || errno != EINTR)
+        const int ready = ::poll(&entry, 1, wait);
+        if (ready > 0 || left <= 0 || (ready < 0 && errno != EINTR))
             return ready > 0;
     }
 }

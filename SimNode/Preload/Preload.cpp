@@ -20,6 +20,11 @@
 
 #define SIMNODE_EXPORT extern "C" __attribute__((visibility("default")))
 
+// With words of 32 bits a program that is compiled with a time of 64 calls another ioctl.
+#if __TIMESIZE == 32
+#define SIMNODE_HAS_IOCTL_TIME64
+#endif
+
 namespace {
 
 using namespace simnode;
@@ -65,6 +70,9 @@ NextFunction<ssize_t(int, void *, size_t)> nextRead("read");
 NextFunction<ssize_t(int, void *, size_t, size_t)> nextReadChk("__read_chk");
 NextFunction<ssize_t(int, const void *, size_t)> nextWrite("write");
 NextFunction<int(int, unsigned long, ...)> nextIoctl("ioctl");
+#ifdef SIMNODE_HAS_IOCTL_TIME64
+NextFunction<int(int, unsigned long, ...)> nextIoctlTime64("__ioctl_time64");
+#endif
 NextFunction<int(int)> nextClose("close");
 
 // Looked up before the program runs, because dlsym is not allowed in a signal handler or between
@@ -83,6 +91,9 @@ __attribute__((constructor)) void resolveAll()
     nextReadChk.resolve();
     nextWrite.resolve();
     nextIoctl.resolve();
+#ifdef SIMNODE_HAS_IOCTL_TIME64
+    nextIoctlTime64.resolve();
+#endif
     nextClose.resolve();
 }
 
@@ -97,10 +108,13 @@ struct Descriptor
 constexpr int maxDescriptors = 65536;
 Descriptor descriptors[maxDescriptors];
 
+// Not from fstat, which fails after 2038 where a word has 32 bits.
 unsigned long inodeOf(int fd)
 {
-    struct stat status;
-    return fstat(fd, &status) == 0 ? static_cast<unsigned long>(status.st_ino) : 0;
+    struct statx status;
+    return statx(fd, "", AT_EMPTY_PATH, STATX_INO, &status) == 0
+               ? static_cast<unsigned long>(status.stx_ino)
+               : 0;
 }
 
 void remember(int fd, std::uint32_t handle)
@@ -452,6 +466,19 @@ SIMNODE_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
     return handle == 0 ? nextIoctl(fd, request, argument)
                        : ioctlNode(fd, handle, request, argument);
 }
+
+#ifdef SIMNODE_HAS_IOCTL_TIME64
+SIMNODE_EXPORT int __ioctl_time64(int fd, unsigned long request, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    const std::uint32_t handle = nodeHandle(fd);
+    return handle == 0 ? nextIoctlTime64(fd, request, argument)
+                       : ioctlNode(fd, handle, request, argument);
+}
+#endif
 
 // Forgotten first: right after the real close another thread may open the node on the same number.
 SIMNODE_EXPORT int close(int fd)

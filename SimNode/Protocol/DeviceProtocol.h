@@ -42,6 +42,8 @@ struct DeviceReply
     std::uint32_t handle;
 };
 
+static_assert(sizeof(DeviceRequest) == 20 && sizeof(DeviceReply) == 12, "the same on any machine");
+
 } // namespace simnode
 
 #endif

@@ -19,7 +19,7 @@ QProcessEnvironment cleanEnvironment()
     return environment;
 }
 
-Result finish(QProcess &process)
+Result finish(ForkedProcess &process)
 {
     process.closeWriteChannel();
     if (!process.waitForFinished(waitTime))
@@ -28,24 +28,31 @@ Result finish(QProcess &process)
             process.readAllStandardOutput(), process.readAllStandardError()};
 }
 
-Result runProgram(const QString &program, const QStringList &arguments,
-                  const QProcessEnvironment &environment)
+Result runProgram(const QString &program, const QStringList &arguments)
 {
-    QProcess process;
-    process.setProcessEnvironment(environment);
+    ForkedProcess process;
     process.start(program, arguments);
     return finish(process);
 }
 
-Result runSimnode(const QStringList &arguments)
+Result runBuilt(const QString &program, const QStringList &arguments,
+                const QProcessEnvironment &environment)
 {
-    return runProgram(SIMNODE_EXECUTABLE, arguments);
+    ForkedProcess process;
+    process.setProcessEnvironment(environment);
+    startBuilt(process, program, arguments);
+    return finish(process);
+}
+
+Result runSimnode(const QStringList &arguments, const QProcessEnvironment &environment)
+{
+    return runBuilt(SIMNODE_EXECUTABLE, arguments, environment);
 }
 
 Daemon::Daemon(const QString &directory, const QStringList &options)
 {
     process.setProcessEnvironment(cleanEnvironment());
-    process.start(SIMNODE_EXECUTABLE, QStringList{"serve", "--dir", directory} + options);
+    startBuilt(process, SIMNODE_EXECUTABLE, QStringList{"serve", "--dir", directory} + options);
     process.waitForReadyRead(waitTime);
     readyLine = process.readAllStandardOutput();
 }
@@ -65,7 +72,7 @@ Probe::Probe(const QString &directory, const QStringList &calls)
     options += (options.isEmpty() ? "" : ":") + QString("verify_asan_link_order=0");
     environment.insert("ASAN_OPTIONS", options);
     process.setProcessEnvironment(environment);
-    process.start(SIMNODE_PROBE, calls);
+    startBuilt(process, SIMNODE_PROBE, calls);
 }
 
 QByteArray Probe::output()

@@ -2,8 +2,9 @@
 #ifndef SIMNODE_SIMNODEPROCESS_H
 #define SIMNODE_SIMNODEPROCESS_H
 
+#include <BuiltProgram.h>
+
 #include <QByteArray>
-#include <QProcess>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -22,10 +23,14 @@ struct Result
 /// This process's environment without what names a node.
 QProcessEnvironment cleanEnvironment();
 
-Result finish(QProcess &process);
-Result runProgram(const QString &program, const QStringList &arguments,
+Result finish(ForkedProcess &process);
+/// Runs a program of the machine.
+Result runProgram(const QString &program, const QStringList &arguments);
+/// Runs a program of this build.
+Result runBuilt(const QString &program, const QStringList &arguments,
+                const QProcessEnvironment &environment = cleanEnvironment());
+Result runSimnode(const QStringList &arguments,
                   const QProcessEnvironment &environment = cleanEnvironment());
-Result runSimnode(const QStringList &arguments);
 
 /// A `simnode serve` that is ready.
 class Daemon
@@ -37,7 +42,7 @@ public:
 
     bool isReady() const { return readyLine.startsWith("simnode ready in "); }
 
-    QProcess process;
+    ForkedProcess process;
     QByteArray readyLine;
 };
 
@@ -49,7 +54,7 @@ public:
 
     QByteArray output();
 
-    QProcess process;
+    ForkedProcess process;
 };
 
 bool waitForStatus(const QString &directory, const char *key, const char *value);

@@ -6,6 +6,16 @@
 
 using namespace simnode;
 
+#ifdef SIMNODE_TIME64
+/// As in the C library after 2038: the time does not fit into what a caller of this one expects.
+extern "C" __attribute__((visibility("default"))) int fstatAfter2038(int, void *) __asm__("fstat");
+int fstatAfter2038(int, void *)
+{
+    errno = EOVERFLOW;
+    return -1;
+}
+#endif
+
 /// Which calls reach the node, and what a descriptor of it is.
 class TestContractDescriptors : public ContractTest
 {

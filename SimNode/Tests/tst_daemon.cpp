@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <future>
 #include <memory>
 #include <stdexcept>
 
@@ -34,6 +35,7 @@ private slots:
     void hostTransfersBeyondTheLimitEndTheConnection();
     void packetsThatAreNoRequestsEndTheirConnection();
     void theControlClientGivesUpOnASilentDaemon();
+    void theControlClientWaitsForATimeOutOfMoreThan32Bits();
     void theControlClientReportsADaemonThatWentAway();
 };
 
@@ -128,7 +130,8 @@ void TestDaemon::theScriptRunsBeforeTheNodeIsReady()
     Daemon daemon(folder.path(), {"--script", script});
     QVERIFY(daemon.isReady());
     QCOMPARE(Probe(folder.path(), {"open"}).output(), QByteArray("open -1 EBUSY\n"));
-    QCOMPARE(runSimnode({"run", "--script", script, "--", SIMNODE_PROBE, "open"}).output,
+    const QStringList staged{"run", "--script", script, "--"};
+    QCOMPARE(runSimnode(staged + wordsToRun(SIMNODE_PROBE) + QStringList("open")).output,
              QByteArray("open -1 EBUSY\n"));
 }
 
@@ -164,7 +167,8 @@ void TestDaemon::aFaultyScriptIsAWrongCommandLine()
 
 void TestDaemon::theTimeoutResultCanBeChosenAtStart()
 {
-    const QStringList calls = {"--", SIMNODE_PROBE, "open", "20", "read"};
+    const QStringList calls =
+        QStringList("--") + wordsToRun(SIMNODE_PROBE) + QStringList{"open", "20", "read"};
     QCOMPARE(runSimnode(QStringList{"run"} + calls).output,
              QByteArray("open 0 -\ntimeout 0 -\nread 0 -\n"));
     QCOMPARE(runSimnode(QStringList{"run", "--timeout-result", "zero"} + calls).output,
@@ -243,6 +247,22 @@ void TestDaemon::theControlClientGivesUpOnASilentDaemon()
     const std::string answer = control.command("status");
     QCOMPARE(kill(process, SIGCONT), 0);
     QCOMPARE(answer, std::string("error: no answer within 50 ms"));
+}
+
+void TestDaemon::theControlClientWaitsForATimeOutOfMoreThan32Bits()
+{
+    QTemporaryDir folder;
+    Daemon daemon(folder.path());
+    QVERIFY(daemon.isReady());
+    SimNodeControl control(folder.path().toStdString(),
+                           std::chrono::milliseconds((1LL << 32) + 50));
+    const auto process = static_cast<pid_t>(daemon.process.processId());
+    QCOMPARE(kill(process, SIGSTOP), 0);
+    auto answer = std::async(std::launch::async, [&] { return control.command("reset"); });
+    const bool ended = answer.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
+    QCOMPARE(kill(process, SIGCONT), 0);
+    QVERIFY(!ended);
+    QCOMPARE(answer.get(), std::string("ok"));
 }
 
 void TestDaemon::theControlClientReportsADaemonThatWentAway()

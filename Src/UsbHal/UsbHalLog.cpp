@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+// With words of 32 bits the C library's time ends in 2038, unless it is asked for the longer one.
+#define _FILE_OFFSET_BITS 64
+#define _TIME_BITS 64
+
 #include "UsbHalLog.h"
 
 #include "workerthread.h"

@@ -6,6 +6,10 @@
 #include <mutex>
 #include <sys/prctl.h>
 
+#ifndef __EXCEPTIONS
+#error "A killed thread unwinds its stack to release its locks: compile with -fexceptions"
+#endif
+
 WorkerThread::WorkerThread(QObject *parent) : QThread(parent) {}
 
 WorkerThread::~WorkerThread() = default;

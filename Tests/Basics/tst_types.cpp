@@ -8,6 +8,25 @@
 #include <cstddef>
 #include <type_traits>
 
+namespace {
+
+// The record's layout is an interface, with words of 32 bits as with words of 64.
+constexpr bool wideWords = sizeof(void *) == 8;
+static_assert(wideWords || sizeof(void *) == 4);
+static_assert(sizeof(QString) == sizeof(void *) && sizeof(UsbConnID) == 4);
+static_assert(sizeof(ParamHal) == (wideWords ? 88 : 72));
+static_assert(alignof(ParamHal) == alignof(void *));
+static_assert(offsetof(ParamHal, maxReadSize) == 0);
+static_assert(offsetof(ParamHal, rdTimeout) == 12);
+static_assert(offsetof(ParamHal, maxClients) == 36);
+static_assert(offsetof(ParamHal, spareParam3) == 52);
+static_assert(offsetof(ParamHal, logDir) == 56);
+static_assert(offsetof(ParamHal, spareFlag) == (wideWords ? 64 : 60));
+static_assert(offsetof(ParamHal, spareName) == (wideWords ? 72 : 64));
+static_assert(offsetof(ParamHal, maxLogLines) == (wideWords ? 80 : 68));
+
+} // namespace
+
 /** Connects to a core's signals by their text, as a client with queued connections does. */
 class QueuedClient : public QObject
 {

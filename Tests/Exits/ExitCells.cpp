@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "ExitCells.h"
 
+#include <BuiltProgram.h>
 #include <Campaign.h>
 #include <HostEnd.h>
 
 #include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -18,9 +18,9 @@ namespace {
 constexpr int longestRun = 40000; // ms
 
 // Runs a client until it ends by itself, with a host at the far end that greets it.
-bool runToEnd(QProcess &client, const QStringList &arguments, HostEnd &host)
+bool runToEnd(ForkedProcess &client, const QStringList &arguments, HostEnd &host)
 {
-    client.start(SIMNODE_PROGRAM, arguments);
+    startBuilt(client, SIMNODE_PROGRAM, arguments);
     bool greeted = false;
     return QTest::qWaitFor(
         [&] {
@@ -100,14 +100,14 @@ void ExitMatrix::expectCleanExit(const char *clientProgram)
     QFETCH(bool, isApplication);
     const QTemporaryDir node;
     const QTemporaryDir log;
-    QStringList arguments = {"run",         "--dir",  node.path(), "--",
-                             clientProgram, scenario, log.path()};
+    QStringList arguments = QStringList{"run", "--dir", node.path(), "--"} +
+                            wordsToRun(clientProgram) + QStringList{scenario, log.path()};
     if (isApplication)
         arguments.append("application");
     HostEnd host(node.path().toStdString());
     if (!scenario.contains("without a host"))
         host.plugIn();
-    QProcess client;
+    ForkedProcess client;
     if (!runToEnd(client, arguments, host)) {
         client.terminate();
         if (!client.waitForFinished(5000))

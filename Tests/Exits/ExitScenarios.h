@@ -40,8 +40,9 @@ void openAndLink();
 /** Waits for what the host sends, and queues more than the link can take at once. */
 void leaveBytesUnread();
 
-/** Polls until the condition holds, for as long as the link may take. */
-bool waitUntil(const std::function<bool()> &condition);
+/** Polls until the condition holds, at most that many ms; by default as long as the link may take.
+ */
+bool waitUntil(const std::function<bool()> &condition, int timeout = linkTimeout);
 /** For main threads that something else is to end. */
 [[noreturn]] void waitForEnd();
 

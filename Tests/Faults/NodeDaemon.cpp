@@ -23,7 +23,7 @@ NodeDaemon::~NodeDaemon()
 void NodeDaemon::start()
 {
     _process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    _process.start(SIMNODE_PROGRAM, {"serve", "--dir", _folder.path()});
+    startBuilt(_process, SIMNODE_PROGRAM, {"serve", "--dir", _folder.path()});
     if (!_process.waitForReadyRead(startTimeout))
         throw std::runtime_error("the simulated node did not start");
     _process.readAllStandardOutput();

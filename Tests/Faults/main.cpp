@@ -142,13 +142,14 @@ std::vector<std::unique_ptr<DependentProcess>> startProcesses(const QList<int> &
         QList<int> share;
         for (int j = i; j < cases.size(); j += count)
             share.append(cases.at(j));
-        QStringList command = {"run", "--", QCoreApplication::applicationFilePath(), "--play",
-                               toTexts(share).join(',')};
+        QStringList command = QStringList{"run", "--"} +
+                              wordsToRun(QCoreApplication::applicationFilePath()) +
+                              QStringList{"--play", toTexts(share).join(',')};
         if (keepsLogs)
             command.append("--keep");
         processes.push_back(std::make_unique<DependentProcess>());
         processes.back()->setProcessChannelMode(QProcess::MergedChannels);
-        processes.back()->start(SIMNODE_PROGRAM, command);
+        startBuilt(*processes.back(), SIMNODE_PROGRAM, command);
     }
     return processes;
 }

@@ -29,7 +29,7 @@ namespace {
 
 constexpr int deepestCommand = 8; // of `on ... on ...`
 constexpr int mostEvents = 400;   // fewer than the injections that may wait
-constexpr std::chrono::milliseconds longestTime{1L << 33}; // longer than any time-out
+constexpr std::chrono::milliseconds longestTime{1LL << 33}; // longer than any time-out
 
 // ---- the parser
 

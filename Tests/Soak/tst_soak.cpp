@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <BuiltProgram.h>
 #include <SimNodeControl.h>
 #include <WireMessages.h>
 
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -32,15 +32,16 @@ class SoakProcess
 public:
     void startOverNode(const QStringList &options)
     {
-        QStringList words = {"run", "--dir", _nodeFolder.path(), "--", SOAK_PROGRAM, "--virtual"};
+        QStringList words = QStringList{"run", "--dir", _nodeFolder.path(), "--"} +
+                            wordsToRun(SOAK_PROGRAM) + QStringList("--virtual");
 #ifdef SOAK_WITHOUT_KILLS
         words += "--without-kills";
 #endif
-        _process.start(SIMNODE_PROGRAM, words + options);
+        startBuilt(_process, SIMNODE_PROGRAM, words + options);
     }
     void startAlone(const QStringList &options)
     {
-        _process.start(SOAK_PROGRAM, options);
+        startBuilt(_process, SOAK_PROGRAM, options);
     }
     void terminate()
     {
@@ -81,7 +82,7 @@ public:
 
 private:
     const QTemporaryDir _nodeFolder;
-    QProcess _process;
+    ForkedProcess _process;
     QByteArray _output;
 };
 

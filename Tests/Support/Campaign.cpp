@@ -4,6 +4,7 @@
 #include <QDir>
 
 #include <fstream>
+#include <malloc.h>
 #include <random>
 #include <unistd.h>
 
@@ -26,6 +27,11 @@ quint32 Campaign::seed()
 
 long Campaign::residentMemory()
 {
+    constexpr bool isEmulated = sizeof USBHAL_EMULATOR > 1;
+    if (isEmulated) {
+        const struct mallinfo2 heap = mallinfo2();
+        return static_cast<long>((heap.uordblks + heap.hblkhd) / 1024);
+    }
     std::ifstream file("/proc/self/statm");
     long total = 0;
     long resident = 0;

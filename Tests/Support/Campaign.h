@@ -33,7 +33,10 @@ quint64 scaled(quint64 fullCount);
 /** USBHAL_SEED of the environment, else a new seed; printed, so that the run can be repeated. */
 quint32 seed();
 
-/** Resident memory of this process, kB. */
+/**
+ * Resident memory of this process, kB; where an emulator runs it, whose own memory grows, what the
+ * heap has given out.
+ */
 long residentMemory();
 /** Open file descriptors of this process. */
 int openDescriptors();

@@ -83,7 +83,8 @@ void pause(unsigned long msecs)
 {
     stickIfAsked(msecs);
     const unsigned divisor = pauseDivisor;
-    const unsigned long real = divisor == 0 ? 0 : 1000 * msecs / divisor; // µs
+    const auto real =
+        static_cast<unsigned long>(divisor == 0 ? 0 : quint64(1000) * msecs / divisor); // µs
     if (real == 0) {
         pthread_testcancel(); // as in a real pause
         QThread::yieldCurrentThread();

@@ -2,8 +2,9 @@
 #include "HostSession.h"
 #include "SeqPacketTransport.h"
 
+#include <BuiltProgram.h>
+
 #include <QDirIterator>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -49,7 +50,7 @@ private:
     QString path(const char *name) const { return _folder->filePath(name); }
 
     QScopedPointer<QTemporaryDir> _folder;
-    QScopedPointer<QProcess> _manager;
+    QScopedPointer<ForkedProcess> _manager;
     QScopedPointer<SeqPacketTransport> _transport;
     QScopedPointer<HostSession> _host;
     QString _output;
@@ -64,7 +65,7 @@ void ProgramTest::init()
     QVERIFY(_folder->isValid());
     _transport.reset(new SeqPacketTransport(path("node/host").toStdString()));
     _host.reset(new HostSession(*_transport));
-    _manager.reset(new QProcess);
+    _manager.reset(new ForkedProcess);
     _manager->setProcessChannelMode(QProcess::MergedChannels);
     _manager->setWorkingDirectory(_folder->path());
 }
@@ -86,11 +87,12 @@ void ProgramTest::cleanup()
 
 void ProgramTest::startManager(const QStringList &arguments)
 {
-    const QStringList node{"run", "--dir", path("node"), "--", SAMPLE_MANAGER};
+    const QStringList node =
+        QStringList{"run", "--dir", path("node"), "--"} + wordsToRun(SAMPLE_MANAGER);
     const QStringList common{"--log-dir",       path("log"), "--read-timeout", "300",
                              "--write-timeout", "300",       "--retries",      "1",
                              "--wait",          "0"};
-    _manager->start(SIMNODE, node + common + arguments);
+    startBuilt(*_manager, SIMNODE, node + common + arguments);
     QVERIFY(_manager->waitForStarted(patience));
 }
 
@@ -160,8 +162,8 @@ void ProgramTest::endWith(int signal)
 
 QByteArray ProgramTest::control(const QStringList &command) const
 {
-    QProcess program;
-    program.start(SIMNODE, QStringList{"control", "--dir", path("node")} + command);
+    ForkedProcess program;
+    startBuilt(program, SIMNODE, QStringList{"control", "--dir", path("node")} + command);
     program.waitForFinished(patience);
     return program.readAll();
 }
@@ -187,7 +189,7 @@ QByteArray ProgramTest::libraryLog() const
 void ProgramTest::aWrongCommandLineEndsWithStatusTwoAndNothingButItsReason()
 {
     _manager->setProcessChannelMode(QProcess::SeparateChannels);
-    _manager->start(SAMPLE_MANAGER, {"--port", "9=echo"});
+    startBuilt(*_manager, SAMPLE_MANAGER, {"--port", "9=echo"});
     QVERIFY(_manager->waitForFinished(patience));
     QCOMPARE(_manager->exitCode(), 2);
     QVERIFY(_manager->readAllStandardError().contains("N from 1 to 5, not \"9=echo\""));
@@ -196,7 +198,7 @@ void ProgramTest::aWrongCommandLineEndsWithStatusTwoAndNothingButItsReason()
 
 void ProgramTest::helpEndsWithStatusZeroAndNothingButItsText()
 {
-    _manager->start(SAMPLE_MANAGER, {"--help"});
+    startBuilt(*_manager, SAMPLE_MANAGER, {"--help"});
     QVERIFY(_manager->waitForFinished(patience));
     QCOMPARE(_manager->exitCode(), 0);
     const QByteArray help = _manager->readAll();

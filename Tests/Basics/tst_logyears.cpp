@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+#include "LogFolder.h"
+#include "LogLines.h"
+
+#include <UsbHalLog.h>
+
+#include <QtTest>
+
+#include <cerrno>
+#include <ctime>
+
+namespace {
+
+constexpr qint64 shownSecond = 2215600496; // 2040-03-17 12:34:56 UTC
+
+// What the C library takes for a time of 64 bits.
+struct LongTime
+{
+    qint64 seconds;
+    qint64 nanoseconds;
+};
+
+} // namespace
+
+extern "C" {
+int __real_clock_gettime(clockid_t clock, timespec *time);
+int __wrap_clock_gettime(clockid_t clock, timespec *time);
+int __real___clock_gettime64(clockid_t clock, LongTime *time);
+int __wrap___clock_gettime64(clockid_t clock, LongTime *time);
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec *time)
+{
+    if (clock != CLOCK_REALTIME)
+        return __real_clock_gettime(clock, time);
+    if (sizeof(time->tv_sec) < sizeof(shownSecond)) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    *time = {static_cast<time_t>(shownSecond), 789000000};
+    return 0;
+}
+
+#if __TIMESIZE == 32
+int __wrap___clock_gettime64(clockid_t clock, LongTime *time)
+{
+    if (clock != CLOCK_REALTIME)
+        return __real___clock_gettime64(clock, time);
+    *time = {shownSecond, 789000000};
+    return 0;
+}
+#endif
+
+/** What the log shows after 2038, when a time of 32 bits has ended. */
+class LogYearsTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void aLineOfTheYear2040BearsItsDate();
+};
+
+void LogYearsTest::aLineOfTheYear2040BearsItsDate()
+{
+    qputenv("TZ", "UTC");
+    const LogFolder folder;
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    logNumbers(log, 1, 1);
+    const QString line = folder.lines(1).value(0);
+    QVERIFY2(line.startsWith("17-03-2040 12:34:56:789 ["), qPrintable(line));
+}
+
+QTEST_GUILESS_MAIN(LogYearsTest)
+#include "tst_logyears.moc"
