@@ -363,7 +363,6 @@ protected:
     // A handler in the ending thread opened a port: start once more.
     bool _startPending GUARDED_BY(_mutex) = false;
     bool _retired GUARDED_BY(_mutex) = false;
-    mutable std::atomic<int> _waitingReaders{0};
     // The timer belongs to the core's thread; the others see it through these.
     std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
     std::atomic<bool> _mainLoopActive{false};

@@ -16,18 +16,6 @@ bool isLogged(int size)
     return size > 5 && size < 500;
 }
 
-// Counts its maker for as long as it lives, also when its thread is killed.
-class Counted
-{
-public:
-    explicit Counted(std::atomic<int> &count) : _count(count) { ++_count; }
-    ~Counted() { --_count; }
-    Q_DISABLE_COPY(Counted)
-
-private:
-    std::atomic<int> &_count;
-};
-
 // The rule adds a count of messages to a count of bytes; it does not bound the queue's bytes.
 bool hasRoom(const QQueue<QByteArray> &queue, int size)
 {
@@ -156,8 +144,7 @@ void UsbHAL::_announcePayload(int port, QMutexLocker &locker)
 {
     _emitUnlocked(locker, [&] {
         emit readyRead(port);
-        if (_waitingReaders != 0) // they are counted before they look for the message
-            _readyReadCond.wakeOne();
+        _readyReadCond.wakeOne();
     });
 }
 
@@ -207,7 +194,6 @@ bool UsbHAL::waitForReadyRead(int port, int msecs) const
     const CheckedLocker locker(&_mutex);
     if (!_isUsable(port))
         return false;
-    const Counted reader(_waitingReaders);
     return _waitUntil(_readyReadCond, msecs,
                       [&]() REQUIRES(_mutex) { return _nbBytesReceived(port) != 0; });
 }

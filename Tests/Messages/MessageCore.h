@@ -90,7 +90,6 @@ public:
     using UsbHAL::_grantWriters;
     using UsbHAL::_idleMessage;
     using UsbHAL::_nbBytesWaitingToBeRead;
-    using UsbHAL::_waitingReaders;
     using UsbHAL::_writeAllowedCond;
 
     ParamHal setup;

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "MessageCore.h"
 
-#include <Background.h>
-
 #include <QTest>
 
 #include <atomic>
@@ -48,7 +46,6 @@ private slots:
     void aWaitEndsWithItsTime();
     void aWaitEndsWithTheMessage();
     void aWaitGoesOnWhileAnEmptyMessageIsAtTheHead();
-    void aWaitThatBeginsDuringTheSignalEndsWithTheMessage();
     void aWaitGoesOnAfterAMessageForAnotherPort();
     void aReaderInItsOwnThreadGetsEveryByteInOrder();
 };
@@ -364,25 +361,6 @@ void MessageReadingTest::aWaitGoesOnWhileAnEmptyMessageIsAtTheHead()
     QVERIFY(!endedEarly);
     QVERIFY(ended);
     QCOMPARE(core.read(1, 100), QByteArray("abc"));
-}
-
-void MessageReadingTest::aWaitThatBeginsDuringTheSignalEndsWithTheMessage()
-{
-    MessageCore core;
-    QVERIFY(core.start());
-    QVERIFY(core.receive(dataMessage(1, "")));
-    std::future<bool> waiter;
-    QObject::connect(
-        &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
-        [&](int port) {
-            waiter = inBackground([&core, port] { return core.waitForReadyRead(port, 30000); });
-            QTRY_COMPARE(core._waitingReaders, 1);
-            core.read(port, 1); // the empty message that it waits behind
-        },
-        Qt::DirectConnection);
-    QVERIFY(core.receive(dataMessage(1, "abc")));
-    QVERIFY(endsWithin(waiter, 10000));
-    QVERIFY(waiter.get());
 }
 
 void MessageReadingTest::aWaitGoesOnAfterAMessageForAnotherPort()
