@@ -121,6 +121,8 @@ public:
             _folder = "./";
         if (path(_index) == formerPath && _keepsFiles())
             checkFile(formerPath + ".keep", _current);
+        _leavesFiles = _leavesFiles || (_opened && !_keepsFiles());
+        _opened = true;
         _created = created;
         _current.clear();
         _currentGone = false;
@@ -165,6 +167,9 @@ public:
         if (!_previousPath.isEmpty())
             checkFile(_previousPath, _previous);
     }
+
+    /** Whether files of an earlier open may stand beside those of the last one. */
+    bool leavesFiles() const { return _leavesFiles; }
 
     int numberedFiles() const
     {
@@ -235,6 +240,8 @@ private:
     int _index = 1;
     int _maxLines = 10000;
     int _lines = 0;
+    bool _opened = false;
+    bool _leavesFiles = false;
     bool _created = false;
     bool _currentGone = false;
     bool _reporting = false;
@@ -358,7 +365,9 @@ private:
         QString folder = _path();
         if (folder.startsWith('/') || folder.startsWith('\\'))
             folder.prepend(_place.path());
-        const QString name = _path();
+        QString name = _path();
+        if (folder.isEmpty() && name.startsWith('/'))
+            name.prepend(_place.path());
         const bool created = _log.open(folder, name);
         require(created || !_model.isCreated(), "an open takes no file away");
         _follows = _model.open(folder, name, created);
@@ -397,7 +406,7 @@ private:
     void _check()
     {
         _model.checkDisk();
-        require(!_model.isCreated() || _model.numberedFiles() <= 2,
+        require(!_model.isCreated() || _model.leavesFiles() || _model.numberedFiles() <= 2,
                 "at most two numbered files stand beside the kept ones");
     }
 
