@@ -8,13 +8,15 @@
 #include "workerthread.h"
 
 #include <QDir>
-#include <QFileInfo>
+
+#include <dirent.h>
 
 #include <algorithm>
 #include <ctime>
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <memory>
 
 namespace {
 
@@ -104,8 +106,25 @@ void compose(LogLine &line, const LogPart &function, unsigned int number, LogTex
     line.append('\n');
 }
 
-// What QDir's name filter <name>*<ending> finds, without the memory that Qt's regular expressions
-// take for the rest of the process.
+struct DirectoryCloser
+{
+    void operator()(DIR *directory) const { closedir(directory); }
+};
+
+// Not by QDir: it has a regular expression and more for it, a quarter of a MiB of code and tables
+// that then stay in memory for as long as the process runs.
+QStringList visibleEntries(const QString &folder)
+{
+    QStringList entries;
+    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(QFile::encodeName(folder)));
+    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+        if (entry->d_name[0] != '.')
+            entries += QFile::decodeName(entry->d_name);
+    }
+    return entries;
+}
+
+// As QDir's name filter <name>*<ending>.
 bool matches(const QString &entry, const QString &name, QLatin1String ending)
 {
     return entry.size() >= name.size() + ending.size() &&
@@ -146,7 +165,9 @@ QString LogPart::toString() const
     case Kind::Number:
         break;
     }
-    return QString::number(_number);
+    LogLine digits;
+    appendNumber(digits, _number);
+    return QString::fromLatin1(digits.constData(), digits.size());
 }
 
 QString toString(LogText text)
@@ -231,19 +252,20 @@ bool UsbHalLog::isLogCreated()
 
 QString UsbHalLog::_path(int index) const
 {
-    return _logDir + _logName + QString::number(index) + ".log";
+    return toString({_logDir, _logName, index, ".log"});
 }
 
 void UsbHalLog::_createLogDir()
 {
-    const QString folder = QFileInfo(_path(_fileIndex)).absolutePath();
-    if (!QDir(folder).exists() && !QDir().mkpath(folder))
+    const QString path = _path(_fileIndex);
+    const QString folder = path.left(path.lastIndexOf('/') + 1);
+    if (!folder.isEmpty() && !QDir().mkpath(folder))
         _logDir = QStringLiteral("./");
 }
 
 void UsbHalLog::_keepPreviousFiles()
 {
-    const QStringList entries = QDir(_logDir).entryList(QDir::NoFilter, QDir::Unsorted);
+    const QStringList entries = visibleEntries(_logDir.isEmpty() ? QStringLiteral(".") : _logDir);
     for (const QString &entry : entries) {
         if (matches(entry, _logName, QLatin1String(".log.keep")))
             QFile::remove(_logDir + entry);
