@@ -4,7 +4,6 @@
 #include "UsbHalLog.h"
 
 #include <QRegExp>
-#include <QVarLengthArray>
 
 #include <algorithm>
 
@@ -15,28 +14,30 @@ constexpr int excerptFrom = 6;     // bytes; shorter ones are not worth it
 constexpr int excerptPart = 40;    // bytes of each end
 constexpr int excerptWholeTo = 80; // bytes; up to here the whole message is shown
 
-// What goes before a payload. On the stack: the message then takes memory once, and as much as it
-// needs.
-using Header = QVarLengthArray<char, 32>;
-
-void append(Header &header, const QByteArray &bytes)
+constexpr qint64 powerOfTen(int exponent)
 {
-    header.append(bytes.constData(), bytes.size());
+    return exponent == 0 ? 1 : 10 * powerOfTen(exponent - 1);
 }
 
 // A value that the field cannot hold makes it wider.
-void appendDecimalField(Header &header, qint64 value, int width)
+int fieldSize(qint64 value, int width)
 {
-    const int begin = header.size();
-    header.resize(begin + width);
-    char *const field = header.data() + begin;
-    qint64 rest = value;
-    for (int i = width - 1; i >= 0; --i, rest /= 10)
+    if (value >= 0 && value < powerOfTen(width))
+        return width;
+    return qMax(width, QByteArray::number(value).size());
+}
+
+// Returns the end of the field.
+char *putField(char *field, qint64 value, int size)
+{
+    if (value < 0) {
+        const QByteArray digits = QByteArray::number(value).rightJustified(size, '0');
+        return std::copy(digits.cbegin(), digits.cend(), field);
+    }
+    auto rest = static_cast<quint32>(value);
+    for (int i = size - 1; i >= 0; --i, rest /= 10)
         field[i] = static_cast<char>('0' + rest % 10);
-    if (value >= 0 && rest == 0)
-        return;
-    header.resize(begin);
-    append(header, QByteArray::number(value).rightJustified(width, '0'));
+    return field + size;
 }
 
 QString toText(const QByteArray &bytes)
@@ -65,15 +66,17 @@ std::optional<int> parseDecimal(const char *field, int width)
     return value;
 }
 
+// The message takes memory once, and as much as it needs.
 QByteArray frameData(UsbConnID port, const char *payload, int size)
 {
-    Header header;
-    append(header, magicNumber);
-    appendDecimalField(header, idWidth + size, lengthWidth);
-    appendDecimalField(header, port, idWidth);
-    QByteArray message(header.size() + size, Qt::Uninitialized);
-    std::copy(header.cbegin(), header.cend(), message.begin());
-    std::copy_n(payload, size, message.begin() + header.size());
+    const qint64 length = qint64(idWidth) + size;
+    const int lengthSize = fieldSize(length, lengthWidth);
+    const int portSize = fieldSize(port, idWidth);
+    QByteArray message(magicSize + lengthSize + portSize + size, Qt::Uninitialized);
+    char *end = std::copy_n(magic, magicSize, message.data());
+    end = putField(end, length, lengthSize);
+    end = putField(end, port, portSize);
+    std::copy_n(payload, size, end);
     return message;
 }
 
@@ -105,10 +108,7 @@ DataMessage cutData(const QByteArray &bytes)
 
 QByteArray frameMaxReadSize(quint32 size)
 {
-    Header header;
-    append(header, devNoData);
-    appendDecimalField(header, size, maxReadSizeWidth);
-    return QByteArray(header.constData(), header.size());
+    return devNoData + QByteArray::number(size).rightJustified(maxReadSizeWidth, '0');
 }
 
 std::optional<int> parseMaxReadSize(const QByteArray &bytes)
