@@ -6,17 +6,8 @@
 #include <QCoreApplication>
 
 #include <cstdio>
-#include <sys/prctl.h>
 
 namespace {
-
-// The kernel lengthens each sleep of a thread by up to its timer slack, 50 us unless told
-// otherwise. The library sleeps 10 ms twice for each message, so this alone may cost half a
-// percent of the rate. A new thread inherits the slack of the one that starts it.
-void sleepPrecisely()
-{
-    ::prctl(PR_SET_TIMERSLACK, 1UL);
-}
 
 ParamHal configuration(const Options &options)
 {
@@ -44,7 +35,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "cannot handle SIGINT and SIGTERM\n");
         return 1;
     }
-    sleepPrecisely();
     ConnectionManager manager(commandLine.options);
     if (!manager.start(configuration(commandLine.options))) {
         manager.stop();
