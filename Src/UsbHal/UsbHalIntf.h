@@ -48,7 +48,7 @@ const QString SocketStateStr[3] = {QStringLiteral("CLOSED"), QStringLiteral("OPE
  */
 struct ParamHal
 {
-    quint32 maxReadSize = 0;       ///< largest single read from the device, bytes, at most 99999
+    quint32 maxReadSize = 0;       ///< largest single read, bytes; should be at most 99999
     quint32 maxWriteSize = 0;      ///< largest single write to the device, bytes
     quint32 drvOption = 0;         ///< handed to the driver, not used
     quint32 rdTimeout = 0;         ///< read time-out of the node, ms; 2000 at its first open
@@ -106,7 +106,8 @@ public:
     void getDefaultSetup(ParamHal &param) const;
 
     /**
-     * Opens a port; the first open starts the communication with the host. While an earlier stop()
+     * Opens a port, 0 to 9999; the first open starts the communication with the host. Other numbers
+     * are not refused, but what is written to them reaches no host whole. While an earlier stop()
      * is under way it waits for that, at most threadStopTimeout ms, and fails with code 7 when the
      * stop takes longer. Returns false after emitting error() with code 3, 4, 5 or 7.
      */
@@ -119,13 +120,15 @@ public:
     SocketState socketStatus(int port) const;
 
     /**
-     * Closes a port. Waits up to 300 ms for the messages of all ports to be written; what is still
+     * Closes a port. Waits 300 ms when messages wait to be written, of whatever port; what is still
      * queued for the port then is dropped. Returns false after emitting error() with code 6 when
      * the port is not open.
      */
     bool closeConnection(int port);
 
-    /** Path of the device node in use; empty while none is open, "unknown" until it delivers data.
+    /**
+     * Path of the device node in use; empty while none is open, "unknown" until it has delivered
+     * data for the first time.
      */
     QString driverName() const;
 
@@ -170,14 +173,22 @@ public:
     /** Always empty; call read() once for each readyRead() instead. Takes no lock. */
     QByteArray readAll(int port);
 
-    /** Waits until no message waits to be written, at most msecs ms. */
+    /**
+     * Waits until no message waits to be written, at most msecs ms. Nothing wakes it: when one does
+     * at the call, it takes all of msecs. Polling bytesToWrite() is quicker.
+     */
     void flush(int msecs);
 
-    /** Waits for the link, at most msecs ms; 0 or less only looks. Returns whether it is up. */
+    /**
+     * Waits for the link, at most msecs ms; 0 or less only looks. Returns whether it is up. Wakes
+     * one waiting thread: further ones see the link at their time-out.
+     */
     bool waitForConnected(int msecs) const;
 
-    /** Waits for the link's loss, at most msecs ms; 0 or less only looks. Returns whether it is
-     * down. */
+    /**
+     * Waits for the link's loss, at most msecs ms; 0 or less only looks. Returns whether it is
+     * down. A loss wakes one waiting thread, a stop() and a restart by the watchdog none.
+     */
     bool waitForDisconnected(int msecs) const;
 
     /**
@@ -199,8 +210,9 @@ public:
     /**
      * Ends the communication and closes the device. Ports stay as they are; openConnection() for a
      * port that is not open starts the communication again. Waits for the communication thread, at
-     * most threadStopTimeout ms, and kills it after that. In a handler that runs in the
-     * communication thread it only asks: the thread ends when the handler returns.
+     * most threadStopTimeout ms, and kills it after that, which may take 3 s; before it up to half
+     * a second for the watchdog's timer. In a handler that runs in the communication thread it only
+     * asks: the thread ends when the handler returns.
      */
     void stop();
 
@@ -223,9 +235,15 @@ public:
     void freeMem();
 
 signals:
-    /** The link to the host is up. */
+    /**
+     * The link to the host is up; not emitted when its first message is DEVICE_CONN for a port that
+     * is not open.
+     */
     void connected();
-    /** The link to the host was lost; not emitted by stop(), which emits stateChanged() only. */
+    /**
+     * The link to the host was lost; not emitted by stop(), which emits stateChanged() only, nor by
+     * a restart by the watchdog, which emits that and the ports' signals.
+     */
     void disconnected();
     /** A port was opened, or is back with the link. */
     void connected(int port);
@@ -246,7 +264,7 @@ signals:
      * - 8: the driver refused to close
      */
     void error(int num, void *data);
-    /** The link changed its state. */
+    /** The link changed its state; not emitted where connected() is not. */
     void stateChanged(DriverState st);
     /** A port changed its state; a close is reported as DISCONNECTED. */
     void socketStateChanged(UsbConnID port, SocketState st);

@@ -189,8 +189,8 @@ private:
     // A folder in its way holds a file where it is.
     static bool _canBeKept(const QString &path) { return !QFileInfo(path + ".keep").isDir(); }
 
-    // Whether the current file has made way for the new one: not where its name is a pattern that
-    // it does not match itself, or hidden.
+    // Whether the current file has made way for the new one: not where its name is hidden or has a
+    // folder in it. Plain names are neither.
     bool _keepsFiles() const
     {
         const auto isPlain = [](QChar c) { return c >= '0' && c <= 'z' && c.isLetterOrNumber(); };
@@ -257,7 +257,7 @@ public:
     Place() : _folder(QDir("/dev/shm").exists() ? "/dev/shm/usbhal-fuzz-log" : "usbhal-fuzz-log")
     {
         require(_folder.isValid(), "there is a folder");
-        qputenv("TZ", "UTC0"); // else the C library looks at the system's zone file for every line
+        qputenv("TZ", "UTC0"); // else the C library looks at the system's zone file every second
     }
 
     QString path() const { return _folder.path(); }

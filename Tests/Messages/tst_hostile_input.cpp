@@ -246,7 +246,8 @@ private slots:
 
 void HostileInputTest::initTestCase()
 {
-    // Without a zone of its own the C library looks at the system's zone file for every log line.
+    // Without a zone of its own the C library looks at the system's zone file once a second for
+    // each thread that logs.
     qputenv("TZ", "UTC0");
 }
 
