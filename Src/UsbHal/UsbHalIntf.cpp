@@ -4,10 +4,35 @@
 #include "GadgetDriver.h"
 #include "UsbHal.h"
 
+#include <cstddef>
 #include <new>
 #include <unistd.h>
 
 namespace {
+
+// ParamHal's layout, which programs were built against, with words of 64 bits and of 32.
+constexpr bool wideWords = sizeof(void *) == 8;
+static_assert(wideWords || sizeof(void *) == 4);
+static_assert(offsetof(ParamHal, maxReadSize) == 0);
+static_assert(offsetof(ParamHal, maxWriteSize) == 4);
+static_assert(offsetof(ParamHal, drvOption) == 8);
+static_assert(offsetof(ParamHal, rdTimeout) == 12);
+static_assert(offsetof(ParamHal, wrTimeout) == 16);
+static_assert(offsetof(ParamHal, maxWatchdogErrors) == 20);
+static_assert(offsetof(ParamHal, threadStopTimeout) == 24);
+static_assert(offsetof(ParamHal, maxWriteFifoSize) == 28);
+static_assert(offsetof(ParamHal, nbRetry) == 32);
+static_assert(offsetof(ParamHal, maxClients) == 36);
+static_assert(offsetof(ParamHal, mainLoopPeriod) == 40);
+static_assert(offsetof(ParamHal, spareParam1) == 44);
+static_assert(offsetof(ParamHal, spareParam2) == 48);
+static_assert(offsetof(ParamHal, spareParam3) == 52);
+static_assert(offsetof(ParamHal, logDir) == 56);
+static_assert(offsetof(ParamHal, spareFlag) == (wideWords ? 64 : 60));
+static_assert(offsetof(ParamHal, spareName) == (wideWords ? 72 : 64));
+static_assert(offsetof(ParamHal, maxLogLines) == (wideWords ? 80 : 68));
+static_assert(sizeof(ParamHal) == (wideWords ? 88 : 72));
+static_assert(alignof(ParamHal) == alignof(void *));
 
 QSharedPointer<AbstractDriver> createDriver()
 {

@@ -5,27 +5,7 @@
 #include <QSignalSpy>
 #include <QtTest>
 
-#include <cstddef>
 #include <type_traits>
-
-namespace {
-
-// The record's layout is an interface, with words of 32 bits as with words of 64.
-constexpr bool wideWords = sizeof(void *) == 8;
-static_assert(wideWords || sizeof(void *) == 4);
-static_assert(sizeof(QString) == sizeof(void *) && sizeof(UsbConnID) == 4);
-static_assert(sizeof(ParamHal) == (wideWords ? 88 : 72));
-static_assert(alignof(ParamHal) == alignof(void *));
-static_assert(offsetof(ParamHal, maxReadSize) == 0);
-static_assert(offsetof(ParamHal, rdTimeout) == 12);
-static_assert(offsetof(ParamHal, maxClients) == 36);
-static_assert(offsetof(ParamHal, spareParam3) == 52);
-static_assert(offsetof(ParamHal, logDir) == 56);
-static_assert(offsetof(ParamHal, spareFlag) == (wideWords ? 64 : 60));
-static_assert(offsetof(ParamHal, spareName) == (wideWords ? 72 : 64));
-static_assert(offsetof(ParamHal, maxLogLines) == (wideWords ? 80 : 68));
-
-} // namespace
 
 /** Connects to a core's signals by their text, as a client with queued connections does. */
 class QueuedClient : public QObject
@@ -59,7 +39,6 @@ private slots:
     void theEnumerationsHaveTheirValues();
     void theTablesOfStateNamesAreIndexedByTheStates();
     void aPortIsASigned32BitNumber();
-    void theRecordHasItsFieldsInTheirOrder();
     void theRecordHasItsFieldTypes();
     void aDefaultRecordHoldsNothing();
     void theDefaultSetupWritesEightFields();
@@ -168,32 +147,6 @@ void TypesTest::theTablesOfStateNamesAreIndexedByTheStates()
 void TypesTest::aPortIsASigned32BitNumber()
 {
     QVERIFY((std::is_same<UsbConnID, qint32>::value));
-}
-
-void TypesTest::theRecordHasItsFieldsInTheirOrder()
-{
-    const QList<size_t> offsets = {offsetof(ParamHal, maxReadSize),
-                                   offsetof(ParamHal, maxWriteSize),
-                                   offsetof(ParamHal, drvOption),
-                                   offsetof(ParamHal, rdTimeout),
-                                   offsetof(ParamHal, wrTimeout),
-                                   offsetof(ParamHal, maxWatchdogErrors),
-                                   offsetof(ParamHal, threadStopTimeout),
-                                   offsetof(ParamHal, maxWriteFifoSize),
-                                   offsetof(ParamHal, nbRetry),
-                                   offsetof(ParamHal, maxClients),
-                                   offsetof(ParamHal, mainLoopPeriod),
-                                   offsetof(ParamHal, spareParam1),
-                                   offsetof(ParamHal, spareParam2),
-                                   offsetof(ParamHal, spareParam3),
-                                   offsetof(ParamHal, logDir),
-                                   offsetof(ParamHal, spareFlag),
-                                   offsetof(ParamHal, spareName),
-                                   offsetof(ParamHal, maxLogLines)};
-    QCOMPARE(offsets.size(), 18);
-    QCOMPARE(offsets.first(), size_t(0));
-    for (int i = 1; i < offsets.size(); ++i)
-        QVERIFY2(offsets.at(i - 1) < offsets.at(i), qPrintable(QString::number(i + 1)));
 }
 
 void TypesTest::theRecordHasItsFieldTypes()
