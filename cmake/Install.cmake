@@ -21,9 +21,6 @@ install(FILES
     ${PROJECT_BINARY_DIR}/UsbHalConfigVersion.cmake
     DESTINATION ${USBHAL_CMAKE_DIR} COMPONENT usbhal)
 
-# The prefix is only known when the project is installed: usbhal.pc finds it from its own place.
-file(RELATIVE_PATH USBHAL_PREFIX_FROM_PKGCONFIG
-    ${CMAKE_INSTALL_PREFIX}/${USBHAL_PKGCONFIG_DIR} ${CMAKE_INSTALL_PREFIX})
 configure_file(
     ${PROJECT_SOURCE_DIR}/cmake/usbhal.pc.in ${PROJECT_BINARY_DIR}/usbhal.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/usbhal.pc
