@@ -206,9 +206,6 @@ protected:
     quint32 _nbClients() const REQUIRES(_mutex) { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
-    ReadQueue *_readQueue(int port) const REQUIRES(_mutex);
-    ReadQueue *_openQueue(int port) const REQUIRES(_mutex);
-    bool _isUsable(int port) const REQUIRES(_mutex);
     bool _canClose(int port) const REQUIRES(_mutex);
     bool _isEnding() const REQUIRES(_mutex);
     bool _isCommunicating() const REQUIRES(_mutex);
@@ -233,6 +230,9 @@ protected:
     void _logFault(usb_messages::Fault fault, const QByteArray &message) REQUIRES(_mutex);
     ReadQueue *_reopenPort(int port) REQUIRES(_mutex);
     void _announcePayload(int port, QMutexLocker &locker) REQUIRES(_mutex);
+    ReadQueue *_readQueue(int port) const REQUIRES(_mutex);
+    ReadQueue *_openQueue(int port) const REQUIRES(_mutex);
+    bool _isUsable(int port) const REQUIRES(_mutex);
     ReadQueue *_readableQueue(int port) const REQUIRES(_mutex);
     int _nbBytesReceived(int port) const REQUIRES(_mutex);
     quint32 _nbBytesWaitingToBeRead() const REQUIRES(_mutex) { return _totalBytesWaitingRead; }

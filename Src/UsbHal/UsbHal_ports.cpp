@@ -81,24 +81,6 @@ SocketState UsbHAL::socketStatus(UsbConnID port) const
 }
 
 // The port's queue, null for one that has none.
-UsbHAL::ReadQueue *UsbHAL::_readQueue(int port) const
-{
-    const auto found = _readQueues.constFind(port);
-    return found == _readQueues.constEnd() ? nullptr : found->data();
-}
-
-// The port's queue while the port is open, else null.
-UsbHAL::ReadQueue *UsbHAL::_openQueue(int port) const
-{
-    return _socketStates.value(port) == SocketState::OPENED ? _readQueue(port) : nullptr;
-}
-
-bool UsbHAL::_isUsable(int port) const
-{
-    return _socketStates.value(port) == SocketState::OPENED &&
-           _driverState == DriverState::CONNECTED;
-}
-
 bool UsbHAL::_canClose(int port) const
 {
     return _readQueue(port) && _clientCount != 0 &&

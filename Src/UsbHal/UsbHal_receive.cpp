@@ -207,6 +207,24 @@ bool UsbHAL::waitForReadyRead(int port, int msecs) const
                       [&]() REQUIRES(_mutex) { return _nbBytesReceived(port) != 0; });
 }
 
+UsbHAL::ReadQueue *UsbHAL::_readQueue(int port) const
+{
+    const auto found = _readQueues.constFind(port);
+    return found == _readQueues.constEnd() ? nullptr : found->data();
+}
+
+// The port's queue while the port is open, else null.
+UsbHAL::ReadQueue *UsbHAL::_openQueue(int port) const
+{
+    return _socketStates.value(port) == SocketState::OPENED ? _readQueue(port) : nullptr;
+}
+
+bool UsbHAL::_isUsable(int port) const
+{
+    return _socketStates.value(port) == SocketState::OPENED &&
+           _driverState == DriverState::CONNECTED;
+}
+
 // The port's queue while a client may read it and it holds a message, else null.
 UsbHAL::ReadQueue *UsbHAL::_readableQueue(int port) const
 {
