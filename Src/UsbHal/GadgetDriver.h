@@ -23,7 +23,7 @@ public:
     bool open() override;
     /** Closes every descriptor; always true. */
     bool close() override;
-    /** See AbstractDriver; a write that takes no byte pauses 17 ms. */
+    /** See AbstractDriver; a write that fails without taking a byte pauses 17 ms. */
     int write(QByteArray data) override;
     /** See AbstractDriver; a read without data pauses one second. */
     int read(QByteArray *data) override;

@@ -264,7 +264,10 @@ signals:
      * - 8: the driver refused to close
      */
     void error(int num, void *data);
-    /** The link changed its state; not emitted where connected() is not. */
+    /**
+     * The link changed its state; as connected(), not emitted when it comes up with DEVICE_CONN for
+     * a port that is not open.
+     */
     void stateChanged(DriverState st);
     /** A port changed its state; a close is reported as DISCONNECTED. */
     void socketStateChanged(UsbConnID port, SocketState st);

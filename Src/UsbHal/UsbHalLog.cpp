@@ -10,6 +10,7 @@
 #include <QDir>
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
@@ -111,25 +112,36 @@ struct DirectoryCloser
     void operator()(DIR *directory) const { closedir(directory); }
 };
 
-// Not by QDir: it has a regular expression and more for it, a quarter of a MiB of code and tables
-// that then stay in memory for as long as the process runs.
-QStringList visibleEntries(const QString &folder)
+bool matches(const QString &name, const QString &prefix, QLatin1String ending)
 {
-    QStringList entries;
-    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(QFile::encodeName(folder)));
-    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
-        if (entry->d_name[0] != '.')
-            entries += QFile::decodeName(entry->d_name);
-    }
-    return entries;
+    return name.size() >= prefix.size() + ending.size() && !name.startsWith('.') &&
+           name.startsWith(prefix, Qt::CaseInsensitive) &&
+           name.endsWith(ending, Qt::CaseInsensitive);
 }
 
-// As QDir's name filter <name>*<ending>.
-bool matches(const QString &entry, const QString &name, QLatin1String ending)
+// Neither a FIFO, a socket or a device, nor a link that leads nowhere.
+bool isFileOrFolder(const QByteArray &path)
 {
-    return entry.size() >= name.size() + ending.size() &&
-           entry.startsWith(name, Qt::CaseInsensitive) &&
-           entry.endsWith(ending, Qt::CaseInsensitive);
+    struct stat entry = {};
+    struct stat target = {};
+    return lstat(path.constData(), &entry) == 0 && stat(path.constData(), &target) == 0 &&
+           (S_ISREG(entry.st_mode) || S_ISDIR(entry.st_mode) || S_ISLNK(entry.st_mode));
+}
+
+// What QDir lists for the name filter <prefix>*<ending>. Not by QDir: it has a regular expression
+// and more for it, a quarter of a MiB of code and tables that then stay in memory for as long as
+// the process runs.
+QStringList findFiles(const QString &folder, const QString &prefix, QLatin1String ending)
+{
+    QStringList paths;
+    const QByteArray place = folder.isEmpty() ? QByteArray(".") : QFile::encodeName(folder);
+    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir(place.constData()));
+    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+        const QString name = QFile::decodeName(entry->d_name);
+        if (matches(name, prefix, ending) && isFileOrFolder(QFile::encodeName(folder + name)))
+            paths += folder + name;
+    }
+    return paths;
 }
 
 void writeToConsole(const LogPart &function, LogText text)
@@ -258,22 +270,19 @@ QString UsbHalLog::_path(int index) const
 void UsbHalLog::_createLogDir()
 {
     const QString path = _path(_fileIndex);
-    const QString folder = path.left(path.lastIndexOf('/') + 1);
-    if (!folder.isEmpty() && !QDir().mkpath(folder))
+    const QString folder = QDir(path.left(path.lastIndexOf('/') + 1)).absolutePath();
+    if (!QDir(folder).exists() && !QDir().mkpath(folder))
         _logDir = QStringLiteral("./");
 }
 
 void UsbHalLog::_keepPreviousFiles()
 {
-    const QStringList entries = visibleEntries(_logDir.isEmpty() ? QStringLiteral(".") : _logDir);
-    for (const QString &entry : entries) {
-        if (matches(entry, _logName, QLatin1String(".log.keep")))
-            QFile::remove(_logDir + entry);
-    }
-    for (const QString &entry : entries) {
-        if (matches(entry, _logName, QLatin1String(".log")))
-            QFile::rename(_logDir + entry, _logDir + entry + ".keep");
-    }
+    const QStringList kept = findFiles(_logDir, _logName, QLatin1String(".log.keep"));
+    for (const QString &path : kept)
+        QFile::remove(path);
+    const QStringList previous = findFiles(_logDir, _logName, QLatin1String(".log"));
+    for (const QString &path : previous)
+        QFile::rename(path, path + ".keep");
 }
 
 bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)

@@ -80,7 +80,6 @@ SocketState UsbHAL::socketStatus(UsbConnID port) const
     return _socketStates.value(port, SocketState::CLOSED);
 }
 
-// The port's queue, null for one that has none.
 bool UsbHAL::_canClose(int port) const
 {
     return _readQueue(port) && _clientCount != 0 &&

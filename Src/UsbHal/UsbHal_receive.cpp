@@ -207,6 +207,7 @@ bool UsbHAL::waitForReadyRead(int port, int msecs) const
                       [&]() REQUIRES(_mutex) { return _nbBytesReceived(port) != 0; });
 }
 
+// The port's queue, null for one that has none.
 UsbHAL::ReadQueue *UsbHAL::_readQueue(int port) const
 {
     const auto found = _readQueues.constFind(port);

@@ -12,6 +12,9 @@
 #include <QThread>
 #include <QtTest>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cmath>
 
 namespace {
@@ -21,6 +24,12 @@ int qtMessages = 0;
 void countQtMessage(QtMsgType, const QMessageLogContext &, const QString &)
 {
     ++qtMessages;
+}
+
+unsigned kindOf(const QString &path)
+{
+    struct stat entry = {};
+    return lstat(qPrintable(path), &entry) == 0 ? entry.st_mode & S_IFMT : 0;
 }
 
 qint32 reducedThreadId()
@@ -65,6 +74,7 @@ private slots:
     void filesOfTheRunBeforeAreKept();
     void filesKeptBeforeAreRemoved();
     void filesOfOthersStay();
+    void whatIsNoFileOrLeadsNowhereStays();
     void aKeptFileThatCannotBeRemovedIsIgnored();
     void aFileThatCannotBeKeptIsIgnored();
     void aFileInTheWayIsTruncated();
@@ -282,6 +292,22 @@ void LogFilesTest::filesOfOthersStay()
     for (const QString &name : others)
         QCOMPARE(folder.content(name), name.toUtf8());
     QCOMPARE(folder.names().size(), others.size() + 1);
+}
+
+void LogFilesTest::whatIsNoFileOrLeadsNowhereStays()
+{
+    const LogFolder folder;
+    const QStringList names = {"UsbHal7.log", "UsbHal8.log.keep"};
+    for (const QString &name : names) {
+        QCOMPARE(mkfifo(qPrintable(folder.file("usbhal" + name)), 0600), 0);
+        QCOMPARE(symlink("nowhere", qPrintable(folder.file(name))), 0);
+    }
+    UsbHalLog log;
+    QVERIFY(log.open(folder.path(), logName));
+    for (const QString &name : names) {
+        QCOMPARE(kindOf(folder.file("usbhal" + name)), unsigned(S_IFIFO));
+        QCOMPARE(kindOf(folder.file(name)), unsigned(S_IFLNK));
+    }
 }
 
 void LogFilesTest::aKeptFileThatCannotBeRemovedIsIgnored()
