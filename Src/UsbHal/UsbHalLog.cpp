@@ -8,6 +8,7 @@
 #include "workerthread.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -269,8 +270,7 @@ QString UsbHalLog::_path(int index) const
 
 void UsbHalLog::_createLogDir()
 {
-    const QString path = _path(_fileIndex);
-    const QString folder = QDir(path.left(path.lastIndexOf('/') + 1)).absolutePath();
+    const QString folder = QFileInfo(_path(_fileIndex)).absolutePath();
     if (!QDir(folder).exists() && !QDir().mkpath(folder))
         _logDir = QStringLiteral("./");
 }
