@@ -23,7 +23,8 @@ void addOptions(CLI::App &application, SoakOptions &options)
 {
     application.add_option("--minutes", options.minutes, "End after so many minutes")
         ->check(CLI::Range(0.0, longestRun));
-    application.add_option("--seed", options.seed, "Repeat the choices of an earlier run");
+    application.add_option("--seed", options.seed, "Repeat the choices of an earlier run")
+        ->envname("USBHAL_SEED");
     application
         .add_option("--status-period", options.statusPeriod, "Seconds between two status lines")
         ->check(CLI::Range(0.1, longestPeriod))
