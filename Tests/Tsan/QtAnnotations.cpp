@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// ThreadSanitizer cannot see how Qt's locks order memory: they are built on futexes inside a
-// library that is not instrumented. These definitions stand before Qt's own in every program they
-// are linked into, tell ThreadSanitizer what happens, and call the originals.
+// ThreadSanitizer cannot see how Qt's locks and events order memory: they are built on futexes
+// inside a library that is not instrumented. The definitions of Qt's functions here stand before
+// Qt's own in every program they are linked into, tell ThreadSanitizer what happens, and call the
+// originals.
 
 #include <QMutex>
 #include <QWaitCondition>
+#include <Qt>
 
 #include <cstdlib>
 #include <dlfcn.h>
@@ -75,7 +77,8 @@ bool QWaitCondition::wait(QMutex *mutex, unsigned long time)
 }
 
 // Qt hands an event to another thread under a lock of its own. All that can be seen of that is
-// where the event lies: the thread that it is delivered to comes after the one that allocated it.
+// where the event lies: the thread that it is delivered to comes after the one that allocated it,
+// though not after what that one wrote into it then.
 void *operator new(std::size_t size)
 {
     void *const memory = std::malloc(size);
@@ -111,9 +114,10 @@ const bool eventsAreAcquired =
 // QtTest watches each test function from a thread of its own and meets it over a condition that
 // lives inside libQt5Test, where nothing can be annotated. A text's assignment lets go of the old
 // one inside libQt5Core, which hides that another thread had let go of it before.
-// What an event carries is created and destroyed inside libQt5Core, where the list of events grows.
-// The time zone is read under a lock of the C library. When the driver of a killed thread is
-// closed, Qt's wait for that thread hides that its last read was before.
+// What an event carries is created after the event, and destroyed, inside libQt5Core, where the
+// list of events grows, too; the price of the latter is that an array's header that is read without
+// a lock does not show. The time zone is read under a lock of the C library. When the driver of a
+// killed thread is closed, Qt's wait for that thread hides that its last read was before.
 //
 // Exported: ThreadSanitizer looks it up by name.
 extern "C" Q_DECL_EXPORT const char *__tsan_default_suppressions();
