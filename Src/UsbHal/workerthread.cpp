@@ -4,6 +4,7 @@
 #include "UsbHal.h"
 
 #include <mutex>
+#include <pthread.h>
 #include <sys/prctl.h>
 
 #ifndef __EXCEPTIONS

@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "UsbHal.h"
-
-#include "UsbHalLog.h"
+#include "usb_messages.h"
 
 #include <QRegExp>
 
@@ -40,9 +38,11 @@ char *putField(char *field, qint64 value, int size)
     return field + size;
 }
 
+// Up to the first zero byte.
 QString toText(const QByteArray &bytes)
 {
-    return LogPart(bytes).toString();
+    const uint size = qstrnlen(bytes.constData(), static_cast<uint>(bytes.size()));
+    return QString::fromUtf8(bytes.constData(), static_cast<int>(size));
 }
 
 } // namespace
