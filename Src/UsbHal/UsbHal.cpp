@@ -11,10 +11,8 @@ namespace {
 
 constexpr quint32 largestMaxClients = 5;
 constexpr quint32 defaultMainLoopPeriod = 100; // ms
-constexpr int timerStopPolls = 25;
-constexpr unsigned long timerStopPause = 20; // ms
-constexpr qint64 killableSlice = 100;        // ms
-constexpr int destructionTimeout = 10000;    // ms
+constexpr qint64 killableSlice = 100;          // ms
+constexpr int destructionTimeout = 10000;      // ms
 
 const char *const errorTexts[] = {
     "No error",
@@ -54,30 +52,6 @@ UsbHAL::~UsbHAL()
 {
     retire();
     waitForDisconnected(destructionTimeout);
-}
-
-void UsbHAL::retire()
-{
-    logLine("~UsbHAL", {"UsbHAL::~UsbHAL"});
-    {
-        const CheckedLocker locker(&_mutex);
-        _retired = true;
-    }
-    stop();
-}
-
-bool UsbHAL::isInHandler() const
-{
-    return emissionDepth > 0 || isConnectedThread();
-}
-
-// Whether the core may be destroyed now: neither beneath frames of its own nor beside its own
-// thread, which alone may stop its timer.
-bool UsbHAL::isDestroyable() const
-{
-    const QThread *const owner = thread();
-    return !isInHandler() && !(isRunning() && _connectedThread.belongsTo(this)) &&
-           (!owner || owner == QThread::currentThread() || owner->isFinished());
 }
 
 void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
@@ -127,47 +101,10 @@ bool UsbHAL::setupConfig(const ParamHal &param)
     return true;
 }
 
-void UsbHAL::stop()
-{
-    CheckedLocker locker(&_mutex);
-    ++_stops;
-    _setMainLoopTimer(0);
-    if (isConnectedThread())
-        _askThreadToEnd();
-    else
-        _endCommunication(locker);
-    _updateStatus(DriverState::DISCONNECTED, locker);
-}
-
-void UsbHAL::_endCommunication(QMutexLocker &locker)
-{
-    ++_stopsInProgress;
-    for (int i = 0; _mainLoopActive && i < timerStopPolls; ++i)
-        _pause(timerStopPause, locker);
-    _askThreadToEnd();
-    _endThread(locker);
-    --_stopsInProgress;
-    _stopEndedCond.wakeAll();
-}
-
-void UsbHAL::_askThreadToEnd()
-{
-    logLine("stop", {"watchdog stopped"});
-    if (_hwDriver)
-        _hwDriver->cancelPendingIo();
-    _running = false;
-    _startPending = false;
-}
-
 DriverState UsbHAL::status() const
 {
     const CheckedLocker locker(&_mutex);
     return _driverState;
-}
-
-bool UsbHAL::isRunning() const
-{
-    return _connectedThread.isRunning();
 }
 
 bool UsbHAL::isHost() const
