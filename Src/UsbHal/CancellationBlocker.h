@@ -18,18 +18,14 @@ public:
     Q_DISABLE_COPY(CancellationBlocker)
 
     /** Lets a kill that waits happen here, unless an outer blocker holds it off. */
-    void testCancel() const { _testCancelIn(_formerState); }
-    /** Lets a kill that waits happen here, whatever holds it off. */
-    static void letCancel() { _testCancelIn(PTHREAD_CANCEL_ENABLE); }
-
-private:
-    static void _testCancelIn(int state)
+    void testCancel() const
     {
-        pthread_setcancelstate(state, nullptr);
+        pthread_setcancelstate(_formerState, nullptr);
         pthread_testcancel();
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     }
 
+private:
     int _formerState = PTHREAD_CANCEL_ENABLE;
 };
 

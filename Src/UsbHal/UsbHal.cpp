@@ -11,7 +11,6 @@ namespace {
 
 constexpr quint32 largestMaxClients = 5;
 constexpr quint32 defaultMainLoopPeriod = 100; // ms
-constexpr qint64 killableSlice = 100;          // ms
 constexpr int destructionTimeout = 10000;      // ms
 
 const char *const errorTexts[] = {
@@ -35,7 +34,7 @@ alignas(WorkerThread) unsigned char threadStorage[sizeof(WorkerThread)];
 
 } // namespace
 
-thread_local int UsbHAL::emissionDepth = 0;
+thread_local int UsbHAL::_emissionDepth = 0;
 WorkerThread &UsbHAL::_connectedThread = *new (threadStorage) WorkerThread;
 
 UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(drivers)
@@ -56,14 +55,14 @@ UsbHAL::~UsbHAL()
 
 void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
 {
-    // A kill within QWaitCondition::wait() would leave both its locks in disorder. A handler that
-    // waits in the communication thread can be killed between two slices of its wait.
+    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
     const CancellationBlocker blocker;
-    const bool killable = isConnectedThread();
-    const qint64 slice = killable ? qMin(msecs, killableSlice) : msecs;
-    condition.wait(&_mutex, static_cast<unsigned long>(slice));
-    if (killable)
-        CancellationBlocker::letCancel();
+    const bool inHandler = isConnectedThread();
+    if (inHandler)
+        _handlerWait = &condition;
+    condition.wait(&_mutex, static_cast<unsigned long>(msecs));
+    if (inHandler)
+        _handlerWait = nullptr;
 }
 
 void UsbHAL::getDefaultSetup(ParamHal &param) const

@@ -4,6 +4,7 @@
 
 #include "AbstractDriver.h"
 #include "CancellationBlocker.h"
+#include "MainLoopTimer.h"
 #include "UsbHalIntf.h"
 #include "threadsafety.h"
 #include "usb_messages.h"
@@ -14,10 +15,10 @@
 #include <QList>
 #include <QQueue>
 #include <QSharedPointer>
-#include <QTimer>
 #include <QWaitCondition>
 
 #include <atomic>
+#include <sys/types.h>
 
 /** Appends without the copy that Qt's lists take, which costs two atomic operations. */
 inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
@@ -76,14 +77,19 @@ public:
 
     void watchdog(bool enable);
 
-    /** Stops the core for good: from now on openConnection fails with code 7. */
-    void retire();
+    /**
+     * Stops the core for good: from now on openConnection fails with code 7. Returns whether its
+     * thread is gone; a second call only looks.
+     */
+    bool retire();
     /** Whether the caller runs in this core's communication thread. */
     bool isConnectedThread() const;
     /** Whether the caller was called by a signal of a core, whose frames it must not destroy. */
     bool isInHandler() const;
-    /** Whether the caller may destroy the core, once it is stopped. */
+    /** Whether the caller may destroy the core, once its thread is gone. */
     bool isDestroyable() const;
+    /** Whether this process, not one that it was forked from, last started the communication. */
+    bool hasStartedHere() const;
 
 signals: // documented in UsbHALIntf, which relays them
     void connected();
@@ -105,9 +111,10 @@ protected:
 
     using ReadQueue = QQueue<QByteArray>;
 
-    // The codes of error(), as getErrorStr() knows them.
+    // The codes of error(), see the table in UsbHal.cpp.
     enum Error {
-        WrongSize = 1,
+        NoError,
+        WrongSize,
         WrongId,
         NoMemory,
         PortAlreadyOpen,
@@ -117,6 +124,15 @@ protected:
         CloseFailed,
         NotOpenedPort,
         BufferOverflow
+    };
+
+    // What the communication thread is at; see _changeCommunication().
+    enum class Communication {
+        Ended,      // there is none, and another may be started
+        Running,    // it communicates
+        Ending,     // it has been asked to end, or ends by itself
+        Restarting, // so, too, but a handler in it has opened a port since: it is to begin anew
+        Finishing   // it has left the core; Qt still finishes it, and may call clients' destructors
     };
 
     // The two halves of a cycle: the device reads in the first, the host writes in it.
@@ -137,17 +153,13 @@ protected:
     void _onConnected(QMutexLocker &locker) REQUIRES(_mutex);
     void _onDisconnected(QMutexLocker &locker) REQUIRES(_mutex);
     void _emitError(int code, void *data, QMutexLocker &locker) REQUIRES(_mutex);
-    void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
-    void _askThreadToEnd() REQUIRES(_mutex);
+    bool _releaseDriver() REQUIRES(_mutex);
+    void _releaseDriverOrReport(const char *function, const char *closed, const char *refused,
+                                QMutexLocker &locker) REQUIRES(_mutex);
     quint32 _nbClients() const REQUIRES(_mutex) { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
     bool _canClose(int port) const REQUIRES(_mutex);
-    bool _isEnding() const REQUIRES(_mutex);
-    bool _isCommunicating() const REQUIRES(_mutex);
-    bool _waitForEnding(QMutexLocker &locker) REQUIRES(_mutex);
-    bool _startCommunication() REQUIRES(_mutex);
-    bool _startThread() REQUIRES(_mutex);
     bool _prepareReadQueue(int port) REQUIRES(_mutex);
     void _discardReadQueue(int port) REQUIRES(_mutex);
     bool _closeConnection(int port, QMutexLocker &locker) REQUIRES(_mutex);
@@ -170,6 +182,8 @@ protected:
     ReadQueue *_openQueue(int port) const REQUIRES(_mutex);
     bool _isUsable(int port) const REQUIRES(_mutex);
     ReadQueue *_readableQueue(int port) const REQUIRES(_mutex);
+    QByteArray _takeHead(int port, ReadQueue &queue) REQUIRES(_mutex);
+    QByteArray _takePart(int port, ReadQueue &queue, int size) REQUIRES(_mutex);
     int _nbBytesReceived(int port) const REQUIRES(_mutex);
     quint32 _nbBytesWaitingToBeRead() const REQUIRES(_mutex) { return _totalBytesWaitingRead; }
     void _clearReadFifo() REQUIRES(_mutex);
@@ -181,17 +195,41 @@ protected:
     void _clearWriteFifo() REQUIRES(_mutex);
     int _clearWriteFifoForPort(int port) REQUIRES(_mutex);
 
-    // Communication thread and watchdog (UsbHal_thread.cpp)
+    // Start and end of the communication (UsbHal_lifecycle.cpp)
+    void _changeCommunication(Communication state) REQUIRES(_mutex);
+    bool _isCommunicating() const REQUIRES(_mutex);
+    bool _hasToEnd() const REQUIRES(_mutex);
+    bool _waitForEnding() REQUIRES(_mutex);
+    bool _startCommunication() REQUIRES(_mutex);
+    bool _startThread() REQUIRES(_mutex);
+    void _beginRun() REQUIRES(_mutex);
+    void _beginEnding() REQUIRES(_mutex);
+    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
+    void _endOfConnectedThread();
+    void _onThreadGone();
+    void _stopMainLoop() REQUIRES(_mutex);
+    void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
+    void _askThreadToEnd() REQUIRES(_mutex);
+    void _endThread(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _waitForEnd(qint64 msecs) REQUIRES(_mutex);
+    void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
+    void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _replaceThread(quint32 stops, QMutexLocker &locker) REQUIRES(_mutex);
+    void _releaseDriverOfDeadThread() REQUIRES(_mutex);
+
+    // Watchdog (UsbHal_watchdog.cpp)
+    bool _isWatchdogDue() const REQUIRES(_mutex);
+    void _resetWatchdog() REQUIRES(_mutex);
+
+    // Communication thread (UsbHal_thread.cpp)
     void *_connectedFunc(void *arg);
     void _communicate(QMutexLocker &locker) REQUIRES(_mutex);
     bool _openAnyDriver(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
     bool _reportFailedOpens(Session &session) REQUIRES(_mutex);
     AbstractDriver *_open(QMutexLocker &locker) REQUIRES(_mutex);
     bool _closeDriver() REQUIRES(_mutex);
-    bool _releaseDriver() REQUIRES(_mutex);
     bool _runCycles(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
-    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _writeAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsHost(QMutexLocker &locker) REQUIRES(_mutex);
@@ -214,31 +252,17 @@ protected:
     bool _tryReopen(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
     bool _isReopenHopeless(const Session &session) const REQUIRES(_mutex);
     void _grantWriters() REQUIRES(_mutex);
-    void _endOfConnectedThread();
-    void _endThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
-    bool _waitForThread(QMutexLocker &locker, unsigned long time) REQUIRES(_mutex);
-    bool _isWatchdogDue() const REQUIRES(_mutex);
-    void _resetWatchdog() REQUIRES(_mutex);
-    void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _releaseDriverOfDeadThread() REQUIRES(_mutex);
-    void _beginCommunication() REQUIRES(_mutex);
-    void _setMainLoopTimer(quint32 period);
-    void _applyMainLoopPeriod();
-    void _retireMainLoopTimer();
 
     /**
-     * Waits on a condition until reached() holds, at most msecs ms; 0 or less only looks. Called
-     * with the mutex held; returns whether reached() holds.
+     * Waits on a condition until reached() holds, at most msecs ms; 0 or less only looks. In the
+     * communication thread the wait is over, too, when that has to end. Called with the mutex held;
+     * returns whether reached() holds.
      */
     template <typename Predicate>
     bool _waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const
         REQUIRES(_mutex);
 
-    /**
-     * Waits on a condition with the mutex held, at most msecs ms; shorter in the communication
-     * thread, which may be killed.
-     */
+    /** Waits on a condition with the mutex held, at most msecs ms, or for less. */
     void _waitOn(QWaitCondition &condition, qint64 msecs) const REQUIRES(_mutex);
 
     /**
@@ -253,7 +277,7 @@ protected:
     static void _emitUnlocked(QMutexLocker &locker, Emission emission);
 
     static WorkerThread &_connectedThread;
-    static thread_local int emissionDepth; // handlers of this thread that are on its stack
+    static thread_local int _emissionDepth; // handlers of this thread that are on its stack
 
     QList<int> _reserved; // keeps its place in the object, unused
     bool _maxSizeExchanged GUARDED_BY(_mutex) = false;
@@ -270,7 +294,7 @@ protected:
     QHash<int, QSharedPointer<ReadQueue>> _readQueues GUARDED_BY(_mutex);
     QList<QByteArray> _writeFifo GUARDED_BY(_mutex);
     QHash<int, SocketState> _socketStates GUARDED_BY(_mutex);
-    QTimer _mainLoopTimer;
+    MainLoopTimer _mainLoopTimer;
     QElapsedTimer _mainLoopClock GUARDED_BY(_mutex);
     bool _forceLowLevelDisconnection GUARDED_BY(_mutex) = false;
     QWaitCondition _writeAllowedCond;
@@ -292,17 +316,16 @@ protected:
     quint32 _lastMaxReadSize GUARDED_BY(_mutex) = 0;
     QByteArray _maxReadSizeMessage GUARDED_BY(_mutex);
 
-    QWaitCondition _stopEndedCond;
+    Communication _communication GUARDED_BY(_mutex) = Communication::Ended;
+    QWaitCondition _communicationCond; // woken when it, or what else a start waits for, changes
+    mutable QWaitCondition *_handlerWait GUARDED_BY(_mutex) = nullptr; // of the thread's handler
+    quint32 _runs GUARDED_BY(_mutex) = 0;  // so far, so that a waiter tells one from the next
+    quint32 _stops GUARDED_BY(_mutex) = 0; // so far, so that others notice one
     quint32 _stopsInProgress GUARDED_BY(_mutex) = 0;
-    // So far, so that the watchdog and the receive path notice one.
-    quint32 _stops GUARDED_BY(_mutex) = 0;
-    // A handler in the ending thread opened a port: start once more.
-    bool _startPending GUARDED_BY(_mutex) = false;
+    quint32 _endWaits GUARDED_BY(_mutex) = 0; // threads that wait for the thread's end
     bool _retired GUARDED_BY(_mutex) = false;
-    // The timer belongs to the core's thread; the others see it through these.
-    std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
-    std::atomic<bool> _mainLoopActive{false};
-    std::atomic<bool> _mainLoopChangePosted{false};
+    std::atomic<pid_t> _process{0};                        // that last started the thread
+    QHash<int, QByteArray> _partlyRead GUARDED_BY(_mutex); // what heads point into, by port
 };
 
 // Not checked: the predicate asks for the mutex by the name it has where the predicate was written.
@@ -314,7 +337,7 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs,
     timer.start();
     while (!reached()) {
         const qint64 left = msecs - timer.elapsed();
-        if (left <= 0)
+        if (left <= 0 || _hasToEnd())
             return false;
         _waitOn(condition, left);
     }
@@ -334,8 +357,8 @@ void UsbHAL::_emitUnlocked(QMutexLocker &locker, Emission emission)
 {
     struct Handlers
     {
-        Handlers() { ++emissionDepth; }
-        ~Handlers() { --emissionDepth; }
+        Handlers() { ++_emissionDepth; }
+        ~Handlers() { --_emissionDepth; }
         // A kill amid Qt's delivery would leave the receiver's event loop deaf, and one in a
         // handler would unwind through a client's destructors.
         const CancellationBlocker blocker;

@@ -3,10 +3,9 @@
 
 #include "UsbHalLog.h"
 
-#include <QAbstractEventDispatcher>
 #include <QThread>
 
-#include <limits>
+#include <unistd.h>
 
 namespace {
 
@@ -16,34 +15,74 @@ constexpr unsigned long timerStopPause = 20; // ms
 constexpr int timerEndPolls = 500;
 constexpr unsigned long timerEndPause = 1; // ms
 
+/** Counts what is under way, as long as it lives. */
+class ScopedCount
+{
+public:
+    explicit ScopedCount(quint32 &count) : _count(count) { ++_count; }
+    ~ScopedCount() { --_count; }
+    Q_DISABLE_COPY(ScopedCount)
+
+private:
+    quint32 &_count;
+};
+
+// Stops that this thread is in: a handler that one of them calls must not wait for it.
+thread_local quint32 stopsOfThisThread = 0;
+
 } // namespace
+
+// ---- the state of the communication ----
+
+void UsbHAL::_changeCommunication(Communication state)
+{
+    _communication = state;
+    _communicationCond.wakeAll();
+    if (_handlerWait)
+        _handlerWait->wakeAll();
+}
 
 bool UsbHAL::_isCommunicating() const
 {
-    return (_running || _startPending) && _connectedThread.belongsTo(this) &&
-           _connectedThread.isRunning();
+    return _communication == Communication::Running || _communication == Communication::Restarting;
 }
 
-// Whether a stop is under way or the thread, asked to end, has not ended yet.
-bool UsbHAL::_isEnding() const
+// Whether the caller is the communication thread and must not wait any longer.
+bool UsbHAL::_hasToEnd() const
 {
-    return _stopsInProgress != 0 || (!_isCommunicating() && _connectedThread.isRunning());
+    return _communication != Communication::Running && isConnectedThread();
 }
+
+bool UsbHAL::isConnectedThread() const
+{
+    return WorkerThread::currentOwner() == this;
+}
+
+bool UsbHAL::isInHandler() const
+{
+    return _emissionDepth > 0 || isConnectedThread();
+}
+
+bool UsbHAL::isRunning() const
+{
+    const CheckedLocker locker(&_mutex);
+    return _isCommunicating() || _communication == Communication::Ending;
+}
+
+// ---- the start ----
 
 // A port that is opened while the communication ends would die with it. Returns whether the
 // communication goes on or can be started afresh.
-bool UsbHAL::_waitForEnding(QMutexLocker &locker)
+bool UsbHAL::_waitForEnding()
 {
-    if (isConnectedThread())
-        return _stopsInProgress == 0;
-    QElapsedTimer timer;
-    timer.start();
-    _waitUntil(_stopEndedCond, _param.threadStopTimeout,
-               [this]() REQUIRES(_mutex) { return _stopsInProgress == 0; });
-    const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
-    if (_isEnding())
-        _waitForThread(locker, static_cast<unsigned long>(left));
-    return !_isEnding();
+    if (isConnectedThread()) // which cannot wait for itself
+        return _stopsInProgress == 0 && _communication != Communication::Finishing;
+    const ScopedCount waiting(_endWaits);
+    return _waitUntil(_communicationCond, _param.threadStopTimeout, [this]() REQUIRES(_mutex) {
+        _mainLoopTimer.catchUp(); // others wait for it, and its thread is here
+        return _stopsInProgress <= stopsOfThisThread &&
+               (_isCommunicating() || _communication == Communication::Ended);
+    });
 }
 
 bool UsbHAL::_startCommunication()
@@ -57,7 +96,7 @@ bool UsbHAL::_startCommunication()
         return false;
     _resetWatchdog();
     connect(&_mainLoopTimer, &QTimer::timeout, this, &UsbHAL::_mainLoop, Qt::UniqueConnection);
-    _setMainLoopTimer(_param.mainLoopPeriod);
+    _mainLoopTimer.setPeriod(_param.mainLoopPeriod);
     _mainLoopClock.start();
     return true;
 }
@@ -65,46 +104,79 @@ bool UsbHAL::_startCommunication()
 // Returns false when the thread runs for another core or cannot be started.
 bool UsbHAL::_startThread()
 {
-    if (isConnectedThread()) {
-        _startPending = true;
+    if (isConnectedThread()) { // which a handler in it has asked to end
+        _changeCommunication(Communication::Restarting);
         return true;
     }
     if (!_connectedThread.startFor(this))
         return false;
-    _beginCommunication();
+    _process = ::getpid();
+    _beginRun();
     _forceLowLevelDisconnection = false;
     return true;
 }
 
-void UsbHAL::retire()
+// What a run of the communication begins with. A new thread waits for the mutex meanwhile.
+void UsbHAL::_beginRun()
 {
-    logLine("~UsbHAL", {"UsbHAL::~UsbHAL"});
-    {
-        const CheckedLocker locker(&_mutex);
-        _retired = true;
-    }
-    stop();
+    ++_runs;
+    _nextAction = firstHalf;
+    _running = true;
+    _changeCommunication(Communication::Running);
 }
 
-bool UsbHAL::isInHandler() const
+// ---- the end, in the thread ----
+
+void UsbHAL::_leaveThread(QMutexLocker &locker)
 {
-    return emissionDepth > 0 || isConnectedThread();
+    _beginEnding();
+    _releaseDriverOrReport("_connectedFunc", "USB driver closed", "Could not close USB driver !",
+                           locker);
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _maxSizeExchanged = false;
 }
 
-// Whether the core may be destroyed now: neither beneath frames of its own nor beside its own
-// thread, which alone may stop its timer.
-bool UsbHAL::isDestroyable() const
+void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
 {
-    const QThread *const owner = thread();
-    return !isInHandler() && !(isRunning() && _connectedThread.belongsTo(this)) &&
-           (!owner || owner == QThread::currentThread() || owner->isFinished());
+    _beginEnding();
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _onDisconnected(locker);
 }
+
+void UsbHAL::_beginEnding()
+{
+    _running = false;
+    if (_communication == Communication::Running)
+        _changeCommunication(Communication::Ending);
+}
+
+void UsbHAL::_endOfConnectedThread()
+{
+    CheckedLocker locker(&_mutex);
+    logLine("_endOfConnectedThread", {"clean exit of communication thread"});
+    if (_mainLoopTimer.period() != 0)
+        _stopMainLoop();
+    // The thread that the timer lives in may itself wait for this one.
+    for (int i = 0; _mainLoopTimer.isTicking() && _endWaits == 0 && i < timerEndPolls; ++i)
+        _pause(timerEndPause, locker);
+    logLine("_endOfConnectedThread", {"watchdog stopped"});
+    _changeCommunication(Communication::Finishing);
+}
+
+void UsbHAL::_onThreadGone()
+{
+    const CheckedLocker locker(&_mutex);
+    _connectedThread.release();
+    _changeCommunication(Communication::Ended);
+}
+
+// ---- the end, from outside ----
 
 void UsbHAL::stop()
 {
     CheckedLocker locker(&_mutex);
     ++_stops;
-    _setMainLoopTimer(0);
+    _stopMainLoop();
     if (isConnectedThread())
         _askThreadToEnd();
     else
@@ -112,15 +184,23 @@ void UsbHAL::stop()
     _updateStatus(DriverState::DISCONNECTED, locker);
 }
 
+void UsbHAL::_stopMainLoop()
+{
+    _mainLoopTimer.setPeriod(0);
+    _communicationCond.wakeAll(); // the thread that the timer lives in may wait there
+}
+
 void UsbHAL::_endCommunication(QMutexLocker &locker)
 {
-    ++_stopsInProgress;
-    for (int i = 0; _mainLoopActive && i < timerStopPolls; ++i)
-        _pause(timerStopPause, locker);
-    _askThreadToEnd();
-    _endThread(locker);
-    --_stopsInProgress;
-    _stopEndedCond.wakeAll();
+    {
+        const ScopedCount stopping(_stopsInProgress);
+        const ScopedCount own(stopsOfThisThread);
+        for (int i = 0; _mainLoopTimer.isTicking() && i < timerStopPolls; ++i)
+            _pause(timerStopPause, locker);
+        _askThreadToEnd();
+        _endThread(locker);
+    }
+    _communicationCond.wakeAll();
 }
 
 void UsbHAL::_askThreadToEnd()
@@ -129,143 +209,49 @@ void UsbHAL::_askThreadToEnd()
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     _running = false;
-    _startPending = false;
-}
-
-bool UsbHAL::isRunning() const
-{
-    return _connectedThread.isRunning();
-}
-
-// The state of a communication whose thread was just started: it waits for the mutex, so it cannot
-// see the state of before.
-void UsbHAL::_beginCommunication()
-{
-    _nextAction = firstHalf;
-    _running = true;
-    _startPending = false;
-}
-
-void UsbHAL::_leaveThread(QMutexLocker &locker)
-{
-    if (_releaseDriver()) {
-        logLine("_connectedFunc", {"USB driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", {"Could not close USB driver !"});
-    }
-    _running = false;
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _maxSizeExchanged = false;
-}
-
-void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
-{
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _onDisconnected(locker);
-    _running = false;
-}
-
-void UsbHAL::_endOfConnectedThread()
-{
-    CheckedLocker locker(&_mutex);
-    logLine("_endOfConnectedThread", {"clean exit of communication thread"});
-    if (_mainLoopPeriod != 0)
-        _setMainLoopTimer(0);
-    // The thread that owns the timer may itself wait for this one, in a stop.
-    for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerEndPolls; ++i)
-        _pause(timerEndPause, locker);
-    logLine("_endOfConnectedThread", {"watchdog stopped"});
+    if (_isCommunicating())
+        _changeCommunication(Communication::Ending);
 }
 
 // Waits for the thread after it was asked to end, and kills it when it does not.
 void UsbHAL::_endThread(QMutexLocker &locker)
 {
-    if (_waitForThread(locker, _param.threadStopTimeout)) {
+    if (_waitForEnd(_param.threadStopTimeout)) {
         logLine("stop", {"communication thread stopped"});
         return;
     }
     logLine("stop", {"communication thread still running"});
     _stopWorkerThread(killTimeout);
-    if (_releaseDriver()) {
-        logLine("stop", {"USB driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("stop", {"ERROR: could not close USB driver !"});
-    }
+    _releaseDriverOrReport("stop", "USB driver closed", "ERROR: could not close USB driver !",
+                           locker);
+}
+
+// Waits until this run is over, at most msecs ms: another may have begun by the time it wakes.
+bool UsbHAL::_waitForEnd(qint64 msecs)
+{
+    const ScopedCount waiting(_endWaits);
+    const quint32 run = _runs;
+    return _waitUntil(_communicationCond, msecs, [this, run]() REQUIRES(_mutex) {
+        return _communication == Communication::Ended || _runs != run;
+    });
 }
 
 void UsbHAL::_stopWorkerThread(unsigned long time)
 {
+    if (_isCommunicating())
+        _changeCommunication(Communication::Ending);
     {
         const QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
-        if (_connectedThread.belongsTo(this))
+        if (_communication == Communication::Ending)
             _connectedThread.terminate();
     }
-    // The thread may have to pass the mutex to reach a point where it can be cancelled.
-    _mutex.unlock();
-    const bool ended = !_connectedThread.belongsTo(this) || _connectedThread.wait(time);
-    _mutex.lock();
+    // The thread may have to pass the mutex, which the wait releases, to a point where it can end.
+    const bool ended = _waitForEnd(static_cast<qint64>(time));
     logLine("_stopWorkerThread", {ended ? "communication thread did not stop -> killed"
                                         : "ERROR: could not stop communication thread !"});
 }
 
-// A stop() that found the thread killed has left the driver to whoever killed it.
-void UsbHAL::_releaseDriverOfDeadThread()
-{
-    if (!_running && !_connectedThread.isRunning())
-        _releaseDriver();
-}
-
-bool UsbHAL::isConnectedThread() const
-{
-    return QThread::currentThread() == &_connectedThread && _connectedThread.belongsTo(this);
-}
-
-// Returns whether the thread has ended, or never ran for this core.
-bool UsbHAL::_waitForThread(QMutexLocker &locker, unsigned long time)
-{
-    if (!_connectedThread.belongsTo(this))
-        return true;
-    bool ended = false;
-    _runUnlocked(locker, [&] { ended = _connectedThread.wait(time); });
-    return ended;
-}
-
-void UsbHAL::watchdog(bool /*enable*/) {}
-
-void UsbHAL::_mainLoop()
-{
-    CheckedLocker locker(&_mutex);
-    if (!_isWatchdogDue())
-        return;
-    const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
-    if (progress > 0) {
-        _lastLoopCounter = _loopCounter;
-        _watchdogErrors = 0;
-    } else if (++_watchdogErrors > _param.maxWatchdogErrors) {
-        _restartStuckThread(locker);
-    }
-    _mainLoopClock.restart();
-}
-
-bool UsbHAL::_isWatchdogDue() const
-{
-    // A tick of a timer that was stopped meanwhile must not restart what stop() has ended.
-    if (_mainLoopPeriod == 0 || !_driverOpened)
-        return false;
-    // Rounded: a precise timer may fire a fraction of a millisecond early.
-    if ((_mainLoopClock.nsecsElapsed() + 500000) / 1000000 < _param.mainLoopPeriod)
-        return false;
-    return !(_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _handshaking);
-}
-
-void UsbHAL::_resetWatchdog()
-{
-    _watchdogErrors = 0;
-    _loopCounter = 0;
-    _lastLoopCounter = 0;
-}
+// ---- the restart ----
 
 void UsbHAL::_restartStuckThread(QMutexLocker &locker)
 {
@@ -275,51 +261,66 @@ void UsbHAL::_restartStuckThread(QMutexLocker &locker)
     if (_hwDriver)
         _hwDriver->cancelPendingIo();
     if (isHost())
-        _running = false;
-    if (!_waitForThread(locker, _param.threadStopTimeout) && _stops == stops)
-        _stopWorkerThread(killTimeout);
-    // Nothing here may touch what a stop() has ended during the waits and handlers.
+        _beginEnding();
+    const bool ended = _waitForEnd(_param.threadStopTimeout);
+    {
+        const ScopedCount stopping(_stopsInProgress); // who opens a port waits for the new run
+        const ScopedCount own(stopsOfThisThread);
+        if (!ended && _stops == stops)
+            _stopWorkerThread(killTimeout);
+        _replaceThread(stops, locker);
+    }
+    _communicationCond.wakeAll();
+}
+
+// Touches nothing of what a stop has ended since so many stops.
+void UsbHAL::_replaceThread(quint32 stops, QMutexLocker &locker)
+{
     if (_stops == stops)
         _updateStatus(DriverState::DISCONNECTED, locker);
     if (_stops == stops)
         _changeAllSocketsState(SocketState::DISCONNECTED, locker);
-    if (_stops != stops) {
+    if (_stops != stops)
         _releaseDriverOfDeadThread();
-    } else if (_connectedThread.startFor(this)) {
-        _beginCommunication();
+    else if (_communication == Communication::Ended && _startThread())
         _resetWatchdog();
+}
+
+// A stop() that found the thread killed has left the driver to whoever killed it.
+void UsbHAL::_releaseDriverOfDeadThread()
+{
+    if (!_running && _communication == Communication::Ended)
+        _releaseDriver();
+}
+
+// ---- the end of the core ----
+
+// Stops the core for good. Returns whether its thread is gone.
+bool UsbHAL::retire()
+{
+    {
+        const CheckedLocker locker(&_mutex);
+        if (_retired)
+            return _communication == Communication::Ended;
+        _retired = true;
     }
+    logLine("~UsbHAL", {"UsbHAL::~UsbHAL"});
+    stop();
+    const CheckedLocker locker(&_mutex);
+    return _communication == Communication::Ended;
 }
 
-// In the core's thread as it ends: from no other could the timer be stopped.
-void UsbHAL::_retireMainLoopTimer()
+// Whether the caller may destroy the core: neither beneath frames of its own nor beside the thread
+// that it lives in, which alone may stop its timer.
+bool UsbHAL::isDestroyable() const
 {
-    _mainLoopPeriod = 0;
-    _applyMainLoopPeriod();
+    const QThread *const owner = thread();
+    return !isInHandler() && (!owner || owner == QThread::currentThread() || owner->isFinished());
 }
 
-// Starts the timer, or stops it with a period of 0, in the thread that it belongs to.
-void UsbHAL::_setMainLoopTimer(quint32 period)
+// A forked child has the core's locks as they were at the fork, but neither the thread that its
+// parent started nor the right to the device.
+bool UsbHAL::hasStartedHere() const
 {
-    _mainLoopPeriod = static_cast<int>(qMin<quint32>(period, std::numeric_limits<int>::max()));
-    if (QThread::currentThread() == thread())
-        _applyMainLoopPeriod();
-    else if (!_mainLoopChangePosted.exchange(true))
-        QMetaObject::invokeMethod(this, &UsbHAL::_applyMainLoopPeriod, Qt::QueuedConnection);
-}
-
-void UsbHAL::_applyMainLoopPeriod()
-{
-    _mainLoopChangePosted = false;
-    const int period = _mainLoopPeriod;
-    if (period == 0) {
-        _mainLoopTimer.stop();
-    } else if (QAbstractEventDispatcher::instance()) {
-        connect(thread(), &QThread::finished, this, &UsbHAL::_retireMainLoopTimer,
-                Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
-        _mainLoopTimer.setTimerType(Qt::PreciseTimer);
-        _mainLoopTimer.setSingleShot(false);
-        _mainLoopTimer.start(period);
-    }
-    _mainLoopActive = _mainLoopTimer.isActive();
+    return _process == ::getpid();
 }

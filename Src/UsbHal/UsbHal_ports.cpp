@@ -25,7 +25,7 @@ bool UsbHAL::openConnection(UsbConnID port)
 {
     CheckedLocker locker(&_mutex);
     logLine("openConnection", {"opening driver"});
-    const bool ready = _waitForEnding(locker);
+    const bool ready = _waitForEnding();
     if (_openQueue(port)) {
         _emitError(Error::PortAlreadyOpen, portParameter(port), locker);
         return false;
@@ -105,6 +105,7 @@ void UsbHAL::_discardReadQueue(int port)
     ReadQueue *const queue = _readQueue(port);
     while (!queue->isEmpty())
         _totalBytesWaitingRead -= textLength(queue->dequeue());
+    _partlyRead.remove(port);
 }
 
 bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)

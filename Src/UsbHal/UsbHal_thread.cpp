@@ -14,6 +14,7 @@ namespace {
 
 constexpr unsigned long transferPause = 10; // ms, after each read and write
 constexpr unsigned long reopenPause = 1000; // ms
+constexpr unsigned long noDriverPause = 1;  // ms
 constexpr quint32 openFailuresLogged = 50;  // failed opens in a row before they are logged
 constexpr quint32 hostReopenFailures = 49;  // failed reopens in a row that the host takes
 constexpr quint32 hostHandshakePasses = 20; // passes that the host's handshake may take
@@ -27,9 +28,8 @@ void *UsbHAL::_connectedFunc(void * /*arg*/)
 {
     CheckedLocker locker(&_mutex);
     _communicate(locker);
-    while (_startPending) {
-        _startPending = false;
-        _running = true;
+    while (_communication == Communication::Restarting) {
+        _beginRun();
         _communicate(locker);
     }
     return nullptr;
@@ -62,6 +62,8 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
         }
         if (++session.failedOpens > openFailuresLogged && !_reportFailedOpens(session))
             return false;
+        if (_drivers.isEmpty()) // whose opens else give the pace, and the mutex to others
+            _pause(noDriverPause, locker);
     }
     return true;
 }
@@ -129,6 +131,16 @@ bool UsbHAL::_releaseDriver()
     _hwDriver = nullptr;
     _driverOpened = false;
     return true;
+}
+
+// Says how the release went, a refusal also by the error signal.
+void UsbHAL::_releaseDriverOrReport(const char *function, const char *closed, const char *refused,
+                                    QMutexLocker &locker)
+{
+    const bool released = _releaseDriver();
+    if (!released)
+        _emitError(Error::CloseFailed, nullptr, locker);
+    logLine(function, {released ? closed : refused});
 }
 
 bool UsbHAL::_readBlock(QByteArray &block, QMutexLocker &locker)
@@ -357,12 +369,8 @@ void UsbHAL::_resetLink(QMutexLocker &locker)
 // Returns false when the host role gives up.
 bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 {
-    if (_releaseDriver()) {
-        logLine("_connectedFunc", {"UsbHAL driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", {"Could not close USB driver !"});
-    }
+    _releaseDriverOrReport("_connectedFunc", "UsbHAL driver closed", "Could not close USB driver !",
+                           locker);
     if (session.handshakeFailed && _nbClients() == 0) {
         logLine("_connectedFunc", {"failed to setup handshake with device, leaving thread"});
         return false;

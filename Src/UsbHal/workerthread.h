@@ -2,13 +2,14 @@
 #ifndef WORKERTHREAD_H
 #define WORKERTHREAD_H
 
+#include <QSemaphore>
 #include <QThread>
 
 #include <atomic>
 
 class UsbHAL;
 
-/** Thread that runs the communication function of a core. */
+/** Thread that runs the communication function of a core, one core's at a time. */
 class WorkerThread : public QThread
 {
     Q_OBJECT
@@ -18,13 +19,16 @@ public:
     ~WorkerThread() override;
 
     /**
-     * Starts the thread for a core, from any thread. Returns false while it runs already and when
-     * the system has no thread to give.
+     * Starts the thread for a core, from any thread. Returns false while it belongs to a core and
+     * when the system has no thread to give.
      */
     bool startFor(UsbHAL *owner);
 
-    /** Whether the thread runs, or last ran, for this core. May be called from any thread. */
-    bool belongsTo(const UsbHAL *core) const { return _owner == core; }
+    /** Gives the thread free for the next start; for the core that it belongs to, at its end. */
+    void release() { _owner = nullptr; }
+
+    /** The core whose thread the caller runs in, from the thread's first step to its last. */
+    static UsbHAL *currentOwner();
 
 signals:
     /** Never emitted. */
@@ -34,8 +38,11 @@ protected:
     void run() override;
 
 private:
+    struct LastAct;
+
     std::atomic<UsbHAL *> _owner{nullptr};
     void *_arg = nullptr;
+    QSemaphore _entered;
 };
 
 #endif

@@ -84,7 +84,6 @@ public:
     using UsbHAL::_delayRequested;
     using UsbHAL::_lastLoopCounter;
     using UsbHAL::_lastMaxReadSize;
-    using UsbHAL::_mainLoopTimer;
     using UsbHAL::_maxReadSizeMessage;
     using UsbHAL::_open;
     using UsbHAL::_readErrors;

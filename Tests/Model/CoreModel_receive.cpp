@@ -26,6 +26,7 @@ int decimal(const QByteArray &field)
 
 bool CoreModel::receive(const QByteArray &buffer)
 {
+    const quint32 stops = _stops;
     int total = 0;
     for (;;) {
         const auto view = [&] {
@@ -39,7 +40,8 @@ bool CoreModel::receive(const QByteArray &buffer)
             log("_processAllMessages", "Remaining frame size : " + QString::number(rest.size()));
             log("_processAllMessages", "Message: " + text(rest.left(100)));
         }
-        if (!accepted || rest.isEmpty())
+        // A stop in a handler ends the buffer.
+        if (!accepted || rest.isEmpty() || _stops != stops)
             return accepted;
     }
 }

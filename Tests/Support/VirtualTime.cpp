@@ -9,11 +9,13 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <list>
 #include <mutex>
 #include <pthread.h>
+#include <utility>
 
 // The linker is told to send the program's calls of QThread::msleep(), QThread::sleep(),
 // QWaitCondition::wait(), wakeOne() and wakeAll(), QElapsedTimer::start() and elapsed() here
@@ -42,6 +44,8 @@ std::atomic<unsigned> pauseDivisor{1};
 std::atomic<bool> instantWaits{false};
 std::atomic<bool> waitsHeld{false};
 std::atomic<unsigned long> stickingPause{0}; // ms; 0: none
+std::atomic<const QWaitCondition *> realCondition{nullptr};
+std::function<bool(const QWaitCondition *)> waitHook;
 
 thread_local qint64 spared = 0; // ms
 
@@ -145,6 +149,16 @@ int wakeHeld(const QWaitCondition *condition, int atMost)
     return count;
 }
 
+bool isHooked(const QWaitCondition *condition, QMutex *mutex)
+{
+    if (!waitHook)
+        return false;
+    mutex->unlock();
+    const bool hooked = waitHook(condition);
+    mutex->lock();
+    return hooked;
+}
+
 void passMutexOn(QMutex *mutex)
 {
     mutex->unlock();
@@ -182,6 +196,16 @@ void VirtualTime::stickInNextPause(unsigned long msecs)
     stickingPause = msecs;
 }
 
+void VirtualTime::keepReal(const QWaitCondition *condition)
+{
+    realCondition = condition;
+}
+
+void VirtualTime::setWaitHook(std::function<bool(const QWaitCondition *)> hook)
+{
+    waitHook = std::move(hook);
+}
+
 qint64 VirtualTime::sparedTime()
 {
     return spared;
@@ -200,7 +224,9 @@ void __wrap__ZN7QThread5sleepEm(unsigned long secs)
 bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mutex,
                                                unsigned long msecs)
 {
-    if (msecs == ULONG_MAX || !(instantWaits || waitsHeld))
+    if (isHooked(self, mutex))
+        return true;
+    if (self == realCondition || msecs == ULONG_MAX || !(instantWaits || waitsHeld))
         return __real__ZN14QWaitCondition4waitEP6QMutexm(self, mutex, msecs);
     if (waitsHeld && waitWhileHeld(self, mutex))
         return true;
