@@ -24,9 +24,10 @@ struct WorkerThread::LastAct
 
     ~LastAct()
     {
+        if (!owner)
+            return;
         servedCore = nullptr;
-        if (owner)
-            owner->_onThreadGone();
+        owner->_onThreadGone();
     }
 };
 

@@ -160,7 +160,10 @@ private slots:
 
     void aClientThatForksAmidCallsExitsCleanly_data()
     {
-        addCells({{"fork beside calls"}, {"fork in a handler"}, {"fork before the first call"}});
+        addCells({{"fork beside calls"},
+                  {"fork in a handler"},
+                  {"fork before the first open"},
+                  {"fork before the first call"}});
     }
     void aClientThatForksAmidCallsExitsCleanly() { expectCleanExit(); }
 

@@ -7,6 +7,22 @@
 
 #include <QTest>
 
+#include <functional>
+#include <utility>
+
+/** Runs a function in a destructor of the calling thread, when that ends. */
+inline void deleteWithThread(std::function<void()> destructor)
+{
+    struct Object : QObject
+    {
+        ~Object() override { destructor(); }
+        std::function<void()> destructor;
+    };
+    auto *const object = new Object;
+    object->destructor = std::move(destructor);
+    object->deleteLater();
+}
+
 /** A scripted driver that keeps the order of the core's transfers, and when each began. */
 class RecordingDriver : public ScriptedDriver
 {

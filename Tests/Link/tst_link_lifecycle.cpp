@@ -47,19 +47,6 @@ private:
     const QMetaObject::Connection _connection;
 };
 
-/** An object of the thread that makes it, to be deleted when that thread ends. */
-void deleteWithThread(std::function<void()> destructor)
-{
-    struct Object : QObject
-    {
-        ~Object() override { destructor(); }
-        std::function<void()> destructor;
-    };
-    auto *const object = new Object;
-    object->destructor = std::move(destructor);
-    object->deleteLater();
-}
-
 bool endsWell(std::future<bool> &call)
 {
     return QTest::qWaitFor([&] { return endsWithin(call, 0); }, patience) && call.get();
