@@ -14,12 +14,12 @@
 
 namespace {
 
-void append(LogLine &line, QLatin1String text)
+void append(LogPart::Line &line, QLatin1String text)
 {
     line.append(text.data(), text.size());
 }
 
-void append(LogLine &line, const QString &text)
+void append(LogPart::Line &line, const QString &text)
 {
     const QByteArray utf8 = text.toUtf8();
     line.append(utf8.constData(), utf8.size());
@@ -30,7 +30,7 @@ bool isAscii(char c)
     return static_cast<unsigned char>(c) < 0x80;
 }
 
-void appendNumber(LogLine &line, qint64 number)
+void appendNumber(LogPart::Line &line, qint64 number)
 {
     char digits[std::numeric_limits<qint64>::digits10 + 1];
     char *first = std::end(digits);
@@ -73,7 +73,7 @@ qint32 currentThreadId()
 
 } // namespace
 
-void appendTimestamp(LogLine &line)
+void appendTimestamp(LogPart::Line &line)
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -82,7 +82,7 @@ void appendTimestamp(LogLine &line)
         line.append(static_cast<char>('0' + now.tv_nsec / unit % 10));
 }
 
-void compose(LogLine &line, const LogPart &function, unsigned int number, LogText text)
+void compose(LogPart::Line &line, const LogPart &function, unsigned int number, LogPart::List text)
 {
     appendTimestamp(line);
     append(line, QLatin1String(" [THREAD "));
@@ -97,7 +97,7 @@ void compose(LogLine &line, const LogPart &function, unsigned int number, LogTex
     line.append('\n');
 }
 
-void LogPart::appendTo(LogLine &line) const
+void LogPart::appendTo(LogPart::Line &line) const
 {
     if (_kind == Kind::Number)
         appendNumber(line, _number);
@@ -119,12 +119,12 @@ QString LogPart::toString() const
     case Kind::Number:
         break;
     }
-    LogLine digits;
+    LogPart::Line digits;
     appendNumber(digits, _number);
     return QString::fromLatin1(digits.constData(), digits.size());
 }
 
-QString toString(LogText text)
+QString toString(LogPart::List text)
 {
     QString joined;
     for (const LogPart &part : text)

@@ -11,9 +11,6 @@
 #include <limits>
 #include <type_traits>
 
-/** A line of a log file, in UTF-8. All but the longest are put together on the stack. */
-using LogLine = QVarLengthArray<char, 512>;
-
 /**
  * A part of a line's text. It only refers to what it was made from, which has to outlive it: so a
  * line is put together once, where it is written.
@@ -21,6 +18,11 @@ using LogLine = QVarLengthArray<char, 512>;
 class LogPart
 {
 public:
+    /** A line of a log file, in UTF-8. All but the longest are put together on the stack. */
+    using Line = QVarLengthArray<char, 512>;
+    /** The parts of a line's text, in their order. */
+    using List = std::initializer_list<LogPart>;
+
     /** A text of ours, in ASCII, that ends with a zero byte. */
     LogPart(const char *text)
         : _kind(Kind::Ascii), _size(static_cast<int>(std::strlen(text))), _bytes(text)
@@ -42,7 +44,7 @@ public:
     }
     LogPart(bool value) : LogPart(value ? "true" : "false") {}
 
-    void appendTo(LogLine &line) const;
+    void appendTo(Line &line) const;
     QString toString() const;
 
 private:
@@ -57,15 +59,12 @@ private:
     };
 };
 
-/** The parts of a line's text, in their order. */
-using LogText = std::initializer_list<LogPart>;
-
-QString toString(LogText text);
+QString toString(LogPart::List text);
 
 /** Appends the local date and time, to the millisecond. Any thread may call it. */
-void appendTimestamp(LogLine &line);
+void appendTimestamp(LogPart::Line &line);
 
 /** Puts a whole line of a log file together: when, which thread, where, what. */
-void compose(LogLine &line, const LogPart &function, unsigned int number, LogText text);
+void compose(LogPart::Line &line, const LogPart &function, unsigned int number, LogPart::List text);
 
 #endif

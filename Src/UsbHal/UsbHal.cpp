@@ -7,26 +7,53 @@
 #include <iostream>
 #include <new>
 
+using namespace usbhal_errors;
+
 namespace {
 
 constexpr quint32 largestMaxClients = 5;
 constexpr quint32 defaultMainLoopPeriod = 100; // ms
 constexpr int destructionTimeout = 10000;      // ms
 
-const char *const errorTexts[] = {
-    "No error",
-    "Peer received message with wrong size !",
-    "Peer received message with wrong ID !",
-    "Could not allocate memory !",
-    "Tried to open a port already opened !",
-    "Too many clients connected !",
-    "Tried to close a not opened port !",
-    "Driver not initialized !",
-    "Failed to close driver !",
-    "Peer received message for a not opened port !",
-    "Buffer overflow !",
+// What the log has behind an error's text; a close of a port that is not open is too common to log.
+enum class Detail { NotLogged, None, Parameter, Port };
+
+struct ErrorRow
+{
+    int code;
+    const char *text;
+    Detail detail;
 };
-constexpr int errorCount = sizeof errorTexts / sizeof errorTexts[0];
+
+constexpr ErrorRow errors[] = {
+    {NoError, "No error", Detail::NotLogged},
+    {WrongSize, "Peer received message with wrong size !", Detail::Parameter},
+    {WrongId, "Peer received message with wrong ID !", Detail::Parameter},
+    {NoMemory, "Could not allocate memory !", Detail::Parameter},
+    {PortAlreadyOpen, "Tried to open a port already opened !", Detail::Parameter},
+    {TooManyClients, "Too many clients connected !", Detail::Parameter},
+    {PortNotOpen, "Tried to close a not opened port !", Detail::NotLogged},
+    {NotInitialized, "Driver not initialized !", Detail::None},
+    {CloseFailed, "Failed to close driver !", Detail::Parameter},
+    {NotOpenedPort, "Peer received message for a not opened port !", Detail::Port},
+    {BufferOverflow, "Buffer overflow !", Detail::Port},
+};
+
+constexpr bool areInOrder()
+{
+    for (int code = NoError; code <= BufferOverflow; ++code) {
+        if (errors[code].code != code)
+            return false;
+    }
+    return true;
+}
+static_assert(sizeof errors / sizeof errors[0] == BufferOverflow + 1 && areInOrder());
+
+// The error's row, null for a code that is none.
+const ErrorRow *findError(int code)
+{
+    return code >= NoError && code <= BufferOverflow ? &errors[code] : nullptr;
+}
 
 // Of the thread object, which is never destroyed: Qt aborts the process when the object of a
 // running thread is, the process may end in that thread, and other threads may still call the core.
@@ -125,7 +152,8 @@ quint32 UsbHAL::nbClients() const
 
 const char *UsbHAL::getErrorStr(int code) const
 {
-    return code >= 0 && code < errorCount ? errorTexts[code] : "";
+    const ErrorRow *const row = findError(code);
+    return row ? row->text : "";
 }
 
 QString UsbHAL::getSocketStateStr(SocketState state) const
@@ -182,25 +210,13 @@ void UsbHAL::_emitError(int code, void *data, QMutexLocker &locker)
 
 void UsbHAL::_onError(int num, void *data)
 {
-    const char *const text = getErrorStr(num);
+    const ErrorRow *const row = findError(num);
+    if (!row || row->detail == Detail::NotLogged)
+        return;
     const int value = static_cast<int>(reinterpret_cast<qintptr>(data));
-    switch (num) {
-    case Error::WrongSize:
-    case Error::WrongId:
-    case Error::NoMemory:
-    case Error::PortAlreadyOpen:
-    case Error::TooManyClients:
-    case Error::CloseFailed:
-        logLine("_onError", {text, " Param = ", value});
-        break;
-    case Error::NotInitialized:
-        logLine("_onError", {text});
-        break;
-    case Error::NotOpenedPort:
-    case Error::BufferOverflow:
-        logLine("_onError", {text, " on port #", value});
-        break;
-    default: // a close of a port that is not open is too common to log
-        break;
-    }
+    if (row->detail == Detail::None)
+        logLine("_onError", {row->text});
+    else
+        logLine("_onError",
+                {row->text, row->detail == Detail::Port ? " on port #" : " Param = ", value});
 }

@@ -20,6 +20,23 @@
 #include <atomic>
 #include <sys/types.h>
 
+/** The codes of error(); what each of them says is in UsbHal.cpp. */
+namespace usbhal_errors {
+enum Error {
+    NoError,
+    WrongSize,
+    WrongId,
+    NoMemory,
+    PortAlreadyOpen,
+    TooManyClients,
+    PortNotOpen,
+    NotInitialized,
+    CloseFailed,
+    NotOpenedPort,
+    BufferOverflow
+};
+} // namespace usbhal_errors
+
 /** Appends without the copy that Qt's lists take, which costs two atomic operations. */
 inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
 {
@@ -109,22 +126,8 @@ private slots:
 protected:
     friend class WorkerThread;
 
+    using Error = usbhal_errors::Error;
     using ReadQueue = QQueue<QByteArray>;
-
-    // The codes of error(), see the table in UsbHal.cpp.
-    enum Error {
-        NoError,
-        WrongSize,
-        WrongId,
-        NoMemory,
-        PortAlreadyOpen,
-        TooManyClients,
-        PortNotOpen,
-        NotInitialized,
-        CloseFailed,
-        NotOpenedPort,
-        BufferOverflow
-    };
 
     // What the communication thread is at; see _changeCommunication().
     enum class Communication {

@@ -56,7 +56,7 @@ QStringList findFiles(const QString &folder, const QString &prefix, QLatin1Strin
     return paths;
 }
 
-void writeToConsole(const LogPart &function, LogText text)
+void writeToConsole(const LogPart &function, LogPart::List text)
 {
     const QByteArray line =
         "USBHAL] " + function.toString().toLatin1() + " - " + toString(text).toLatin1() + '\n';
@@ -100,7 +100,7 @@ void UsbHalLog::log(QString function, unsigned int line, QString message)
     log(LogPart(function), line, {message});
 }
 
-void UsbHalLog::log(const LogPart &function, unsigned int line, LogText text)
+void UsbHalLog::log(const LogPart &function, unsigned int line, LogPart::List text)
 {
     // A thread that is killed in the middle of a line would leave the file in disorder; one that
     // writes line after line must be killed between two.
@@ -110,7 +110,7 @@ void UsbHalLog::log(const LogPart &function, unsigned int line, LogText text)
         writeToConsole(function, text);
         return;
     }
-    LogLine composed;
+    LogPart::Line composed;
     compose(composed, function, line, text);
     while (!_logMutex.tryLock(lockPollPeriod))
         blocker.testCancel();
@@ -171,7 +171,7 @@ bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
     return opened;
 }
 
-void UsbHalLog::_append(const LogLine &line)
+void UsbHalLog::_append(const LogPart::Line &line)
 {
     if (_file->isOpen())
         _write(line);
@@ -179,7 +179,7 @@ void UsbHalLog::_append(const LogLine &line)
 }
 
 // A disk that fills up may take the beginning of a line: the next line must not follow on it.
-void UsbHalLog::_write(const LogLine &line)
+void UsbHalLog::_write(const LogPart::Line &line)
 {
     if (_lineCut && _file->write("\n", 1) != 1)
         return;
@@ -192,7 +192,7 @@ void UsbHalLog::_write(const LogLine &line)
  * <name>2.log  full: survives
  * <name>3.log  begun with the line that found the second file full
  */
-void UsbHalLog::_rotate(const LogLine &line)
+void UsbHalLog::_rotate(const LogPart::Line &line)
 {
     const int previousIndex = _fileIndex;
     _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
@@ -209,7 +209,7 @@ void UsbHalLog::_rotate(const LogLine &line)
 void UsbHalLog::_stopLogging()
 {
     if (_fileIndex > 1 && _openFile(_fileIndex - 1, QIODevice::Append)) {
-        LogLine line;
+        LogPart::Line line;
         appendTimestamp(line);
         LogPart("ERROR: couldn't open new log file, stop logging !\n").appendTo(line);
         _write(line);
@@ -231,7 +231,7 @@ void UsbHalLog::_removeOldFile(int index)
     _reportingRemoval = false;
 }
 
-void logLine(const char *function, LogText text, unsigned int line)
+void logLine(const char *function, LogPart::List text, unsigned int line)
 {
     UsbHalLog::getInstance()->log(LogPart(function), line, text);
 }

@@ -41,7 +41,7 @@ public:
      * room for is lost.
      */
     void log(QString function, unsigned int line, QString message);
-    void log(const LogPart &function, unsigned int line, LogText text);
+    void log(const LogPart &function, unsigned int line, LogPart::List text);
 
     /** Takes the number of lines of one file from the configuration. Always returns false. */
     bool setupConfig(const ParamHal &param);
@@ -57,9 +57,9 @@ private:
     void _createLogDir() REQUIRES(_logMutex);
     void _keepPreviousFiles() REQUIRES(_logMutex);
     bool _openFile(int index, QIODevice::OpenMode mode) REQUIRES(_logMutex);
-    void _append(const LogLine &line) REQUIRES(_logMutex);
-    void _write(const LogLine &line) REQUIRES(_logMutex);
-    void _rotate(const LogLine &line) REQUIRES(_logMutex);
+    void _append(const LogPart::Line &line) REQUIRES(_logMutex);
+    void _write(const LogPart::Line &line) REQUIRES(_logMutex);
+    void _rotate(const LogPart::Line &line) REQUIRES(_logMutex);
     void _stopLogging() REQUIRES(_logMutex);
     void _removeOldFile(int index) REQUIRES(_logMutex);
 
@@ -85,6 +85,6 @@ private:
 };
 
 /** Logs a text with the caller's source line. */
-void logLine(const char *function, LogText text, unsigned int line = __builtin_LINE());
+void logLine(const char *function, LogPart::List text, unsigned int line = __builtin_LINE());
 
 #endif

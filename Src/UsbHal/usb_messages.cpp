@@ -49,7 +49,7 @@ QString toText(const QByteArray &bytes)
 
 namespace usb_messages {
 
-const QByteArray magicNumber = QByteArray::fromRawData(magic, magicSize);
+const QByteArray magicNumber = QByteArrayLiteral("FADA");
 const QByteArray devNoData = QByteArrayLiteral("DEVICE_NODATA");
 const QByteArray waitSend = QByteArrayLiteral("DEVICE_WTSEND");
 const QByteArray deviceConn = QByteArrayLiteral("DEVICE_CONN");
@@ -73,7 +73,7 @@ QByteArray frameData(UsbConnID port, const char *payload, int size)
     const int lengthSize = fieldSize(length, lengthWidth);
     const int portSize = fieldSize(port, idWidth);
     QByteArray message(magicSize + lengthSize + portSize + size, Qt::Uninitialized);
-    char *end = std::copy_n(magic, magicSize, message.data());
+    char *end = std::copy_n(magicNumber.constData(), magicSize, message.data());
     end = putField(end, length, lengthSize);
     end = putField(end, port, portSize);
     std::copy_n(payload, size, end);

@@ -23,8 +23,7 @@ extern const QByteArray waitSend;
 extern const QByteArray deviceConn;
 extern const QByteArray deviceDisc; // reserved: neither sent nor recognised
 
-constexpr char magic[] = "FADA";
-constexpr int magicSize = sizeof magic - 1;
+constexpr int magicSize = 4;
 constexpr int lengthWidth = 5;
 constexpr int idWidth = 4;
 constexpr int prefixSize = magicSize + lengthWidth; ///< 9: what the length field does not count
@@ -56,7 +55,8 @@ QByteArray frameData(UsbConnID port, const char *payload, int size);
 inline bool hasMagicNumber(const QByteArray &bytes)
 {
     // At a size that the compiler knows it is one comparison.
-    return bytes.size() >= magicSize && std::memcmp(bytes.constData(), magic, magicSize) == 0;
+    return bytes.size() >= magicSize &&
+           std::memcmp(bytes.constData(), magicNumber.constData(), magicSize) == 0;
 }
 
 /** Cuts and checks the data message that the bytes begin with. */

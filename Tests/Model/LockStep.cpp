@@ -11,7 +11,7 @@
 // The linker sends the library's calls of these functions here (--wrap); __real_ is their own.
 extern "C" {
 void __wrap__ZN7QThread18yieldCurrentThreadEv();
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int line);
 bool __wrap__ZN9UsbHalLog4openE7QStringS0_(UsbHalLog *self, QString dir, QString name);
 qint64 __wrap__ZNK13QElapsedTimer12nsecsElapsedEv(const QElapsedTimer *self);
@@ -186,7 +186,7 @@ void LockStepDriver::_note(const char *call, const QString &more)
 // The other thread rests anyway, and on a busy machine a yield costs more than all the rest.
 void __wrap__ZN7QThread18yieldCurrentThreadEv() {}
 
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int /*line*/)
 {
     if (LockStep *const steps = LockStep::current())
