@@ -51,3 +51,31 @@ function(usbhal_read_scenarios result source)
     list(FILTER declarations EXCLUDE REGEX "^(init|cleanup|initTestCase|cleanupTestCase)$")
     set(${result} ${declarations} PARENT_SCOPE)
 endfunction()
+
+# Gives the library's calls of functions into a test's hands: a call of NAME goes to __wrap_NAME. The
+# build fails where nothing calls a function, as then nothing would be wrapped.
+#
+#   usbhal_wrap(TARGET PRIVATE|INTERFACE FUNCTIONS name... [CALLED_BY target...])
+#
+# CALLED_BY names what else than the library calls the functions. Fails before the target is linked.
+function(usbhal_wrap target scope)
+    cmake_parse_arguments(ARG "" "" "FUNCTIONS;CALLED_BY" ${ARGN})
+    list(TRANSFORM ARG_FUNCTIONS PREPEND "LINKER:--wrap=" OUTPUT_VARIABLE options)
+    target_link_options(${target} ${scope} ${options})
+
+    set(objects)
+    foreach(caller IN ITEMS UsbHalObjects LISTS ARG_CALLED_BY)
+        list(APPEND objects $<TARGET_OBJECTS:${caller}>)
+    endforeach()
+    list(JOIN ARG_FUNCTIONS "," functions) # a list would become words of its own
+    set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${target}.wrapped)
+    add_custom_command(OUTPUT ${stamp}
+        COMMAND ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D TARGET=${target} -D FUNCTIONS=${functions}
+            -P ${PROJECT_SOURCE_DIR}/cmake/CheckWrapped.cmake -- ${objects}
+        COMMAND ${CMAKE_COMMAND} -E touch ${stamp}
+        DEPENDS ${objects} ${PROJECT_SOURCE_DIR}/cmake/CheckWrapped.cmake
+        COMMENT "Looking for the calls that ${target} wraps"
+        COMMAND_EXPAND_LISTS VERBATIM)
+    add_custom_target(${target}-wrapped ALL DEPENDS ${stamp})
+    add_dependencies(${target} ${target}-wrapped)
+endfunction()

@@ -6,50 +6,48 @@
 
 #include <QtTest>
 
-#include <cerrno>
 #include <ctime>
 
 namespace {
 
 constexpr qint64 shownSecond = 2215600496; // 2040-03-17 12:34:56 UTC
 
-// What the C library takes for a time of 64 bits.
+// What the library's clock fills, whatever the width of a word.
 struct LongTime
 {
     qint64 seconds;
     qint64 nanoseconds;
 };
 
-} // namespace
+using Clock = int (*)(clockid_t, LongTime *);
 
-extern "C" {
-int __real_clock_gettime(clockid_t clock, timespec *time);
-int __wrap_clock_gettime(clockid_t clock, timespec *time);
-int __real___clock_gettime64(clockid_t clock, LongTime *time);
-int __wrap___clock_gettime64(clockid_t clock, LongTime *time);
-}
-
-int __wrap_clock_gettime(clockid_t clock, timespec *time)
+int showLateYear(Clock realClock, clockid_t clock, LongTime *time)
 {
     if (clock != CLOCK_REALTIME)
-        return __real_clock_gettime(clock, time);
-    if (sizeof(time->tv_sec) < sizeof(shownSecond)) {
-        errno = EOVERFLOW;
-        return -1;
-    }
-    *time = {static_cast<time_t>(shownSecond), 789000000};
-    return 0;
-}
-
-#if __TIMESIZE == 32
-int __wrap___clock_gettime64(clockid_t clock, LongTime *time)
-{
-    if (clock != CLOCK_REALTIME)
-        return __real___clock_gettime64(clock, time);
+        return realClock(clock, time);
     *time = {shownSecond, 789000000};
     return 0;
 }
+
+} // namespace
+
+extern "C" {
+#if __TIMESIZE == 32
+int __real___clock_gettime64(clockid_t clock, LongTime *time);
+int __wrap___clock_gettime64(clockid_t clock, LongTime *time);
+int __wrap___clock_gettime64(clockid_t clock, LongTime *time)
+{
+    return showLateYear(__real___clock_gettime64, clock, time);
+}
+#else
+int __real_clock_gettime(clockid_t clock, LongTime *time);
+int __wrap_clock_gettime(clockid_t clock, LongTime *time);
+int __wrap_clock_gettime(clockid_t clock, LongTime *time)
+{
+    return showLateYear(__real_clock_gettime, clock, time);
+}
 #endif
+}
 
 /** What the log shows after 2038, when a time of 32 bits has ended. */
 class LogYearsTest : public QObject
