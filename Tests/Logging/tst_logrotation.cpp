@@ -1,22 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "LogFolder.h"
-#include "LogLines.h"
+#include "LogFixture.h"
 
 #include <Background.h>
 #include <ConsoleCapture.h>
-#include <UsbHalLog.h>
 
 #include <QRegularExpression>
 #include <QtTest>
 
 namespace {
-
-void limitLines(UsbHalLog &log, int maxLines)
-{
-    ParamHal param;
-    param.maxLogLines = maxLines;
-    QCOMPARE(log.setupConfig(param), false);
-}
 
 QStringList numbers(int first, int last)
 {
@@ -33,7 +24,7 @@ const QRegularExpression
 } // namespace
 
 /** How one log file follows another. */
-class LogRotationTest : public QObject
+class LogRotationTest : public LogFixture
 {
     Q_OBJECT
 
@@ -76,250 +67,205 @@ void LogRotationTest::aFileHoldsTheConfiguredNumberOfLines()
 {
     QFETCH(int, configured);
     QFETCH(int, lines);
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, configured);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, lines);
-    QCOMPARE(folder.names(), QStringList("UsbHal1.log"));
-    logNumbers(log, lines + 1, lines + 1);
-    QCOMPARE(folder.messages(1), numbers(1, lines));
-    QCOMPARE(folder.messages(2), numbers(lines + 1, lines + 1));
+    QVERIFY(openLog(configured));
+    logNumbers(*log, 1, lines);
+    QCOMPARE(folder->names(), QStringList("UsbHal1.log"));
+    logNumbers(*log, lines + 1, lines + 1);
+    QCOMPARE(folder->messages(1), numbers(1, lines));
+    QCOMPARE(folder->messages(2), numbers(lines + 1, lines + 1));
 }
 
 void LogRotationTest::aFileHolds10000LinesUnlessConfigured()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 10001);
-    QCOMPARE(folder.messages(1), numbers(1, 10000));
-    QCOMPARE(folder.messages(2), numbers(10001, 10001));
+    QVERIFY(openLog());
+    logNumbers(*log, 1, 10001);
+    QCOMPARE(folder->messages(1), numbers(1, 10000));
+    QCOMPARE(folder->messages(2), numbers(10001, 10001));
 }
 
 void LogRotationTest::theLineAfterTheLastBeginsTheNextFile()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 1500);
-    QCOMPARE(folder.names(), QStringList({"UsbHal2.log", "UsbHal3.log"}));
-    logNumbers(log, 1501, 1501);
-    QCOMPARE(folder.names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
-    QCOMPARE(folder.messages(3), numbers(1001, 1500));
-    QCOMPARE(folder.messages(4), numbers(1501, 1501));
-    logNumbers(log, 1502, 2000);
-    QCOMPARE(folder.messages(4), numbers(1501, 2000));
+    QVERIFY(openLog(500));
+    logNumbers(*log, 1, 1500);
+    QCOMPARE(folder->names(), QStringList({"UsbHal2.log", "UsbHal3.log"}));
+    logNumbers(*log, 1501, 1501);
+    QCOMPARE(folder->names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
+    QCOMPARE(folder->messages(3), numbers(1001, 1500));
+    QCOMPARE(folder->messages(4), numbers(1501, 1501));
+    logNumbers(*log, 1502, 2000);
+    QCOMPARE(folder->messages(4), numbers(1501, 2000));
 }
 
 void LogRotationTest::atMostTwoFilesStand()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 3);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(3));
     for (int line = 1; line <= 60; ++line) {
-        logNumbers(log, line, line);
+        logNumbers(*log, line, line);
         const int current = (line + 2) / 3;
         QStringList expected(LogFolder::name(current));
         if (current > 1)
             expected.append(LogFolder::name(current - 1));
         expected.sort();
-        QCOMPARE(folder.names(), expected);
-        QCOMPARE(folder.openDescriptors(), 1);
+        QCOMPARE(folder->names(), expected);
+        QCOMPARE(folder->openDescriptors(), 1);
     }
 }
 
 void LogRotationTest::aNegativeLimitBeginsAFileWithEveryLine()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, -5);
-    QVERIFY(log.open(folder.path(), logName));
-    QCOMPARE(folder.names(), QStringList("UsbHal1.log"));
-    logNumbers(log, 1, 1);
-    QCOMPARE(folder.names(), QStringList({"UsbHal1.log", "UsbHal2.log"}));
-    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
-    logNumbers(log, 2, 3);
-    QCOMPARE(folder.names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
-    QCOMPARE(folder.messages(3), QStringList("2"));
-    QCOMPARE(folder.messages(4), QStringList("3"));
+    QVERIFY(openLog(-5));
+    QCOMPARE(folder->names(), QStringList("UsbHal1.log"));
+    logNumbers(*log, 1, 1);
+    QCOMPARE(folder->names(), QStringList({"UsbHal1.log", "UsbHal2.log"}));
+    QCOMPARE(folder->content("UsbHal1.log"), QByteArray());
+    logNumbers(*log, 2, 3);
+    QCOMPARE(folder->names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
+    QCOMPARE(folder->messages(3), QStringList("2"));
+    QCOMPARE(folder->messages(4), QStringList("3"));
 }
 
 void LogRotationTest::aLoweredLimitCountsForTheCurrentFile()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 10);
-    limitLines(log, 5);
-    logNumbers(log, 11, 11);
-    QCOMPARE(folder.messages(1), numbers(1, 10));
-    QCOMPARE(folder.messages(2), numbers(11, 11));
+    QVERIFY(openLog());
+    logNumbers(*log, 1, 10);
+    limitLines(5);
+    logNumbers(*log, 11, 11);
+    QCOMPARE(folder->messages(1), numbers(1, 10));
+    QCOMPARE(folder->messages(2), numbers(11, 11));
 }
 
 void LogRotationTest::aFileInTheWayOfTheNextIsTruncated()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    QVERIFY(folder.write("UsbHal2.log", "in the way\n"));
-    logNumbers(log, 1, 2);
-    QCOMPARE(folder.messages(2), QStringList("2"));
+    QVERIFY(openLog(1));
+    QVERIFY(folder->write("UsbHal2.log", "in the way\n"));
+    logNumbers(*log, 1, 2);
+    QCOMPARE(folder->messages(2), QStringList("2"));
 }
 
 void LogRotationTest::aNextFileThatCannotBeOpenedStopsTheLog()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 5);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 15);
-    QVERIFY(folder.obstruct("UsbHal4.log"));
+    QVERIFY(openLog(5));
+    logNumbers(*log, 1, 15);
+    QVERIFY(folder->obstruct("UsbHal4.log"));
     ConsoleCapture console;
-    logNumbers(log, 16, 18);
+    logNumbers(*log, 16, 18);
     // Line 16 began the rotation and is lost.
     QCOMPARE(console.finish(), QByteArray("USBHAL] count - 17\nUSBHAL] count - 18\n"));
-    QVERIFY(!log.isLogCreated());
-    const QStringList lines = folder.lines(3);
+    QVERIFY(!log->isLogCreated());
+    const QStringList lines = folder->lines(3);
     QCOMPARE(lines.size(), 6);
     QVERIFY2(stopLine.match(lines.last()).hasMatch(), qPrintable(lines.last()));
-    QCOMPARE(folder.messages(3).mid(0, 5), numbers(11, 15));
-    QCOMPARE(folder.openDescriptors(), 0);
+    QCOMPARE(folder->messages(3).mid(0, 5), numbers(11, 15));
+    QCOMPARE(folder->openDescriptors(), 0);
 }
 
 void LogRotationTest::theOldFileIsRemovedEvenWhenTheLogStops()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 3);
-    QVERIFY(folder.obstruct("UsbHal4.log"));
-    logNumbers(log, 4, 4);
-    QCOMPARE(folder.names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
+    QVERIFY(openLog(1));
+    logNumbers(*log, 1, 3);
+    QVERIFY(folder->obstruct("UsbHal4.log"));
+    logNumbers(*log, 4, 4);
+    QCOMPARE(folder->names(), QStringList({"UsbHal3.log", "UsbHal4.log"}));
 }
 
 void LogRotationTest::aStoppedLogTellsNothingWithoutThePreviousFile()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 1);
-    QVERIFY(folder.replaceByObstruction("UsbHal1.log"));
-    QVERIFY(folder.obstruct("UsbHal2.log"));
+    QVERIFY(openLog(1));
+    logNumbers(*log, 1, 1);
+    QVERIFY(folder->replaceByObstruction("UsbHal1.log"));
+    QVERIFY(folder->obstruct("UsbHal2.log"));
     ConsoleCapture console;
-    logNumbers(log, 2, 3);
+    logNumbers(*log, 2, 3);
     QCOMPARE(console.finish(), QByteArray("USBHAL] count - 3\n"));
-    QVERIFY(!log.isLogCreated());
+    QVERIFY(!log->isLogCreated());
 }
 
 void LogRotationTest::aStoppedLogMayBeOpenedAgain()
 {
-    const LogFolder folder;
     const LogFolder other;
-    UsbHalLog log;
-    limitLines(log, 2);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 2);
-    QVERIFY(folder.obstruct("UsbHal2.log"));
-    logNumbers(log, 3, 3);
-    QVERIFY(!log.isLogCreated());
-    QVERIFY(log.open(other.path(), logName));
-    QVERIFY(log.isLogCreated());
+    QVERIFY(openLog(2));
+    logNumbers(*log, 1, 2);
+    QVERIFY(folder->obstruct("UsbHal2.log"));
+    logNumbers(*log, 3, 3);
+    QVERIFY(!log->isLogCreated());
+    QVERIFY(log->open(other.path(), logName));
+    QVERIFY(log->isLogCreated());
     QCOMPARE(other.names(), QStringList("UsbHal2.log"));
     // The count of the full file goes on, and the number of a file that never stood here.
-    logNumbers(log, 4, 4);
+    logNumbers(*log, 4, 4);
     QCOMPARE(other.messages(3), QStringList({"4", "failed to remove log file: " + other.file(1)}));
 }
 
 void LogRotationTest::aLineThatWaitedWhileTheLogStoppedGoesToTheConsole()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 1);
-    QVERIFY(folder.obstruct("UsbHal2.log"));
+    QVERIFY(openLog(1));
+    logNumbers(*log, 1, 1);
+    QVERIFY(folder->obstruct("UsbHal2.log"));
     ConsoleCapture console;
-    log.getLogMutex()->lock();
-    const auto line = inBackground([&] { logNumbers(log, 2, 2); });
+    log->getLogMutex()->lock();
+    const auto line = inBackground([&] { logNumbers(*log, 2, 2); });
     const bool endedEarly = endsWithin(line, 100);
-    logNumbers(log, 3, 3);
-    log.getLogMutex()->unlock();
+    logNumbers(*log, 3, 3);
+    log->getLogMutex()->unlock();
     QVERIFY(endsWithin(line, 5000));
     QCOMPARE(console.finish(), QByteArray("USBHAL] count - 2\n"));
     QVERIFY(!endedEarly);
-    const QStringList lines = folder.lines(1);
+    const QStringList lines = folder->lines(1);
     QCOMPARE(lines.size(), 2);
     QVERIFY2(stopLine.match(lines.last()).hasMatch(), qPrintable(lines.last()));
 }
 
 void LogRotationTest::anOldFileThatCannotBeRemovedIsReported()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 5);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 15);
-    QVERIFY(folder.replaceByObstruction(LogFolder::name(2)));
+    QVERIFY(openLog(5));
+    logNumbers(*log, 1, 15);
+    QVERIFY(folder->replaceByObstruction(LogFolder::name(2)));
     ConsoleCapture console;
-    logNumbers(log, 16, 17);
+    logNumbers(*log, 16, 17);
     QCOMPARE(console.finish(), QByteArray());
-    QCOMPARE(folder.messages(4),
-             QStringList({"16", "failed to remove log file: " + folder.file(2), "17"}));
-    QVERIFY(folder.lines(4).at(1).contains("] [log:"));
+    QCOMPARE(folder->messages(4),
+             QStringList({"16", "failed to remove log file: " + folder->file(2), "17"}));
+    QVERIFY(folder->lines(4).at(1).contains("] [log:"));
 }
 
 void LogRotationTest::theReportNamesTheDefaultBaseName()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 5);
-    QVERIFY(log.open(folder.path(), QStringLiteral("Trace")));
-    logNumbers(log, 1, 10);
-    QVERIFY(folder.replaceByObstruction("Trace1.log"));
-    logNumbers(log, 11, 11);
-    QCOMPARE(folder.messages("Trace3.log"),
-             QStringList({"11", "failed to remove log file: " + folder.file("UsbHal1.log")}));
+    limitLines(5);
+    QVERIFY(log->open(folder->path(), QStringLiteral("Trace")));
+    logNumbers(*log, 1, 10);
+    QVERIFY(folder->replaceByObstruction("Trace1.log"));
+    logNumbers(*log, 11, 11);
+    QCOMPARE(folder->messages("Trace3.log"),
+             QStringList({"11", "failed to remove log file: " + folder->file("UsbHal1.log")}));
 }
 
 void LogRotationTest::noReportIsMadeWhenTheLogStopped()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 2);
-    QVERIFY(folder.replaceByObstruction(LogFolder::name(1)));
-    QVERIFY(folder.obstruct(LogFolder::name(3)));
+    QVERIFY(openLog(1));
+    logNumbers(*log, 1, 2);
+    QVERIFY(folder->replaceByObstruction(LogFolder::name(1)));
+    QVERIFY(folder->obstruct(LogFolder::name(3)));
     ConsoleCapture console;
-    logNumbers(log, 3, 3);
+    logNumbers(*log, 3, 3);
     QCOMPARE(console.finish(), QByteArray());
-    QVERIFY(!log.isLogCreated());
-    QCOMPARE(folder.lines(2).size(), 2);
-    QVERIFY(stopLine.match(folder.lines(2).last()).hasMatch());
+    QVERIFY(!log->isLogCreated());
+    QCOMPARE(folder->lines(2).size(), 2);
+    QVERIFY(stopLine.match(folder->lines(2).last()).hasMatch());
 }
 
 void LogRotationTest::theReportOfARemovalHasAnEndWithOneLineAFile()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 2);
-    QVERIFY(folder.replaceByObstruction(LogFolder::name(1)));
-    QVERIFY(folder.replaceByObstruction(LogFolder::name(2)));
+    QVERIFY(openLog(1));
+    logNumbers(*log, 1, 2);
+    QVERIFY(folder->replaceByObstruction(LogFolder::name(1)));
+    QVERIFY(folder->replaceByObstruction(LogFolder::name(2)));
     // The report of file 1 begins file 4, and there the removal of file 2 fails in its turn.
-    logNumbers(log, 3, 3);
-    QCOMPARE(folder.messages(4), QStringList("failed to remove log file: " + folder.file(1)));
-    logNumbers(log, 4, 4);
+    logNumbers(*log, 3, 3);
+    QCOMPARE(folder->messages(4), QStringList("failed to remove log file: " + folder->file(1)));
+    logNumbers(*log, 4, 4);
     QStringList messages;
     for (int number = 5; number <= 6; ++number)
-        messages += folder.messages(number);
+        messages += folder->messages(number);
     QVERIFY2(messages.contains("4"), qPrintable(messages.join(", ")));
 }
 

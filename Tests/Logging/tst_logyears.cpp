@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "LogFolder.h"
-#include "LogLines.h"
-
-#include <UsbHalLog.h>
+#include "LogFixture.h"
 
 #include <QtTest>
 
@@ -50,7 +47,7 @@ int __wrap_clock_gettime(clockid_t clock, LongTime *time)
 }
 
 /** What the log shows after 2038, when a time of 32 bits has ended. */
-class LogYearsTest : public QObject
+class LogYearsTest : public LogFixture
 {
     Q_OBJECT
 
@@ -61,11 +58,9 @@ private slots:
 void LogYearsTest::aLineOfTheYear2040BearsItsDate()
 {
     qputenv("TZ", "UTC");
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 1);
-    const QString line = folder.lines(1).value(0);
+    QVERIFY(openLog());
+    logNumbers(*log, 1, 1);
+    const QString line = folder->lines(1).value(0);
     QVERIFY2(line.startsWith("17-03-2040 12:34:56:789 ["), qPrintable(line));
 }
 
