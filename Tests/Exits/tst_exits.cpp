@@ -4,7 +4,7 @@
 #include <QTest>
 
 /** Every order in which a client may end without a kill of the communication thread. */
-class Exits : public ExitMatrix
+class ExitsTest : public ExitMatrix
 {
     Q_OBJECT
 
@@ -198,5 +198,5 @@ private slots:
     void aProgramThatLoadsTheLibraryAgainExitsCleanly() { expectCleanExit(EXIT_LOADER_PROGRAM); }
 };
 
-QTEST_GUILESS_MAIN(Exits)
+QTEST_GUILESS_MAIN(ExitsTest)
 #include "tst_exits.moc"

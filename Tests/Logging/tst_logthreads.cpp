@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "LogFolder.h"
-#include "LogLines.h"
+#include "LogFixture.h"
 
 #include <ConsoleCapture.h>
-#include <UsbHalLog.h>
 
 #include <QRegularExpression>
 #include <QtTest>
@@ -51,7 +49,7 @@ bool areInOrder(const QStringList &lines)
 } // namespace
 
 /** Several threads that log at once. */
-class LogThreadsTest : public QObject
+class LogThreadsTest : public LogFixture
 {
     Q_OBJECT
 
@@ -64,36 +62,28 @@ private slots:
 
 void LogThreadsTest::linesAreWholeAndInOrder()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logFromThreads(log, 1000);
-    const QStringList lines = folder.lines(1);
+    QVERIFY(openLog());
+    logFromThreads(*log, 1000);
+    const QStringList lines = folder->lines(1);
     QCOMPARE(lines.size(), threadCount * 1000);
     QVERIFY(areInOrder(lines));
 }
 
 void LogThreadsTest::linesStayWholeAcrossRotations()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    ParamHal param;
-    param.maxLogLines = 30;
-    log.setupConfig(param);
-    QVERIFY(log.open(folder.path(), logName));
-    logFromThreads(log, 300);
+    QVERIFY(openLog(30));
+    logFromThreads(*log, 300);
     // 2400 lines fill 80 files.
-    QCOMPARE(folder.names(), QStringList({"UsbHal79.log", "UsbHal80.log"}));
-    const QStringList lines = folder.lines(79) + folder.lines(80);
+    QCOMPARE(folder->names(), QStringList({"UsbHal79.log", "UsbHal80.log"}));
+    const QStringList lines = folder->lines(79) + folder->lines(80);
     QCOMPARE(lines.size(), 60);
     QVERIFY(areInOrder(lines));
 }
 
 void LogThreadsTest::consoleLinesAreAllWritten()
 {
-    UsbHalLog log;
     ConsoleCapture console;
-    logFromThreads(log, 50);
+    logFromThreads(*log, 50);
     QByteArray text = console.finish();
     // Console lines may be mingled, but nothing of them is lost.
     const int size = text.size();
@@ -109,15 +99,13 @@ void LogThreadsTest::consoleLinesAreAllWritten()
 
 void LogThreadsTest::theLogMayBeOpenedWhileOthersLog()
 {
-    const LogFolder first;
     const LogFolder second;
-    UsbHalLog log;
-    QVERIFY(log.open(first.path(), logName));
-    std::thread writers([&log] { logFromThreads(log, 200); });
-    const bool moved = log.open(second.path(), logName);
+    QVERIFY(openLog());
+    std::thread writers([this] { logFromThreads(*log, 200); });
+    const bool moved = log->open(second.path(), logName);
     writers.join();
     QVERIFY(moved);
-    const QStringList lines = first.lines(1) + second.lines(1);
+    const QStringList lines = folder->lines(1) + second.lines(1);
     QCOMPARE(lines.size(), threadCount * 200);
     QVERIFY(areInOrder(lines));
 }

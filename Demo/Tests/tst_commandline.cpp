@@ -121,4 +121,4 @@ void CommandLineTest::theProgramEndsWithStatusTwoOnAWrongCommandLine()
 }
 
 QTEST_GUILESS_MAIN(CommandLineTest)
-#include "test_commandline.moc"
+#include "tst_commandline.moc"

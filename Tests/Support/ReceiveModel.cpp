@@ -1,20 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "ReceiveModel.h"
 
+#include "MessageCutter.h"
+
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
 constexpr quint32 mostClients = 5;
-
-// -1 for anything but digits.
-int number(const QByteArray &field)
-{
-    const bool decimal = std::all_of(field.begin(), field.end(),
-                                     [](char c) { return QByteArray("0123456789").contains(c); });
-    return decimal ? field.toInt() : -1;
-}
 
 } // namespace
 
@@ -34,29 +27,16 @@ bool ReceiveModel::receive(const QByteArray &buffer)
 
 bool ReceiveModel::receiveOne(const QByteArray &rest, int &consumed)
 {
-    if (rest.startsWith("DEVICE_NODATA")) {
+    const CutMessage message = cutMessage(rest);
+    consumed = message.size;
+    if (message.kind == CutMessage::Kind::NoData)
         peerBusy = false;
-        consumed = 13;
-    } else if (rest == "DEVICE_WTSEND") {
+    else if (message.kind == CutMessage::Kind::Wait)
         peerBusy = true;
-        consumed = 13;
-    } else if (!receiveData(rest, consumed)) {
+    else if (message.kind != CutMessage::Kind::Data || !deliver(message.port, message.payload))
         return false;
-    }
     markConnected();
     return true;
-}
-
-bool ReceiveModel::receiveData(const QByteArray &rest, int &consumed)
-{
-    if (rest.left(4) != "FADA" || rest.size() < 13)
-        return false;
-    const int length = number(rest.mid(4, 5));
-    if (length < 4 || length + 9 > rest.size())
-        return false;
-    consumed = length + 9;
-    const int id = number(rest.mid(9, 4));
-    return id >= 0 && deliver(id, rest.mid(13, length - 4));
 }
 
 bool ReceiveModel::deliver(int number, const QByteArray &payload)

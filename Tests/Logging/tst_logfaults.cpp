@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "LogFolder.h"
-#include "LogLines.h"
+#include "LogFixture.h"
 
 #include <ConsoleCapture.h>
-#include <UsbHalLog.h>
 
 #include <QtTest>
 
@@ -62,7 +60,7 @@ extern "C" Q_DECL_EXPORT ssize_t write(int fd, const void *data, size_t size)
 }
 
 /** What the logger asks of the disk, and what it does without room. */
-class LogFaultsTest : public QObject
+class LogFaultsTest : public LogFixture
 {
     Q_OBJECT
 
@@ -81,15 +79,13 @@ private slots:
 
 void LogFaultsTest::aLineIsOneWrite()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog());
     writeSizes.clear();
     watchWrites = true;
-    logLines(log, 20, QStringLiteral("text"));
+    logLines(*log, 20, QStringLiteral("text"));
     watchWrites = false;
     QCOMPARE(writeSizes.size(), size_t(20));
-    const QStringList lines = folder.lines(1);
+    const QStringList lines = folder->lines(1);
     QCOMPARE(lines.size(), 20);
     for (int i = 0; i < 20; ++i)
         QCOMPARE(writeSizes.at(static_cast<size_t>(i)), size_t(lines.at(i).toUtf8().size()) + 1);
@@ -97,51 +93,45 @@ void LogFaultsTest::aLineIsOneWrite()
 
 void LogFaultsTest::aLongLineIsOneWrite()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog());
     writeSizes.clear();
     watchWrites = true;
-    logLines(log, 1, QString(100000, 'x'));
+    logLines(*log, 1, QString(100000, 'x'));
     watchWrites = false;
     QCOMPARE(writeSizes.size(), size_t(1));
-    QCOMPARE(writeSizes.front(), size_t(folder.content("UsbHal1.log").size()));
-    QCOMPARE(folder.messages(1), QStringList(QString(100000, 'x')));
+    QCOMPARE(writeSizes.front(), size_t(folder->content("UsbHal1.log").size()));
+    QCOMPARE(folder->messages(1), QStringList(QString(100000, 'x')));
 }
 
 void LogFaultsTest::aFullDiskLosesLinesAndLaterOnesFlow()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logLines(log, 10, QStringLiteral("early"));
-    const qint64 size = folder.content("UsbHal1.log").size();
+    QVERIFY(openLog());
+    logLines(*log, 10, QStringLiteral("early"));
+    const qint64 size = folder->content("UsbHal1.log").size();
     {
         const FileSizeLimit limit(size);
-        logLines(log, 100, QStringLiteral("lost"));
-        QCOMPARE(qint64(folder.content("UsbHal1.log").size()), size);
+        logLines(*log, 100, QStringLiteral("lost"));
+        QCOMPARE(qint64(folder->content("UsbHal1.log").size()), size);
     }
-    logLines(log, 2, QStringLiteral("late"));
+    logLines(*log, 2, QStringLiteral("late"));
     QStringList expected;
     for (int i = 0; i < 12; ++i)
         expected.append(i < 10 ? QStringLiteral("early") : QStringLiteral("late"));
-    QCOMPARE(folder.messages(1), expected);
+    QCOMPARE(folder->messages(1), expected);
 }
 
 void LogFaultsTest::aLineThatWasCutIsNotContinued()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logLines(log, 1, QStringLiteral("early"));
-    const int size = folder.content("UsbHal1.log").size();
+    QVERIFY(openLog());
+    logLines(*log, 1, QStringLiteral("early"));
+    const int size = folder->content("UsbHal1.log").size();
     {
         const FileSizeLimit limit(size + 10);
-        logLines(log, 3, QStringLiteral("lost"));
-        QCOMPARE(folder.content("UsbHal1.log").size(), size + 10);
+        logLines(*log, 3, QStringLiteral("lost"));
+        QCOMPARE(folder->content("UsbHal1.log").size(), size + 10);
     }
-    logLines(log, 2, QStringLiteral("late"));
-    const QStringList messages = folder.messages(1);
+    logLines(*log, 2, QStringLiteral("late"));
+    const QStringList messages = folder->messages(1);
     QCOMPARE(messages.size(), 4);
     QCOMPARE(messages.first(), QStringLiteral("early"));
     QCOMPARE(messages.at(1).size(), 10);
@@ -150,66 +140,55 @@ void LogFaultsTest::aLineThatWasCutIsNotContinued()
 
 void LogFaultsTest::aLineThatLostItsEndAloneIsNotContinued()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
-    logLines(log, 1, QStringLiteral("early"));
-    const int size = folder.content("UsbHal1.log").size();
+    QVERIFY(openLog());
+    logLines(*log, 1, QStringLiteral("early"));
+    const int size = folder->content("UsbHal1.log").size();
     {
         const FileSizeLimit limit(size + 10);
-        logLines(log, 1, QStringLiteral("first"));
+        logLines(*log, 1, QStringLiteral("first"));
     }
     {
         // Room for the end of the line before and for all of the line but its own end.
         const FileSizeLimit limit(size + 10 + size);
-        logLines(log, 1, QStringLiteral("other"));
-        QCOMPARE(folder.content("UsbHal1.log").size(), size + 10 + size);
+        logLines(*log, 1, QStringLiteral("other"));
+        QCOMPARE(folder->content("UsbHal1.log").size(), size + 10 + size);
     }
-    logLines(log, 1, QStringLiteral("late"));
-    const QStringList messages = folder.messages(1);
+    logLines(*log, 1, QStringLiteral("late"));
+    const QStringList messages = folder->messages(1);
     QCOMPARE(messages.size(), 4);
     QCOMPARE(messages.mid(2), QStringList({"other", "late"}));
 }
 
 void LogFaultsTest::aFullDiskLeavesTheLogInUse()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog());
     const FileSizeLimit limit(0);
-    logLines(log, 3, QStringLiteral("lost"));
-    QVERIFY(log.isLogCreated());
-    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
+    logLines(*log, 3, QStringLiteral("lost"));
+    QVERIFY(log->isLogCreated());
+    QCOMPARE(folder->content("UsbHal1.log"), QByteArray());
 }
 
 void LogFaultsTest::lostLinesCountForTheRotation()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    ParamHal param;
-    param.maxLogLines = 5;
-    log.setupConfig(param);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(5));
     {
         const FileSizeLimit limit(0);
-        logLines(log, 5, QStringLiteral("lost"));
+        logLines(*log, 5, QStringLiteral("lost"));
     }
-    logLines(log, 1, QStringLiteral("late"));
-    QCOMPARE(folder.content("UsbHal1.log"), QByteArray());
-    QCOMPARE(folder.messages(2), QStringList("late"));
+    logLines(*log, 1, QStringLiteral("late"));
+    QCOMPARE(folder->content("UsbHal1.log"), QByteArray());
+    QCOMPARE(folder->messages(2), QStringList("late"));
 }
 
 void LogFaultsTest::lostLinesTakeNoMemory()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog());
     writeSizes.clear();
     {
         const FileSizeLimit limit(0);
-        logLines(log, 50, QStringLiteral("lost"));
+        logLines(*log, 50, QStringLiteral("lost"));
         watchWrites = true;
-        logLines(log, 50, QStringLiteral("lost"));
+        logLines(*log, 50, QStringLiteral("lost"));
         watchWrites = false;
     }
     // A line that was refused would show in the size of a later write.
@@ -221,13 +200,12 @@ void LogFaultsTest::lostLinesTakeNoMemory()
 
 void LogFaultsTest::aFullDiskDoesNotSilenceTheConsole()
 {
-    UsbHalLog log;
     ConsoleCapture console;
     {
         const FileSizeLimit limit(0);
-        logLines(log, 3, QStringLiteral("lost"));
+        logLines(*log, 3, QStringLiteral("lost"));
     }
-    logLines(log, 1, QStringLiteral("late"));
+    logLines(*log, 1, QStringLiteral("late"));
     const QByteArray text = console.finish();
     QVERIFY2(text.endsWith("USBHAL] a - late\n"), text.constData());
 }

@@ -160,4 +160,4 @@ void CommandLineTest::helpIsATextWithStatusZero()
 }
 
 QTEST_GUILESS_MAIN(CommandLineTest)
-#include "test_commandline.moc"
+#include "tst_commandline.moc"

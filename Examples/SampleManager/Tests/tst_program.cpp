@@ -295,4 +295,4 @@ void ProgramTest::afterALinkLossTransfersBeginAfresh()
 }
 
 QTEST_GUILESS_MAIN(ProgramTest)
-#include "test_program.moc"
+#include "tst_program.moc"

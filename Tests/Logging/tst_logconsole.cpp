@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
-#include "LogFolder.h"
-#include "LogLines.h"
+#include "LogFixture.h"
 
 #include <Background.h>
 #include <ConsoleCapture.h>
-#include <UsbHalLog.h>
 
 #include <QtTest>
 
 /** Log lines that go to standard output. */
-class LogConsoleTest : public QObject
+class LogConsoleTest : public LogFixture
 {
     Q_OBJECT
 
@@ -27,27 +25,24 @@ private slots:
 
 void LogConsoleTest::aLineBeforeOpenGoesToTheConsole()
 {
-    UsbHalLog log;
-    QVERIFY(!log.isLogCreated());
+    QVERIFY(!log->isLogCreated());
     ConsoleCapture console;
-    log.log(QStringLiteral("write"), 12, QStringLiteral("Write error: ok"));
+    log->log(QStringLiteral("write"), 12, QStringLiteral("Write error: ok"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] write - Write error: ok\n"));
 }
 
 void LogConsoleTest::aConsoleLineShowsNeitherDateNorThreadNorNumber()
 {
-    UsbHalLog log;
     ConsoleCapture console;
-    log.log(QStringLiteral("first"), 11, QStringLiteral("one"));
-    log.log(QStringLiteral("second"), 22, QStringLiteral(" two "));
+    log->log(QStringLiteral("first"), 11, QStringLiteral("one"));
+    log->log(QStringLiteral("second"), 22, QStringLiteral(" two "));
     QCOMPARE(console.finish(), QByteArray("USBHAL] first - one\nUSBHAL] second -  two \n"));
 }
 
 void LogConsoleTest::aConsoleLineIsFlushed()
 {
-    UsbHalLog log;
     ConsoleCapture console;
-    log.log(QStringLiteral("stop"), 1, QStringLiteral("watchdog stopped"));
+    log->log(QStringLiteral("stop"), 1, QStringLiteral("watchdog stopped"));
     const QByteArray atOnce = console.text();
     console.finish();
     QCOMPARE(atOnce, QByteArray("USBHAL] stop - watchdog stopped\n"));
@@ -55,28 +50,25 @@ void LogConsoleTest::aConsoleLineIsFlushed()
 
 void LogConsoleTest::aConsoleLineIsInLatin1()
 {
-    UsbHalLog log;
     ConsoleCapture console;
-    log.log(QString::fromUtf8("fünc"), 1, QString::fromUtf8("größe €"));
+    log->log(QString::fromUtf8("fünc"), 1, QString::fromUtf8("größe €"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] f\xFCnc - gr\xF6\xDF"
                                           "e ?\n"));
 }
 
 void LogConsoleTest::anEmptyLineKeepsItsFrame()
 {
-    UsbHalLog log;
     ConsoleCapture console;
-    log.log(QString(), 0, QString());
+    log->log(QString(), 0, QString());
     QCOMPARE(console.finish(), QByteArray("USBHAL]  - \n"));
 }
 
 void LogConsoleTest::aConsoleLineDoesNotNeedTheMutex()
 {
-    UsbHalLog log;
-    QMutexLocker holder(log.getLogMutex());
+    QMutexLocker holder(log->getLogMutex());
     ConsoleCapture console;
     const auto line =
-        inBackground([&] { log.log(QStringLiteral("read"), 1, QStringLiteral("from a thread")); });
+        inBackground([&] { log->log(QStringLiteral("read"), 1, QStringLiteral("from a thread")); });
     const bool ended = endsWithin(line, 5000);
     holder.unlock();
     line.wait();
@@ -86,42 +78,37 @@ void LogConsoleTest::aConsoleLineDoesNotNeedTheMutex()
 
 void LogConsoleTest::configuringTheLoggerOpensNoFile()
 {
-    UsbHalLog log;
     ParamHal param;
     param.maxLogLines = 10;
-    QCOMPARE(log.setupConfig(param), false);
-    QVERIFY(!log.isLogCreated());
+    QCOMPARE(log->setupConfig(param), false);
+    QVERIFY(!log->isLogCreated());
     ConsoleCapture console;
-    log.log(QStringLiteral("write"), 1, QStringLiteral("text"));
+    log->log(QStringLiteral("write"), 1, QStringLiteral("text"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] write - text\n"));
 }
 
 void LogConsoleTest::linesLeaveTheConsoleWithTheFirstOpen()
 {
-    const LogFolder folder;
-    UsbHalLog log;
     ConsoleCapture console;
-    log.log(QStringLiteral("a"), 1, QStringLiteral("before"));
-    const bool opened = log.open(folder.path(), logName);
-    log.log(QStringLiteral("a"), 2, QStringLiteral("after"));
+    log->log(QStringLiteral("a"), 1, QStringLiteral("before"));
+    const bool opened = openLog();
+    log->log(QStringLiteral("a"), 2, QStringLiteral("after"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] a - before\n"));
     QVERIFY(opened);
-    QVERIFY(log.isLogCreated());
-    QCOMPARE(folder.messages(1), QStringList("after"));
+    QVERIFY(log->isLogCreated());
+    QCOMPARE(folder->messages(1), QStringList("after"));
 }
 
 void LogConsoleTest::linesStayOnTheConsoleWhenOpenFails()
 {
-    const LogFolder folder;
-    QVERIFY(folder.obstruct("UsbHal1.log"));
-    QVERIFY(folder.obstruct("UsbHal1.log.keep"));
-    UsbHalLog log;
+    QVERIFY(folder->obstruct("UsbHal1.log"));
+    QVERIFY(folder->obstruct("UsbHal1.log.keep"));
     ConsoleCapture console;
-    const bool opened = log.open(folder.path(), logName);
-    log.log(QStringLiteral("a"), 1, QStringLiteral("after"));
+    const bool opened = openLog();
+    log->log(QStringLiteral("a"), 1, QStringLiteral("after"));
     QCOMPARE(console.finish(), QByteArray("USBHAL] a - after\n"));
     QVERIFY(!opened);
-    QVERIFY(!log.isLogCreated());
+    QVERIFY(!log->isLogCreated());
 }
 
 QTEST_GUILESS_MAIN(LogConsoleTest)

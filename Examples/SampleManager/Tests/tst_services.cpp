@@ -306,4 +306,4 @@ void ServicesTest::manyUnansweredRequestsStopTheReceiving()
 }
 
 QTEST_GUILESS_MAIN(ServicesTest)
-#include "test_services.moc"
+#include "tst_services.moc"

@@ -50,7 +50,6 @@ public:
 
 private:
     bool receiveOne(const QByteArray &rest, int &consumed);
-    bool receiveData(const QByteArray &rest, int &consumed);
     bool deliver(int number, const QByteArray &payload);
     void store(Port &port, const QByteArray &payload);
     void markConnected();

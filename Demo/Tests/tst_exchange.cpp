@@ -224,4 +224,4 @@ void ExchangeTest::managerLinesAreReadOnceTheyAreComplete()
 }
 
 QTEST_GUILESS_MAIN(ExchangeTest)
-#include "test_exchange.moc"
+#include "tst_exchange.moc"
