@@ -3,7 +3,7 @@
 // A process is a thread, an inline the core's function of that name. An atomic block is what a thread does
 // with the mutex held; others run where it blocks.
 
-mtype = { Ended, Running, Ending, Restarting, Finishing };
+mtype = { Ended, Running, Ending, Restarting, Killed, Finishing };
 mtype communication = Ended; // _communication, changed only with the mutex held
 
 #define threadStopTimeout 2 // times are in ticks of the clock; this one may be the shorter of the two
@@ -21,7 +21,7 @@ bool asleep[THREADS];  // on _communicationCond, or in QThread::wait
 bool opening[THREADS]; // waits in openConnection
 byte left[THREADS];    // ticks until the wait, or the poll, gives up
 byte limit[THREADS];   // ticks that the call may still take, plus one; 0 outside of a call
-byte ownStops[THREADS], stopsInProgress; // the second counts those of all threads
+byte stopsInProgress; // and restarts, for which openers wait
 byte polling, endWaits, stops, runs;
 bool timerWanted, timerTicking, timerChangePosted;
 bool qtRunning, started; // QThread's own: from start() until Qt has finished, and that run() is to begin
@@ -34,7 +34,7 @@ bool portOpen;           // by an openConnection since the latest end that was a
 #endif
 byte faults = FAULTS, messages = 1, exits = 1, deletions = 1; // how often the world may still act
 
-#define othersStop (stopsInProgress > ownStops[_pid])
+#define othersStop (stopsInProgress > 0)
 #define isCommunicating (communication == Running || communication == Restarting)
 #define canOpen (!othersStop && (isCommunicating || communication == Ended))
 #define isOver (communication == Ended || runs != thisRun)
@@ -53,7 +53,7 @@ inline _stopMainLoop() { setPeriod(false); wakeAll() }
 #ifdef POLLS_WHILE_AN_OPEN_WAITS
 inline catchUp() { skip }
 #else
-inline catchUp() { if :: _pid == OWNER && opening[_pid] && timerChangePosted -> apply() :: else fi }
+inline catchUp() { if :: _pid == OWNER && timerChangePosted -> apply() :: else fi }
 #endif
 
 // ---- the waits, for the ticks in left[_pid] ----
@@ -118,7 +118,7 @@ inline openConnection() {
     atomic {
         lock();
         if
-        :: _pid == THREAD -> ready = (stopsInProgress == 0 && communication != Finishing)
+        :: _pid == THREAD -> ready = (stopsInProgress == 0 && (isCommunicating || communication == Ending))
         :: else -> _waitForEnding()
         fi;
         if
@@ -132,16 +132,19 @@ inline openConnection() {
 // ---- stop and kill ----
 
 inline _askThreadToEnd() { if :: isCommunicating -> _changeCommunication(Ending) :: else fi }
-inline beginStop() { stopsInProgress++; ownStops[_pid]++ }
-inline endStop() { stopsInProgress--; ownStops[_pid]--; wakeAll() }
+inline beginStop() { stopsInProgress++ }
+inline endStop() { stopsInProgress--; wakeAll() }
 
 inline _stopWorkerThread() {
-    if :: communication != Finishing -> killed = true :: else fi;
+    if
+    :: isCommunicating || communication == Ending -> killed = true;
 #ifdef KILLS_INTO_ENDING
-    _askThreadToEnd();
+        _askThreadToEnd()
 #else
-    _changeCommunication(Finishing); // whatever a handler asks for now, the thread does not begin anew
+        _changeCommunication(Killed) // whatever a handler asks for now, the thread does not begin anew
 #endif
+    :: else
+    fi;
     _waitForEnd(killTimeout)
 }
 
@@ -151,10 +154,10 @@ inline _endCommunication() {
     _askThreadToEnd();
     thisRun = runs; _waitForEnd(threadStopTimeout);
     if
-    :: isOver
-    :: else -> _stopWorkerThread(); driverOpened = false; if :: unlock(); openConnection(); lock() :: true fi // a handler of error(8)
-    fi;
-    endStop()
+    :: isOver -> endStop()
+    :: else -> _stopWorkerThread(); endStop(); driverOpened = false;
+        if :: unlock(); openConnection(); lock() :: true fi // a handler of error(8)
+    fi
 }
 
 inline stop() {

@@ -135,6 +135,7 @@ protected:
         Running,    // it communicates
         Ending,     // it has been asked to end, or ends by itself
         Restarting, // so, too, but a handler in it has opened a port since: it is to begin anew
+        Killed,     // a kill has been sent, and strikes where the thread can be cancelled
         Finishing   // it has left the core; Qt still finishes it, and may call clients' destructors
     };
 
@@ -214,7 +215,7 @@ protected:
     void _stopMainLoop() REQUIRES(_mutex);
     void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
     void _askThreadToEnd() REQUIRES(_mutex);
-    void _endThread(QMutexLocker &locker) REQUIRES(_mutex);
+    bool _endThread() REQUIRES(_mutex);
     bool _waitForEnd(qint64 msecs) REQUIRES(_mutex);
     void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
     void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
@@ -324,8 +325,8 @@ protected:
     mutable QWaitCondition *_handlerWait GUARDED_BY(_mutex) = nullptr; // of the thread's handler
     quint32 _runs GUARDED_BY(_mutex) = 0;  // so far, so that a waiter tells one from the next
     quint32 _stops GUARDED_BY(_mutex) = 0; // so far, so that others notice one
-    quint32 _stopsInProgress GUARDED_BY(_mutex) = 0;
-    quint32 _endWaits GUARDED_BY(_mutex) = 0; // threads that wait for the thread's end
+    quint32 _stopsInProgress GUARDED_BY(_mutex) = 0; // and restarts, for which openers wait
+    quint32 _endWaits GUARDED_BY(_mutex) = 0;        // threads that wait for the thread's end
     bool _retired GUARDED_BY(_mutex) = false;
     std::atomic<pid_t> _process{0};                        // that last started the thread
     QHash<int, QByteArray> _partlyRead GUARDED_BY(_mutex); // what heads point into, by port

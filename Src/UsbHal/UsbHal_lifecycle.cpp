@@ -27,8 +27,8 @@ private:
     quint32 &_count;
 };
 
-// Stops that this thread is in: a handler that one of them calls must not wait for it.
-thread_local quint32 stopsOfThisThread = 0;
+// Restarts that this thread is in: a handler that one of them calls must not wait for it.
+thread_local quint32 restartsOfThisThread = 0;
 
 } // namespace
 
@@ -66,7 +66,7 @@ bool UsbHAL::isInHandler() const
 bool UsbHAL::isRunning() const
 {
     const CheckedLocker locker(&_mutex);
-    return _isCommunicating() || _communication == Communication::Ending;
+    return _communication != Communication::Ended && _communication != Communication::Finishing;
 }
 
 // ---- the start ----
@@ -76,11 +76,12 @@ bool UsbHAL::isRunning() const
 bool UsbHAL::_waitForEnding()
 {
     if (isConnectedThread()) // which cannot wait for itself
-        return _stopsInProgress == 0 && _communication != Communication::Finishing;
+        return _stopsInProgress == 0 &&
+               (_isCommunicating() || _communication == Communication::Ending);
     const ScopedCount waiting(_endWaits);
     return _waitUntil(_communicationCond, _param.threadStopTimeout, [this]() REQUIRES(_mutex) {
         _mainLoopTimer.catchUp(); // others wait for it, and its thread is here
-        return _stopsInProgress <= stopsOfThisThread &&
+        return _stopsInProgress <= restartsOfThisThread &&
                (_isCommunicating() || _communication == Communication::Ended);
     });
 }
@@ -192,15 +193,18 @@ void UsbHAL::_stopMainLoop()
 
 void UsbHAL::_endCommunication(QMutexLocker &locker)
 {
+    bool killed = false;
     {
         const ScopedCount stopping(_stopsInProgress);
-        const ScopedCount own(stopsOfThisThread);
         for (int i = 0; _mainLoopTimer.isTicking() && i < timerStopPolls; ++i)
             _pause(timerStopPause, locker);
         _askThreadToEnd();
-        _endThread(locker);
+        killed = !_endThread();
     }
     _communicationCond.wakeAll();
+    if (killed)
+        _releaseDriverOrReport("stop", "USB driver closed", "ERROR: could not close USB driver !",
+                               locker);
 }
 
 void UsbHAL::_askThreadToEnd()
@@ -213,17 +217,16 @@ void UsbHAL::_askThreadToEnd()
         _changeCommunication(Communication::Ending);
 }
 
-// Waits for the thread after it was asked to end, and kills it when it does not.
-void UsbHAL::_endThread(QMutexLocker &locker)
+// Waits for the thread after it was asked to end, and kills it when it does not. Returns whether it
+// ended by itself.
+bool UsbHAL::_endThread()
 {
-    if (_waitForEnd(_param.threadStopTimeout)) {
-        logLine("stop", {"communication thread stopped"});
-        return;
-    }
-    logLine("stop", {"communication thread still running"});
-    _stopWorkerThread(killTimeout);
-    _releaseDriverOrReport("stop", "USB driver closed", "ERROR: could not close USB driver !",
-                           locker);
+    const bool ended = _waitForEnd(_param.threadStopTimeout);
+    logLine("stop",
+            {ended ? "communication thread stopped" : "communication thread still running"});
+    if (!ended)
+        _stopWorkerThread(killTimeout);
+    return ended;
 }
 
 // Waits until this run is over, at most msecs ms: another may have begun by the time it wakes.
@@ -232,18 +235,18 @@ bool UsbHAL::_waitForEnd(qint64 msecs)
     const ScopedCount waiting(_endWaits);
     const quint32 run = _runs;
     return _waitUntil(_communicationCond, msecs, [this, run]() REQUIRES(_mutex) {
+        _mainLoopTimer.catchUp(); // a stop may wait for it, and its thread is here
         return _communication == Communication::Ended || _runs != run;
     });
 }
 
 void UsbHAL::_stopWorkerThread(unsigned long time)
 {
-    if (_isCommunicating())
-        _changeCommunication(Communication::Ending);
-    {
+    if (_isCommunicating() || _communication == Communication::Ending) {
         const QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
-        if (_communication == Communication::Ending)
-            _connectedThread.terminate();
+        _connectedThread.terminate();
+        // Late or soon it strikes: no handler may ask the thread to begin anew.
+        _changeCommunication(Communication::Killed);
     }
     // The thread may have to pass the mutex, which the wait releases, to a point where it can end.
     const bool ended = _waitForEnd(static_cast<qint64>(time));
@@ -265,7 +268,7 @@ void UsbHAL::_restartStuckThread(QMutexLocker &locker)
     const bool ended = _waitForEnd(_param.threadStopTimeout);
     {
         const ScopedCount stopping(_stopsInProgress); // who opens a port waits for the new run
-        const ScopedCount own(stopsOfThisThread);
+        const ScopedCount own(restartsOfThisThread);
         if (!ended && _stops == stops)
             _stopWorkerThread(killTimeout);
         _replaceThread(stops, locker);

@@ -216,12 +216,14 @@ void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
     QSemaphore entered;
     std::atomic<bool> mayReturn{false};
     std::atomic<bool> returned{false};
+    std::atomic<bool> opened{true};
     const auto handler = QObject::connect(
         &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
         [&] {
             entered.release();
             while (!mayReturn)
                 QThread::msleep(1);
+            opened = core.openConnection(2);
             returned = true;
         },
         Qt::DirectConnection);
@@ -233,6 +235,8 @@ void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
     mayReturn = true;
     QVERIFY(core.waitForEndOfThread());
     QVERIFY(returned);
+    QVERIFY(!opened); // the kill strikes as the handler returns
+    QCOMPARE(core.socketStatus(2), SocketState::CLOSED);
     QVERIFY(QObject::disconnect(handler));
     QVERIFY(core.worksAgain(2));
 }

@@ -43,6 +43,7 @@ namespace {
 std::atomic<unsigned> pauseDivisor{1};
 std::atomic<bool> instantWaits{false};
 std::atomic<bool> waitsHeld{false};
+std::atomic<bool> waitsPassOn{false};
 std::atomic<unsigned long> stickingPause{0}; // ms; 0: none
 std::atomic<const QWaitCondition *> realCondition{nullptr};
 std::function<bool(const QWaitCondition *)> waitHook;
@@ -166,6 +167,14 @@ void passMutexOn(QMutex *mutex)
     mutex->lock();
 }
 
+bool waitReally(QWaitCondition *condition, QMutex *mutex, unsigned long msecs)
+{
+    const bool woken = __real__ZN14QWaitCondition4waitEP6QMutexm(condition, mutex, msecs);
+    if (waitsPassOn)
+        passMutexOn(mutex);
+    return woken;
+}
+
 } // namespace
 
 void VirtualTime::setPauseDivisor(unsigned divisor)
@@ -194,6 +203,11 @@ int VirtualTime::heldWaits()
 void VirtualTime::stickInNextPause(unsigned long msecs)
 {
     stickingPause = msecs;
+}
+
+void VirtualTime::setWaitsPassOn(bool passOn)
+{
+    waitsPassOn = passOn;
 }
 
 void VirtualTime::keepReal(const QWaitCondition *condition)
@@ -227,7 +241,7 @@ bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mut
     if (isHooked(self, mutex))
         return true;
     if (self == realCondition || msecs == ULONG_MAX || !(instantWaits || waitsHeld))
-        return __real__ZN14QWaitCondition4waitEP6QMutexm(self, mutex, msecs);
+        return waitReally(self, mutex, msecs);
     if (waitsHeld && waitWhileHeld(self, mutex))
         return true;
     if (instantWaits)

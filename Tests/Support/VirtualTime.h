@@ -34,6 +34,10 @@ int heldWaits();
 /** The next pause of exactly that many ms does not end, but for a kill of the thread in it. */
 void stickInNextPause(unsigned long msecs);
 
+/** Whether a real wait, once over, lets others have the mutex before it returns. Not so at first.
+ */
+void setWaitsPassOn(bool passOn);
+
 /** Waits on that condition stay real, whatever is said of waits. */
 void keepReal(const QWaitCondition *condition);
 
