@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -15,7 +16,18 @@ namespace simnode {
 
 namespace {
 
-constexpr std::size_t maxConnections = 800; // below the usual limit of 1024 descriptors
+// Together below the usual limit of 1024 descriptors. Control clients may stay without a word, so
+// they have a bound of their own that leaves the device its room.
+constexpr std::size_t maxDeviceConnections = 600;
+constexpr std::size_t maxControlConnections = 200;
+constexpr std::size_t maxRefusedHosts = 16;
+
+// The system is out of descriptors or memory: asking again at once would only take its time.
+constexpr std::chrono::milliseconds acceptPause{100};
+
+// As a transfer of its own, before the connection ends.
+constexpr std::string_view hostRefusal = "another host is connected";
+
 constexpr std::size_t maxPacketSize = 3 * maxTransferSize; // `inject` takes two digits a byte
 
 // A small buffer, so that a host that does not read soon stops the device as the bus would. The
@@ -39,6 +51,11 @@ bool wouldBlock(int error)
 
 } // namespace
 
+bool Server::isOfDevice(Role role)
+{
+    return role == Role::Device || role == Role::Descriptor;
+}
+
 Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
     : _directory(directory),
       _node(node),
@@ -57,8 +74,11 @@ Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
 bool Server::serveOnce(int signals)
 {
     PollSet polled = pollSet(signals);
-    if (poll(polled.entries.data(), polled.entries.size(), pollTimeout()) < 0)
-        return errno != EINTR && errno != EAGAIN;
+    if (poll(polled.entries.data(), polled.entries.size(), pollTimeout()) < 0) {
+        if (errno == EINTR || errno == EAGAIN)
+            return false;
+        throw std::runtime_error(std::string("cannot wait for events: ") + std::strerror(errno));
+    }
 
     for (std::size_t i = 0; i < polled.devices.size(); ++i)
         serve(polled.devices[i], polled.events(polled.firstDevice() + i));
@@ -68,9 +88,11 @@ bool Server::serveOnce(int signals)
     for (std::size_t i = 0; i < polled.controls.size(); ++i)
         serve(polled.controls[i], polled.events(PollSet::firstControl + i));
     if (polled.events(PollSet::controlListener) != 0)
-        accept(_controlListener, Role::Control);
+        acceptCaller(_controlListener, Role::Control);
     if (polled.events(PollSet::deviceListener) != 0)
-        accept(_deviceListener, Role::Device);
+        acceptCaller(_deviceListener, Role::Device);
+    if (polled.events(PollSet::directory) != 0)
+        _directory.checkIsThere();
     _script.run(_node, now());
     settle();
     return polled.events(PollSet::signals) != 0;
@@ -82,22 +104,23 @@ Server::PollSet Server::pollSet(int signals) const
     const auto add = [&set](const FileDescriptor &socket, int events) {
         set.entries.push_back({socket.get(), static_cast<short>(events | POLLRDHUP), 0});
     };
-    const int whileThereIsRoom = _connections.size() < maxConnections ? POLLIN : 0;
+    const bool accepts = now() >= _acceptAgain;
     set.entries.push_back({signals, POLLIN, 0});
-    add(_deviceListener, whileThereIsRoom);
-    add(_controlListener, whileThereIsRoom);
+    set.entries.push_back({_directory.watch(), POLLIN, 0});
+    add(_deviceListener, accepts && hasRoomFor(Role::Device) ? POLLIN : 0);
+    add(_controlListener, accepts && hasRoomFor(Role::Control) ? POLLIN : 0);
     for (const auto &[id, connection] : _connections) {
-        if (connection.role == Role::Control) {
+        if (!isOfDevice(connection.role)) {
             set.controls.push_back(id);
             add(connection.socket, POLLIN);
         }
     }
     const int fromHost = _node.takesTransfers() ? POLLIN : 0;
     const int toHost = _node.transferForHost() != nullptr ? POLLOUT : 0;
-    add(_hostListener, POLLIN);
+    add(_hostListener, accepts ? POLLIN : 0);
     add(_host, fromHost | toHost);
     for (const auto &[id, connection] : _connections) {
-        if (connection.role != Role::Control) {
+        if (isOfDevice(connection.role)) {
             set.devices.push_back(id);
             add(connection.socket, POLLIN);
         }
@@ -108,7 +131,8 @@ Server::PollSet Server::pollSet(int signals) const
 // In ms, rounded up: woken too early the loop would spin until the deadline.
 int Server::pollTimeout() const
 {
-    const std::optional<Node::Time> deadlines[] = {_node.nextDeadline(), _script.nextDeadline()};
+    const std::optional<Node::Time> deadlines[] = {_node.nextDeadline(), _script.nextDeadline(),
+                                                   acceptDeadline()};
     int timeout = -1;
     for (const std::optional<Node::Time> &deadline : deadlines) {
         if (!deadline)
@@ -120,29 +144,78 @@ int Server::pollTimeout() const
     return timeout;
 }
 
-void Server::accept(const FileDescriptor &listener, Role role)
+std::optional<Node::Time> Server::acceptDeadline() const
+{
+    return now() < _acceptAgain ? std::optional<Node::Time>(_acceptAgain) : std::nullopt;
+}
+
+bool Server::hasRoomFor(Role role) const
+{
+    const auto count = [this](Role counted) {
+        const auto found = _counts.find(counted);
+        return found == _counts.end() ? 0 : found->second;
+    };
+    switch (role) {
+    case Role::Control:
+        return count(Role::Control) < maxControlConnections;
+    case Role::RefusedHost:
+        return count(Role::RefusedHost) < maxRefusedHosts;
+    case Role::Device:
+    case Role::Descriptor:
+        break;
+    }
+    return count(Role::Device) + count(Role::Descriptor) < maxDeviceConnections;
+}
+
+// Who cannot be accepted waits in the listener's queue, and is asked for after a pause.
+FileDescriptor Server::accept(const FileDescriptor &listener)
 {
     FileDescriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.isOpen())
-        return;
+    if (!socket.isOpen() && !wouldBlock(errno) && errno != EINTR && errno != ECONNABORTED)
+        _acceptAgain = now() + acceptPause;
+    return socket;
+}
+
+void Server::acceptCaller(const FileDescriptor &listener, Role role)
+{
+    FileDescriptor socket = accept(listener);
+    if (socket.isOpen())
+        add(std::move(socket), role);
+}
+
+void Server::add(FileDescriptor socket, Role role)
+{
     Connection connection;
     connection.socket = std::move(socket);
     connection.role = role;
     _connections.emplace(_nextId++, std::move(connection));
+    ++_counts[role];
 }
 
 void Server::acceptHost()
 {
-    FileDescriptor socket(
-        accept4(_hostListener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.isOpen())
+    FileDescriptor socket = accept(_hostListener);
+    if (!socket.isOpen() || !_node.acceptsHost())
         return;
-    if (_host.isOpen() || !_node.acceptsHost())
+    if (_host.isOpen()) {
+        refuseHost(std::move(socket));
         return;
+    }
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &hostSendBufferSize, sizeof(int));
     _host = std::move(socket);
     _node.hostArrived();
     settle();
+}
+
+// The connection stays until the other end closes it: what that has sent meanwhile would else make
+// it miss the text.
+void Server::refuseHost(FileDescriptor socket)
+{
+    if (send(socket.get(), hostRefusal.data(), hostRefusal.size(), MSG_NOSIGNAL) < 0 ||
+        !hasRoomFor(Role::RefusedHost))
+        return;
+    shutdown(socket.get(), SHUT_WR);
+    add(std::move(socket), Role::RefusedHost);
 }
 
 void Server::serveHost(short events)
@@ -223,7 +296,13 @@ void Server::end(ConnectionId id)
         _node.abandon(id);
     else if (found->second.role == Role::Descriptor)
         _node.release(found->second.handle);
-    _connections.erase(found);
+    forget(found);
+}
+
+void Server::forget(Connections::iterator connection)
+{
+    --_counts[connection->second.role];
+    _connections.erase(connection);
 }
 
 void Server::dropHost()
@@ -284,9 +363,11 @@ void Server::sendReply(const Node::Reply &reply)
     message.msg_iovlen = 2;
     const bool isSent = sendmsg(found->second.socket.get(), &message, MSG_NOSIGNAL) >= 0;
     if (reply.header.handle == 0) {
-        _connections.erase(found);
+        forget(found);
         return;
     }
+    --_counts[Role::Device];
+    ++_counts[Role::Descriptor];
     found->second.role = Role::Descriptor;
     found->second.handle = reply.header.handle;
     if (!isSent)

@@ -104,6 +104,7 @@ struct Daemon
 int serve(const Options &options)
 {
     Daemon daemon(options);
+    daemon.directory.keep();
     std::cout << "simnode ready in " << daemon.directory.path() << std::endl;
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
@@ -135,6 +136,7 @@ int run(const Options &options)
     const std::string preloadLibrary = findPreloadLibrary();
     Daemon daemon(options);
     const pid_t program = startProgram(options.words, daemon.directory.path(), preloadLibrary);
+    daemon.directory.keep();
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
             continue;

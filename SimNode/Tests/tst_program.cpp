@@ -7,6 +7,21 @@
 
 using namespace simnode;
 
+namespace {
+
+// The kernel's letter for what the process does; 0 if there is none of this number.
+char stateOf(const QByteArray &process)
+{
+    QFile file("/proc/" + process + "/stat");
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = file.readAll();
+    const int name = text.lastIndexOf(')');
+    return name < 0 ? '\0' : text[name + 2];
+}
+
+} // namespace
+
 /// `simnode run` and `simnode control`, the command line, and the preload library.
 class TestProgram : public QObject
 {
@@ -19,6 +34,7 @@ private slots:
     void runRemovesOnlyAFolderOfItsOwn();
     void runExtendsTheEnvironment();
     void runPassesSignalsOn();
+    void noProgramOutlivesItsKilledDaemon();
     void runFindsTheInstalledPreloadLibrary();
     void runTakesThePreloadLibraryFromTheEnvironment();
     void runWithoutAPreloadLibrarySaysSo();
@@ -104,6 +120,25 @@ void TestProgram::runPassesSignalsOn()
         QCOMPARE(result.exitCode, signal == SIGINT ? 3 : 4);
         QCOMPARE(result.output, QByteArray(signal == SIGINT ? "INT\n" : "TERM\n"));
     }
+}
+
+void TestProgram::noProgramOutlivesItsKilledDaemon()
+{
+    ForkedProcess process;
+    process.setProcessEnvironment(cleanEnvironment());
+    startBuilt(
+        process, SIMNODE_EXECUTABLE,
+        {"run", "--", "sh", "-c", "trap '' TERM HUP INT; echo $$; while :; do sleep 0.05; done"});
+    QVERIFY(process.waitForReadyRead(waitTime));
+    const QByteArray program = process.readLine().trimmed();
+    QVERIFY2(stateOf(program) != 0, program);
+    process.kill();
+    QVERIFY(process.waitForFinished(waitTime));
+    const bool isEnded =
+        QTest::qWaitFor([&] { return stateOf(program) == 0 || stateOf(program) == 'Z'; }, waitTime);
+    if (!isEnded)
+        kill(program.toInt(), SIGKILL);
+    QVERIFY(isEnded);
 }
 
 void TestProgram::runFindsTheInstalledPreloadLibrary()
