@@ -34,6 +34,8 @@ constexpr std::size_t maxPacketSize = 3 * maxTransferSize; // `inject` takes two
 // kernel doubles the value; the largest transfer still fits.
 constexpr int hostSendBufferSize = static_cast<int>(maxTransferSize) / 2 + 1024;
 
+constexpr int callEvents = POLLIN | POLLRDHUP;
+
 Node::Time now()
 {
     return std::chrono::steady_clock::now();
@@ -116,13 +118,17 @@ Server::PollSet Server::pollSet(int signals) const
         }
     }
     const int fromHost = _node.takesTransfers() ? POLLIN : 0;
-    const int toHost = _node.transferForHost() != nullptr ? POLLOUT : 0;
+    const int toHost = _node.transferForHost(now()) != nullptr ? POLLOUT : 0;
     add(_hostListener, accepts ? POLLIN : 0);
     add(_host, fromHost | toHost);
     for (const auto &[id, connection] : _connections) {
         if (isOfDevice(connection.role)) {
             set.devices.push_back(id);
-            add(connection.socket, POLLIN);
+            // Its own side is shut down for reading, which POLLIN and POLLRDHUP would tell for
+            // ever.
+            const bool isDescriptor = connection.role == Role::Descriptor;
+            set.entries.push_back(
+                {connection.socket.get(), short(isDescriptor ? 0 : callEvents), 0});
         }
     }
     return set;
@@ -235,7 +241,7 @@ void Server::takeTransfer()
                      size, maxTransferSize);
         dropHost();
     } else if (size >= 0) {
-        _node.transferFromHost(_buffer.substr(0, static_cast<std::size_t>(size)));
+        _node.transferFromHost(_buffer.substr(0, static_cast<std::size_t>(size)), now());
     }
 }
 
@@ -274,6 +280,7 @@ void Server::serveDevice(ConnectionId id, std::string_view packet)
         return;
     }
     std::memcpy(&request, packet.data(), sizeof(request));
+    _connections.at(id).handle = request.handle;
     _node.submit(id, request, std::string(packet.substr(sizeof(request))), now());
 }
 
@@ -281,7 +288,7 @@ void Server::serveControl(ConnectionId id, std::string_view packet)
 {
     const ParsedCommand parsed = parseCommand(packet);
     const std::string answer =
-        parsed.command ? _node.execute(*parsed.command) : "error: " + parsed.error;
+        parsed.command ? _node.execute(*parsed.command, now()) : "error: " + parsed.error;
     settle();
     const ssize_t sent =
         send(_connections.at(id).socket.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
@@ -295,8 +302,14 @@ void Server::end(ConnectionId id)
     if (found->second.role == Role::Device)
         _node.abandon(id);
     else if (found->second.role == Role::Descriptor)
-        _node.release(found->second.handle);
+        release(found->second.handle);
     forget(found);
+}
+
+void Server::release(std::uint32_t handle)
+{
+    _node.release(handle);
+    _readable.erase(handle);
 }
 
 void Server::forget(Connections::iterator connection)
@@ -319,6 +332,7 @@ void Server::settle()
     sendTransfers();
     _node.advance(now());
     sendReplies();
+    showWaitingTransfers();
 }
 
 // With the cable out the socket's name stays and refuses connections.
@@ -334,7 +348,7 @@ void Server::followCable()
 
 void Server::sendTransfers()
 {
-    while (const std::string *transfer = _node.transferForHost()) {
+    while (const std::string *transfer = _node.transferForHost(now())) {
         if (send(_host.get(), transfer->data(), transfer->size(), MSG_NOSIGNAL) >= 0) {
             _node.hostTookTransfer();
         } else {
@@ -347,31 +361,50 @@ void Server::sendTransfers()
 
 void Server::sendReplies()
 {
-    for (const Node::Reply &reply : _node.takeReplies())
-        sendReply(reply);
+    for (Node::Reply &reply : _node.takeReplies())
+        sendReply(std::move(reply));
 }
 
-void Server::sendReply(const Node::Reply &reply)
+void Server::sendReply(Node::Reply reply)
 {
     const auto found = _connections.find(reply.call);
     if (found == _connections.end())
         return;
-    iovec parts[2] = {{const_cast<DeviceReply *>(&reply.header), sizeof(reply.header)},
-                      {const_cast<char *>(reply.data.data()), reply.data.size()}};
+    const std::uint32_t handle = found->second.handle;
+    reply.header.isDrained = _readable.count(handle) != 0 && !_node.isReadable(handle) ? 1 : 0;
+    iovec parts[2] = {{&reply.header, sizeof(reply.header)},
+                      {reply.data.data(), reply.data.size()}};
     msghdr message = {};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
+    if (reply.header.handle != 0)
+        becomeDescriptor(found->second);
     const bool isSent = sendmsg(found->second.socket.get(), &message, MSG_NOSIGNAL) >= 0;
-    if (reply.header.handle == 0) {
-        forget(found);
-        return;
-    }
+    if (isSent && reply.header.isDrained != 0)
+        _readable.erase(handle);
+    if (!isSent || reply.header.handle == 0)
+        end(reply.call);
+}
+
+// What a program sends here on its own, around the preload library, is to fail and not to be lost.
+void Server::becomeDescriptor(Connection &connection)
+{
     --_counts[Role::Device];
     ++_counts[Role::Descriptor];
-    found->second.role = Role::Descriptor;
-    found->second.handle = reply.header.handle;
-    if (!isSent)
-        end(reply.call);
+    connection.role = Role::Descriptor;
+    shutdown(connection.socket.get(), SHUT_RD);
+}
+
+// An empty packet makes a descriptor readable for poll and its like, until a reply takes it back.
+void Server::showWaitingTransfers()
+{
+    for (const auto &[id, connection] : _connections) {
+        const bool isNew = connection.role == Role::Descriptor &&
+                           _readable.count(connection.handle) == 0 &&
+                           _node.isReadable(connection.handle);
+        if (isNew && send(connection.socket.get(), "", 0, MSG_NOSIGNAL) == 0)
+            _readable.insert(connection.handle);
+    }
 }
 
 } // namespace simnode

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <poll.h>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,7 +37,7 @@ private:
     {
         FileDescriptor socket;
         Role role;
-        std::uint32_t handle = 0; // of a Descriptor
+        std::uint32_t handle = 0; // of a Descriptor, or of that which the Device's call is on
     };
 
     using ConnectionId = Node::CallId;
@@ -78,13 +79,16 @@ private:
     void serveDevice(ConnectionId id, std::string_view packet);
     void serveControl(ConnectionId id, std::string_view packet);
     void end(ConnectionId id);
+    void release(std::uint32_t handle);
     void forget(Connections::iterator connection);
     void dropHost();
     void settle();
     void followCable();
     void sendTransfers();
     void sendReplies();
-    void sendReply(const Node::Reply &reply);
+    void sendReply(Node::Reply reply);
+    void becomeDescriptor(Connection &connection);
+    void showWaitingTransfers();
 
     const NodeDirectory &_directory;
     Node &_node;
@@ -94,6 +98,7 @@ private:
     FileDescriptor _hostListener;
     FileDescriptor _host;
     Connections _connections;
+    std::set<std::uint32_t> _readable;   // descriptors that hold the packet of a waiting transfer
     std::map<Role, std::size_t> _counts; // of the connections
     Node::Time _acceptAgain{};
     ConnectionId _nextId = 1;

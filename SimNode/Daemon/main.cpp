@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <random>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 
@@ -89,7 +88,7 @@ struct Daemon
     explicit Daemon(const Options &options)
         : script(loadScript(options.scriptPath)),
           directory(options.directory),
-          node(std::random_device()(), options.timeoutResult == "error"),
+          node(options.timeoutResult == "error"),
           server(directory, node, script)
     {
     }

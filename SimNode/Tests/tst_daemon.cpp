@@ -79,6 +79,7 @@ private slots:
     void waitInAScriptDelaysTheLinesBehindIt();
     void aFaultyScriptIsAWrongCommandLine();
     void theTimeoutResultCanBeChosenAtStart();
+    void aDescriptorKeptAcrossExecIsTheNode();
     void aDeadDaemonEndsAWaitingCallWithAnError();
     void anotherDaemonDoesNotKnowOldDescriptors();
     void hostTransfersBeyondTheLimitEndTheConnection();
@@ -384,6 +385,18 @@ void TestDaemon::theTimeoutResultCanBeChosenAtStart()
              QByteArray("open 0 -\ntimeout 0 -\nread 0 -\n"));
     QCOMPARE(runSimnode(QStringList{"run", "--timeout-result", "error"} + calls).output,
              QByteArray("open 0 -\ntimeout 0 -\nread -1 ETIMEDOUT\n"));
+}
+
+void TestDaemon::aDescriptorKeptAcrossExecIsTheNode()
+{
+    QTemporaryDir folder;
+    const QString script = writeFile(folder, "script", "inject 616263\n");
+    Daemon daemon(folder.filePath("node"), {"--script", script});
+    QVERIFY(daemon.isReady());
+    Probe probe(folder.filePath("node"), QStringList{"open", "exec"} + wordsToRun(SIMNODE_PROBE) +
+                                             QStringList{"inherit", "20", "read", "read", "close"});
+    QCOMPARE(probe.output(), QByteArray("open 0 -\ntimeout 0 -\nread 3 -\nread 0 -\nclose 0 -\n"));
+    QVERIFY(waitForStatus(folder.filePath("node"), "descriptors", "0"));
 }
 
 void TestDaemon::aDeadDaemonEndsAWaitingCallWithAnError()
