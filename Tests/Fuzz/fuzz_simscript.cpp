@@ -336,8 +336,10 @@ public:
             _act(_input.below(16));
             _endEvent();
         }
-        _pass(longestTime);
-        _endEvent();
+        // The rest of the script may send transfers on their way.
+        while (_next < _commands.size())
+            _passAll();
+        _passAll();
         require(!_node.nextDeadline(), "every call that waits for its time-out has ended");
     }
 
@@ -350,6 +352,12 @@ private:
         std::string data;
         std::optional<Plan> plan; // none: it does not get as far as the faults
     };
+
+    void _passAll()
+    {
+        _pass(longestTime);
+        _endEvent();
+    }
 
     void _act(unsigned action)
     {
