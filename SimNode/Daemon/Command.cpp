@@ -299,6 +299,14 @@ ParsedCommand parseCommand(std::string_view line)
     return parseWords(splitWords(line), 0);
 }
 
+std::string commandUsages()
+{
+    std::string text = onUsage;
+    for (const Rule &rule : rules)
+        text.append("\n").append(usage(rule));
+    return text;
+}
+
 ParsedScript parseScript(std::string_view text)
 {
     ParsedScript script;

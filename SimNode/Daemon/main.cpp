@@ -208,6 +208,7 @@ CLI::App *addControl(CLI::App &application, Options &options)
     addDirectoryOption(command, options, "Folder of the node's sockets")->required();
     command->add_option("COMMAND", options.words, "The command's words, for example: read fail EIO")
         ->required();
+    command->footer("Commands, which man simnode explains:\n" + commandUsages());
     return command;
 }
 

@@ -438,15 +438,26 @@ int transactAndEnd(int connection, const sockaddr_un &address, Exchange &exchang
     return result;
 }
 
+// As long as it lives, the thread is not cancelled.
+class Uncancelled
+{
+public:
+    Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_state); }
+    ~Uncancelled() { pthread_setcancelstate(_state, nullptr); }
+    Uncancelled(const Uncancelled &) = delete;
+    Uncancelled &operator=(const Uncancelled &) = delete;
+
+private:
+    int _state = PTHREAD_CANCEL_ENABLE;
+};
+
 // Takes the packet out by which poll saw a waiting transfer.
 void drain(int fd, std::uint32_t handle)
 {
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    const Uncancelled here;
     char nothing = 0;
     if (nodeHandle(fd) == handle)
         recv(fd, &nothing, sizeof(nothing), MSG_DONTWAIT);
-    pthread_setcancelstate(cancelState, nullptr);
 }
 
 // Read, write, ioctl and close: the daemon's address is that of the descriptor's own connection, so
@@ -471,15 +482,6 @@ int callNode(int fd, Exchange &exchange)
     if (exchange.reply.isDrained != 0)
         drain(fd, exchange.request.handle);
     errno = error;
-    return result;
-}
-
-int callNodeUncancelled(int fd, Exchange &exchange)
-{
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    const int result = callNode(fd, exchange);
-    pthread_setcancelstate(cancelState, nullptr);
     return result;
 }
 
@@ -510,19 +512,26 @@ int ioctlNode(int fd, std::uint32_t handle, unsigned long request, const void *a
     exchange.request.argument = static_cast<std::uint32_t>(request);
     exchange.request.value = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument));
     // C++ callers take ioctl for a function that never unwinds, so it must not be cancelled.
-    return callNodeUncancelled(fd, exchange);
+    const Uncancelled here;
+    return callNode(fd, exchange);
 }
 
-// The errno with which the daemon lets the close fail, 0 for none. Whatever else goes wrong here is
-// nothing that the program can have done about.
-int errorOfClose(int fd, std::uint32_t handle)
+// A close that fails has closed all the same, as on any Linux. Only the daemon makes it fail: a
+// daemon that is gone is nothing to tell a program that closes.
+int closeNode(int fd, std::uint32_t handle)
 {
     const int savedErrno = errno;
+    const Uncancelled here; // a thread that was cancelled half-way would leave the descriptor open
     Exchange exchange = makeExchange(Call::Close, handle);
-    // A thread that were cancelled here would leave the descriptor open.
-    callNodeUncancelled(fd, exchange);
+    callNode(fd, exchange);
+    // Right after the real close another thread may open the node on the same number.
+    forget(fd);
     errno = savedErrno;
-    return exchange.reply.error;
+    const int result = nextClose(fd);
+    if (result != 0 || exchange.reply.error == 0)
+        return result;
+    errno = exchange.reply.error;
+    return -1;
 }
 
 template <typename Fcntl>
@@ -534,9 +543,19 @@ int fcntlWith(NextFunction<Fcntl> &next, int fd, int command, void *argument)
     return isCopy ? rememberCopy(result, handle) : result;
 }
 
-bool hasMode(int flags)
+// A mode follows the flags where these ask for one only.
+mode_t modeIn(va_list arguments, int flags)
 {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const bool hasMode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return hasMode ? va_arg(arguments, mode_t) : 0;
+}
+
+// Opens the node, or any other file by the C library's own function with all that it takes.
+template <typename Open, typename... Arguments>
+int openAny(NextFunction<Open> &next, const char *path, int flags, Arguments... arguments)
+{
+    const char *node = directoryOf(path);
+    return node != nullptr ? openNode(node, flags) : next(arguments...);
 }
 
 } // namespace
@@ -547,72 +566,60 @@ bool hasMode(int flags)
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized)
 SIMNODE_EXPORT int open(const char *file, int oflag, ...)
 {
-    if (const char *node = directoryOf(file))
-        return openNode(node, oflag);
     va_list arguments;
     va_start(arguments, oflag);
-    const mode_t mode = hasMode(oflag) ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = modeIn(arguments, oflag);
     va_end(arguments);
-    return nextOpen(file, oflag, mode);
+    return openAny(nextOpen, file, oflag, file, oflag, mode);
 }
 
 SIMNODE_EXPORT int open64(const char *file, int oflag, ...)
 {
-    if (const char *node = directoryOf(file))
-        return openNode(node, oflag);
     va_list arguments;
     va_start(arguments, oflag);
-    const mode_t mode = hasMode(oflag) ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = modeIn(arguments, oflag);
     va_end(arguments);
-    return nextOpen64(file, oflag, mode);
+    return openAny(nextOpen64, file, oflag, file, oflag, mode);
 }
 
 SIMNODE_EXPORT int openat(int fd, const char *file, int oflag, ...)
 {
-    if (const char *node = directoryOf(file))
-        return openNode(node, oflag);
     va_list arguments;
     va_start(arguments, oflag);
-    const mode_t mode = hasMode(oflag) ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = modeIn(arguments, oflag);
     va_end(arguments);
-    return nextOpenat(fd, file, oflag, mode);
+    return openAny(nextOpenat, file, oflag, fd, file, oflag, mode);
 }
 
 SIMNODE_EXPORT int openat64(int fd, const char *file, int oflag, ...)
 {
-    if (const char *node = directoryOf(file))
-        return openNode(node, oflag);
     va_list arguments;
     va_start(arguments, oflag);
-    const mode_t mode = hasMode(oflag) ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = modeIn(arguments, oflag);
     va_end(arguments);
-    return nextOpenat64(fd, file, oflag, mode);
+    return openAny(nextOpenat64, file, oflag, fd, file, oflag, mode);
 }
 
 // NOLINTEND(clang-analyzer-valist.Uninitialized)
 
 SIMNODE_EXPORT int __open_2(const char *path, int flags)
 {
-    const char *node = directoryOf(path);
-    return node != nullptr ? openNode(node, flags) : nextOpen2(path, flags);
+    return openAny(nextOpen2, path, flags, path, flags);
 }
 
 SIMNODE_EXPORT int __open64_2(const char *path, int flags)
 {
-    const char *node = directoryOf(path);
-    return node != nullptr ? openNode(node, flags) : nextOpen642(path, flags);
+    return openAny(nextOpen642, path, flags, path, flags);
 }
 
 SIMNODE_EXPORT int __openat_2(int directory, const char *path, int flags)
 {
-    const char *node = directoryOf(path);
-    return node != nullptr ? openNode(node, flags) : nextOpenat2(directory, path, flags);
+    return openAny(nextOpenat2, path, flags, directory, path, flags);
 }
 
 SIMNODE_EXPORT int __openat64_2(int directory, const char *path, int flags)
 {
-    const char *node = directoryOf(path);
-    return node != nullptr ? openNode(node, flags) : nextOpenat642(directory, path, flags);
+    return openAny(nextOpenat642, path, flags, directory, path, flags);
 }
 
 SIMNODE_EXPORT ssize_t read(int fd, void *buf, size_t nbytes)
@@ -659,18 +666,10 @@ SIMNODE_EXPORT int __ioctl_time64(int fd, unsigned long request, ...) noexcept
 }
 #endif
 
-// Forgotten first: right after the real close another thread may open the node on the same number.
-// A close that fails has closed all the same, as on any Linux.
 SIMNODE_EXPORT int close(int fd)
 {
     const std::uint32_t handle = nodeHandle(fd);
-    forget(fd);
-    const int error = handle == 0 ? 0 : errorOfClose(fd, handle);
-    const int result = nextClose(fd);
-    if (result != 0 || error == 0)
-        return result;
-    errno = error;
-    return -1;
+    return handle == 0 ? nextClose(fd) : closeNode(fd, handle);
 }
 
 SIMNODE_EXPORT int dup(int fd) noexcept

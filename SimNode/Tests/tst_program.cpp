@@ -43,6 +43,7 @@ private slots:
     void wrongCommandLinesSayHowTheyShouldBe_data();
     void wrongCommandLinesSayHowTheyShouldBe();
     void helpIsNoError();
+    void theHelpOfControlListsTheCommands();
     void thePreloadLibraryExportsTheWrappedNamesOnly();
     void thePreloadLibraryNeedsTheCLibraryOnly();
 };
@@ -234,6 +235,15 @@ void TestProgram::helpIsNoError()
     const Result result = runSimnode({"run", "--help"});
     QCOMPARE(result.exitCode, 0);
     QVERIFY2(result.output.contains("--timeout-result"), result.output);
+}
+
+void TestProgram::theHelpOfControlListsTheCommands()
+{
+    const Result result = runSimnode({"control", "--help"});
+    QCOMPARE(result.exitCode, 0);
+    for (const char *usage : {"on open|read|write|ioctl|close K COMMAND...", "open stuck [N]",
+                              "ioctl fail ERRNO [N]", "close fail ERRNO [N]", "latency MS"})
+        QVERIFY2(result.output.contains(QByteArray(usage) + "\n"), result.output);
 }
 
 void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
