@@ -66,7 +66,7 @@ bool waitBySelect(int fd, int milliseconds)
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
-    timeval time = {milliseconds / 1000, milliseconds % 1000 * 1000};
+    timeval time = {milliseconds / 1000, milliseconds % 1000 * 1000L};
     return select(fd + 1, &readable, nullptr, nullptr, &time) == 1 && FD_ISSET(fd, &readable);
 }
 

@@ -311,9 +311,10 @@ void TestDaemon::idleControlClientsLeaveRoomForTheDevice()
     QTemporaryDir folder;
     Daemon daemon(folder.path());
     QVERIFY(daemon.isReady());
+    constexpr std::size_t clients = 850; // below the limit of 1024 descriptors here
     std::vector<std::unique_ptr<SimNodeControl>> idle;
-    constexpr int clients = 850; // below the limit of 1024 descriptors here
-    for (int i = 0; i < clients; ++i)
+    idle.reserve(clients);
+    while (idle.size() < clients)
         idle.push_back(std::make_unique<SimNodeControl>(folder.path().toStdString()));
     QVERIFY(QTest::qWaitFor([&] { return waitsForEvents(daemon.process.processId()); }, waitTime));
     QCOMPARE(Probe(folder.path(), {"open", "10", "read", "close"}).output(),
