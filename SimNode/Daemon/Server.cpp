@@ -2,10 +2,10 @@
 #include "Server.h"
 
 #include "DeviceProtocol.h"
+#include "PollTimeout.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -76,7 +76,7 @@ Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
 bool Server::serveOnce(int signals)
 {
     PollSet polled = pollSet(signals);
-    if (poll(polled.entries.data(), polled.entries.size(), pollTimeout()) < 0) {
+    if (poll(polled.entries.data(), polled.entries.size(), waitTime()) < 0) {
         if (errno == EINTR || errno == EAGAIN)
             return false;
         throw std::runtime_error(std::string("cannot wait for events: ") + std::strerror(errno));
@@ -134,20 +134,15 @@ Server::PollSet Server::pollSet(int signals) const
     return set;
 }
 
-// In ms, rounded up: woken too early the loop would spin until the deadline.
-int Server::pollTimeout() const
+int Server::waitTime() const
 {
-    const std::optional<Node::Time> deadlines[] = {_node.nextDeadline(), _script.nextDeadline(),
-                                                   acceptDeadline()};
-    int timeout = -1;
-    for (const std::optional<Node::Time> &deadline : deadlines) {
-        if (!deadline)
-            continue;
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now()).count();
-        const int wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
-        timeout = timeout < 0 ? wait : std::min(timeout, wait);
+    int time = -1;
+    for (const std::optional<Node::Time> &deadline :
+         {_node.nextDeadline(), _script.nextDeadline(), acceptDeadline()}) {
+        if (deadline)
+            time = time < 0 ? pollTimeout(*deadline) : std::min(time, pollTimeout(*deadline));
     }
-    return timeout;
+    return time;
 }
 
 std::optional<Node::Time> Server::acceptDeadline() const

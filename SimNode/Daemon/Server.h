@@ -65,7 +65,7 @@ private:
 
     static bool isOfDevice(Role role);
     PollSet pollSet(int signals) const;
-    int pollTimeout() const;
+    int waitTime() const;
     std::optional<Node::Time> acceptDeadline() const;
     bool hasRoomFor(Role role) const;
     FileDescriptor accept(const FileDescriptor &listener);
