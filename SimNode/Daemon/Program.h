@@ -20,7 +20,8 @@ struct CannotRun : std::runtime_error
 std::string findPreloadLibrary();
 
 /// Starts a program whose calls on the node go to the daemon in `directory`. Returns its process
-/// id; throws std::system_error if it cannot be started.
+/// id; throws CannotRun if it cannot be started. The program is killed when the calling thread
+/// ends, however that happens.
 pid_t startProgram(const std::vector<std::string> &commandLine, const std::string &directory,
                    const std::string &preloadLibrary);
 

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <random>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 
@@ -89,7 +88,7 @@ struct Daemon
     explicit Daemon(const Options &options)
         : script(loadScript(options.scriptPath)),
           directory(options.directory),
-          node(std::random_device()(), options.timeoutResult == "error"),
+          node(options.timeoutResult == "error"),
           server(directory, node, script)
     {
     }
@@ -104,6 +103,7 @@ struct Daemon
 int serve(const Options &options)
 {
     Daemon daemon(options);
+    daemon.directory.keep();
     std::cout << "simnode ready in " << daemon.directory.path() << std::endl;
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
@@ -135,6 +135,7 @@ int run(const Options &options)
     const std::string preloadLibrary = findPreloadLibrary();
     Daemon daemon(options);
     const pid_t program = startProgram(options.words, daemon.directory.path(), preloadLibrary);
+    daemon.directory.keep();
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
             continue;
@@ -207,6 +208,7 @@ CLI::App *addControl(CLI::App &application, Options &options)
     addDirectoryOption(command, options, "Folder of the node's sockets")->required();
     command->add_option("COMMAND", options.words, "The command's words, for example: read fail EIO")
         ->required();
+    command->footer("Commands, which man simnode explains:\n" + commandUsages());
     return command;
 }
 

@@ -7,6 +7,21 @@
 
 using namespace simnode;
 
+namespace {
+
+// The kernel's letter for what the process does; 0 if there is none of this number.
+char stateOf(const QByteArray &process)
+{
+    QFile file("/proc/" + process + "/stat");
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = file.readAll();
+    const int name = text.lastIndexOf(')');
+    return name < 0 ? '\0' : text[name + 2];
+}
+
+} // namespace
+
 /// `simnode run` and `simnode control`, the command line, and the preload library.
 class TestProgram : public QObject
 {
@@ -19,6 +34,7 @@ private slots:
     void runRemovesOnlyAFolderOfItsOwn();
     void runExtendsTheEnvironment();
     void runPassesSignalsOn();
+    void noProgramOutlivesItsKilledDaemon();
     void runFindsTheInstalledPreloadLibrary();
     void runTakesThePreloadLibraryFromTheEnvironment();
     void runWithoutAPreloadLibrarySaysSo();
@@ -27,6 +43,7 @@ private slots:
     void wrongCommandLinesSayHowTheyShouldBe_data();
     void wrongCommandLinesSayHowTheyShouldBe();
     void helpIsNoError();
+    void theHelpOfControlListsTheCommands();
     void thePreloadLibraryExportsTheWrappedNamesOnly();
     void thePreloadLibraryNeedsTheCLibraryOnly();
 };
@@ -104,6 +121,25 @@ void TestProgram::runPassesSignalsOn()
         QCOMPARE(result.exitCode, signal == SIGINT ? 3 : 4);
         QCOMPARE(result.output, QByteArray(signal == SIGINT ? "INT\n" : "TERM\n"));
     }
+}
+
+void TestProgram::noProgramOutlivesItsKilledDaemon()
+{
+    ForkedProcess process;
+    process.setProcessEnvironment(cleanEnvironment());
+    startBuilt(
+        process, SIMNODE_EXECUTABLE,
+        {"run", "--", "sh", "-c", "trap '' TERM HUP INT; echo $$; while :; do sleep 0.05; done"});
+    QVERIFY(process.waitForReadyRead(waitTime));
+    const QByteArray program = process.readLine().trimmed();
+    QVERIFY2(stateOf(program) != 0, program);
+    process.kill();
+    QVERIFY(process.waitForFinished(waitTime));
+    const bool isEnded =
+        QTest::qWaitFor([&] { return stateOf(program) == 0 || stateOf(program) == 'Z'; }, waitTime);
+    if (!isEnded)
+        kill(program.toInt(), SIGKILL);
+    QVERIFY(isEnded);
 }
 
 void TestProgram::runFindsTheInstalledPreloadLibrary()
@@ -201,6 +237,15 @@ void TestProgram::helpIsNoError()
     QVERIFY2(result.output.contains("--timeout-result"), result.output);
 }
 
+void TestProgram::theHelpOfControlListsTheCommands()
+{
+    const Result result = runSimnode({"control", "--help"});
+    QCOMPARE(result.exitCode, 0);
+    for (const char *usage : {"on open|read|write|ioctl|close K COMMAND...", "open stuck [N]",
+                              "ioctl fail ERRNO [N]", "close fail ERRNO [N]", "latency MS"})
+        QVERIFY2(result.output.contains(QByteArray(usage) + "\n"), result.output);
+}
+
 void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
 {
     const Result result =
@@ -212,10 +257,15 @@ void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
     names.sort();
     QStringList expected{"__open64_2", "__open_2", "__openat64_2", "__openat_2", "__read_chk",
                          "close",      "ioctl",    "open",         "open64",     "openat",
-                         "openat64",   "read",     "write"};
+                         "openat64",   "read",     "write",        "dup",        "dup2",
+                         "dup3",       "fcntl",    "fcntl64",      "recvmsg",    "recvmmsg"};
 #if __TIMESIZE == 32
-    expected.prepend("__ioctl_time64");
+    expected << "__ioctl_time64"
+             << "__fcntl_time64"
+             << "__recvmsg64"
+             << "__recvmmsg64";
 #endif
+    expected.sort();
     QCOMPARE(names, expected);
 }
 
