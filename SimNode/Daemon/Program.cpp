@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
@@ -49,6 +50,34 @@ Environment programEnvironment(const std::string &directory, const std::string &
     // AddressSanitizer else refuses to start behind a preloaded library.
     append(environment["ASAN_OPTIONS"], "verify_asan_link_order=0");
     return environment;
+}
+
+// The loader runs a program without a library that it cannot load, and says so in passing.
+void requireLoadable(const std::string &library)
+{
+    void *handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr)
+        throw std::runtime_error(std::string("cannot load the preload library: ") + dlerror() +
+                                 "; build it anew, or set SIMNODE_PRELOAD to another");
+    dlclose(handle);
+}
+
+bool isTakenAsOne(const std::string &path)
+{
+    return path.find_first_of(" :") == std::string::npos;
+}
+
+std::filesystem::path makeLinkFolder(const std::string &preloadLibrary)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "simnode-preload.XXXXXX").string();
+    if (!isTakenAsOne(name))
+        throw std::runtime_error("the loader takes no path with a blank or a colon, such as " +
+                                 preloadLibrary +
+                                 "; set TMPDIR to a folder without, for a link to it");
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("cannot make a folder " + name + " for a link to " +
+                                 preloadLibrary + ": " + std::strerror(errno));
+    return name;
 }
 
 std::vector<char *> pointersTo(std::vector<std::string> &texts)
@@ -117,6 +146,23 @@ std::string findPreloadLibrary()
     }
     throw std::runtime_error(std::string("cannot find ") + preloadFileName + " near " +
                              here.string() + "; set SIMNODE_PRELOAD to its path");
+}
+
+PreloadPath::PreloadPath(const std::string &preloadLibrary) : _path(preloadLibrary)
+{
+    requireLoadable(preloadLibrary);
+    if (isTakenAsOne(preloadLibrary))
+        return;
+    _linkFolder = makeLinkFolder(preloadLibrary);
+    _path = _linkFolder / preloadFileName;
+    std::filesystem::create_symlink(preloadLibrary, _path);
+}
+
+PreloadPath::~PreloadPath()
+{
+    std::error_code ignored;
+    if (!_linkFolder.empty())
+        std::filesystem::remove_all(_linkFolder, ignored);
 }
 
 pid_t startProgram(const std::vector<std::string> &commandLine, const std::string &directory,

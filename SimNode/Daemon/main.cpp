@@ -132,9 +132,10 @@ std::optional<int> exitStatus(pid_t program)
 
 int run(const Options &options)
 {
-    const std::string preloadLibrary = findPreloadLibrary();
+    const PreloadPath preloadLibrary(findPreloadLibrary());
     Daemon daemon(options);
-    const pid_t program = startProgram(options.words, daemon.directory.path(), preloadLibrary);
+    const pid_t program =
+        startProgram(options.words, daemon.directory.path(), preloadLibrary.get());
     daemon.directory.keep();
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))

@@ -38,6 +38,9 @@ private slots:
     void runFindsTheInstalledPreloadLibrary();
     void runTakesThePreloadLibraryFromTheEnvironment();
     void runWithoutAPreloadLibrarySaysSo();
+    void runServesItsProgramFromAFolderWithABlankAndAColon();
+    void runRefusesWhereItCanMakeNoPathThatTheLoaderTakes();
+    void runRefusesALibraryThatCannotBeLoaded();
     void controlTellsTheAnswerByItsExitStatus();
     void controlWithoutADaemonFails();
     void wrongCommandLinesSayHowTheyShouldBe_data();
@@ -95,13 +98,17 @@ void TestProgram::runRemovesOnlyAFolderOfItsOwn()
 
 void TestProgram::runExtendsTheEnvironment()
 {
+    QTemporaryDir folder;
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
     QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
     environment.insert("LD_PRELOAD", "libdl.so.2");
     environment.insert("ASAN_OPTIONS", "verify_asan_link_order=0:halt_on_error=1");
     const Result result =
         runSimnode({"run", "--", "sh", "-c", "echo $LD_PRELOAD; echo $ASAN_OPTIONS"}, environment);
     QCOMPARE(result.output,
-             QByteArray("libdl.so.2:" SIMNODE_PRELOAD_LIBRARY
+             QByteArray("libdl.so.2:" + library.toUtf8() +
                         "\nverify_asan_link_order=0:halt_on_error=1:verify_asan_link_order=0\n"));
 }
 
@@ -177,6 +184,48 @@ void TestProgram::runWithoutAPreloadLibrarySaysSo()
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.errors.contains("cannot find libsimnode-preload.so"), result.errors);
     QVERIFY2(result.errors.contains("set SIMNODE_PRELOAD"), result.errors);
+}
+
+void TestProgram::runServesItsProgramFromAFolderWithABlankAndAColon()
+{
+    QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
+    QTemporaryDir links;
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
+    environment.insert("TMPDIR", links.path());
+    const Result result = runSimnode(QStringList{"run", "--"} + wordsToRun(SIMNODE_PROBE) +
+                                         QStringList{"open", "close"},
+                                     environment);
+    QCOMPARE(result.errors, QByteArray());
+    QCOMPARE(result.output, QByteArray("open 0 -\nclose 0 -\n"));
+    QCOMPARE(entriesOf(links.path()), QStringList());
+}
+
+void TestProgram::runRefusesWhereItCanMakeNoPathThatTheLoaderTakes()
+{
+    QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
+    environment.insert("TMPDIR", folder.path());
+    const Result result = runSimnode({"run", "--", "echo", "ran"}, environment);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.output, QByteArray());
+    QVERIFY2(result.errors.contains("set TMPDIR to a folder without"), result.errors);
+}
+
+void TestProgram::runRefusesALibraryThatCannotBeLoaded()
+{
+    QTemporaryDir folder;
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", writeFile(folder, "broken.so", "no library"));
+    const Result result = runSimnode({"run", "--", "echo", "ran"}, environment);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.output, QByteArray());
+    QVERIFY2(result.errors.contains("cannot load the preload library"), result.errors);
 }
 
 void TestProgram::controlTellsTheAnswerByItsExitStatus()
