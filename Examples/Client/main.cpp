@@ -12,12 +12,12 @@ int main()
     hal->setupConfig(param);
 
     if (!hal->openConnection(1)) {
-        std::fprintf(stderr, "port 1 cannot be opened, log/UsbHal1.log says why\n");
+        std::fprintf(stderr, "port 1 cannot be opened, the log in log/ says why\n");
         return 1;
     }
     if (!hal->waitForConnected(10000)) {
         const bool isNodeOpen = !hal->driverName().isEmpty();
-        std::fprintf(stderr, "%s within ten seconds, log/UsbHal1.log says more\n",
+        std::fprintf(stderr, "%s within ten seconds, the log in log/ says more\n",
                      isNodeOpen ? "no USB host came" : "the device node did not open");
         return 1;
     }
