@@ -34,9 +34,10 @@ struct Options
     QMap<int, ServiceOptions> services; ///< by port
     QString logDir;                     ///< empty: the working directory
     QVector<Setting> settings;
-    qint64 largestFile = 16 * 1024 * 1024; ///< bytes that the host may have a file service store
-    int firstWait = 1000;    ///< ms after the start, when it is told that there is no host yet
-    int silenceLimit = 5000; ///< ms without a message, when it is told that the link is silent
+    qint64 largestFile =
+        qint64(16) * 1024 * 1024; ///< bytes that the host may have a file service store
+    int firstWait = 1000;         ///< ms after the start, when it is told that there is no host yet
+    int silenceLimit = 5000;      ///< ms without a message, when it is told that the link is silent
     bool verbose = false;
 };
 

@@ -38,7 +38,7 @@ QString NodeWatch::_reason() const
         return qt_error_string(errno);
     const QByteArray opened = "/proc/self/fd/" + QByteArray::number(node);
     const bool isUsable = ::access(opened.constData(), R_OK | W_OK) == 0;
-    const QString reason = isUsable ? QString() : qt_error_string(errno);
+    QString reason = isUsable ? QString() : qt_error_string(errno);
     ::close(node);
     return reason;
 }
