@@ -59,7 +59,7 @@ void readManagerOutput(const std::string &text, Options &options)
         programoptions::refuse("--manager-output", "a file that can be read", text);
 }
 
-void declareOptions(CLI::App &application, Options &options)
+void declareFiles(CLI::App &application, Options &options)
 {
     application
         .add_option_function<std::string>(
@@ -77,6 +77,10 @@ void declareOptions(CLI::App &application, Options &options)
             "File with the output of the connection manager, shown as it grows and waited upon")
         ->type_name("FILE")
         ->required();
+}
+
+void declarePorts(CLI::App &application, Options &options)
+{
     application
         .add_option_function<std::vector<std::string>>(
             "--port",
@@ -105,7 +109,8 @@ CommandLine parseCommandLine(const QStringList &arguments)
     CommandLine result;
     CLI::App application(description, arguments.value(0).section('/', -1).toStdString());
     programoptions::prepare(application);
-    declareOptions(application, result.options);
+    declareFiles(application, result.options);
+    declarePorts(application, result.options);
     if (const auto ending = programoptions::parse(application, words)) {
         result.text = QString::fromStdString(ending->text);
         result.exitStatus = ending->status;

@@ -104,7 +104,7 @@ Options defaultOptions()
     return options;
 }
 
-void declareOptions(CLI::App &application, Options &options)
+void declareTexts(CLI::App &application, Options &options)
 {
     application
         .add_option_function<std::vector<std::string>>(
@@ -124,13 +124,16 @@ void declareOptions(CLI::App &application, Options &options)
             "Folder of the library's log files")
         ->type_name("DIR")
         ->default_str("the working directory");
+}
+
+void declareNumbers(CLI::App &application, Options &options)
+{
     addNumber(application, "--max-file-size", options.largestFile, 0, largestFileSize,
               "Largest file that the host may have stored, in bytes");
     addNumber(application, "--wait", options.firstWait, 0, largestMilliseconds,
               "Time after which it is told that no host has come, in ms");
     addNumber(application, "--silence", options.silenceLimit, 1, largestMilliseconds,
               "Time without a message after which it is told that the link is silent, in ms");
-    application.add_flag("--verbose", options.verbose, "Print every message, too");
     for (int i = 0; i < options.settings.size(); ++i) {
         const NumberOption &option = numberOptions[i];
         addNumber(application, option.name, options.settings[i].value, option.minimum,
@@ -156,7 +159,9 @@ CommandLine parseCommandLine(const QStringList &arguments)
     result.options = defaultOptions();
     CLI::App application(description, arguments.value(0).section('/', -1).toStdString());
     programoptions::prepare(application);
-    declareOptions(application, result.options);
+    declareTexts(application, result.options);
+    application.add_flag("--verbose", result.options.verbose, "Print every message, too");
+    declareNumbers(application, result.options);
     if (const auto ending = programoptions::parse(application, words)) {
         result.text = QString::fromStdString(ending->text);
         result.exitStatus = ending->status;

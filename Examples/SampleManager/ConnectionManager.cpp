@@ -4,6 +4,7 @@
 #include "FileService.h"
 #include "Output.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace {
@@ -88,13 +89,12 @@ void ConnectionManager::_connectSignals()
 
 bool ConnectionManager::start()
 {
-    for (const auto &entry : _ports) {
-        if (!_hal->openConnection(entry.first)) {
+    return std::all_of(_ports.begin(), _ports.end(), [this](const auto &entry) {
+        const bool isOpen = _hal->openConnection(entry.first);
+        if (!isOpen)
             say(QString("port %1 did not open").arg(entry.first));
-            return false;
-        }
-    }
-    return true;
+        return isOpen;
+    });
 }
 
 void ConnectionManager::stop()
