@@ -49,19 +49,20 @@ std::unique_ptr<Service> ConnectionManager::_makeService(int port,
     return std::make_unique<EchoService>();
 }
 
-// Calls a function in this object's own thread.
-template <typename Function>
-void ConnectionManager::_later(Function function)
-{
-    QMetaObject::invokeMethod(this, function, Qt::QueuedConnection);
-}
-
 void ConnectionManager::_connectSignals()
 {
     connect(_hal, &UsbHALIntf::stateChanged, this, &ConnectionManager::_onStateChanged,
             Qt::QueuedConnection);
     connect(_hal, &UsbHALIntf::socketStateChanged, this, &ConnectionManager::_onSocketStateChanged,
             Qt::QueuedConnection);
+    connect(this, &ConnectionManager::messageArrived, this, &ConnectionManager::_onReadyRead,
+            Qt::QueuedConnection);
+    connect(
+        this, &ConnectionManager::oldMessagesDiscarded, this,
+        [](int port, int messages) {
+            say(QString("port %1: %2 messages of the old link discarded").arg(port).arg(messages));
+        },
+        Qt::QueuedConnection);
     connect(_hal, &UsbHALIntf::error, this, &ConnectionManager::_onError, Qt::QueuedConnection);
     // A queued signal may arrive when the link is long back, and bytes of the new link would join
     // those of the lost one. So the loss itself is noted at once, in the thread that finds it.
@@ -79,8 +80,7 @@ void ConnectionManager::_connectSignals()
             if (entry == _ports.end())
                 return;
             ++entry->second.kept;
-            const unsigned losses = _losses;
-            _later([this, port, losses] { _onReadyRead(port, losses); });
+            emit messageArrived(port, _losses);
         },
         Qt::DirectConnection);
     connect(_hal, QOverload<int>::of(&UsbHALIntf::connected), this,
@@ -132,9 +132,7 @@ void ConnectionManager::_discardKept(int number)
     if (messages == 0)
         return;
     // Not printed here: the watchdog may kill this thread.
-    const QString text =
-        QString("port %1: %2 messages of the old link discarded").arg(number).arg(messages);
-    _later([text] { say(text); });
+    emit oldMessagesDiscarded(number, messages);
 }
 
 void ConnectionManager::_onStateChanged(DriverState state)

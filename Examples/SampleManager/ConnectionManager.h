@@ -44,6 +44,11 @@ public:
     /** Messages that wait to be sent. */
     int waitingMessages() const { return _hal->bytesToWrite(); }
 
+signals:
+    // From the library's thread to this object's own.
+    void messageArrived(int port, unsigned losses);
+    void oldMessagesDiscarded(int port, int messages);
+
 private:
     struct Port
     {
@@ -55,8 +60,6 @@ private:
 
     std::unique_ptr<Service> _makeService(int port, const ServiceOptions &options) const;
     void _connectSignals();
-    template <typename Function>
-    void _later(Function function);
 
     void _onStateChanged(DriverState state);
     void _onSocketStateChanged(UsbConnID port, SocketState state);
