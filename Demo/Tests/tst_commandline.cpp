@@ -63,14 +63,14 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()
     const QStringList node{"--node", "n"};
     const QStringList both{"--node", "n", "--manager-output", "%"};
     const QStringList all = both + QStringList{"--port", "1=%:%:s"};
-    row("nothing", {}, "--node DIR is missing");
-    row("unknown option", {"--nonsense"}, "Unknown option 'nonsense'.");
+    row("nothing", {}, "--node is missing");
+    row("unknown option", {"--nonsense"}, "there is no option \"--nonsense\"");
     row("argument", all + QStringList{"word"}, "unexpected argument \"word\"");
-    row("no output", node, "--manager-output needs a file that can be read, not \"\"");
+    row("no output", node, "--manager-output is missing");
     row("missing output", node + QStringList{"--manager-output", "/missing"}, "not \"/missing\"");
     row("folder as output", node + QStringList{"--manager-output", "/"},
         "--manager-output needs a file that can be read, not \"/\"");
-    row("no port", both, "at least one --port N=TO_DEVICE:TO_HOST:STORED is needed");
+    row("no port", both, "--port is missing");
     row("port without number", both + QStringList{"--port", "=%:%:s"}, "N from 0 to 9999");
     row("port without files", both + QStringList{"--port", "1"}, "not \"1\"");
     row("port too large", both + QStringList{"--port", "10000=%:%:s"}, "N from 0 to 9999");
@@ -78,8 +78,8 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()
     row("two files", both + QStringList{"--port", "1=%:%"}, "N=TO_DEVICE:TO_HOST:STORED");
     row("nowhere to store", both + QStringList{"--port", "1=%:%:"}, "N=TO_DEVICE:TO_HOST:STORED");
     row("missing file", both + QStringList{"--port", "1=%:/missing:s"},
-        "--port 1: there is no file \"/missing\"");
-    row("port twice", all + QStringList{"--port", "1=%:%:t"}, "twice for port 1");
+        "--port needs files that are there, not \"/missing\"");
+    row("port twice", all + QStringList{"--port", "1=%:%:t"}, "--port is given twice for port 1");
     row("size as word", all + QStringList{"--device-max-write", "ten"},
         "--device-max-write needs a whole number from 14 to 65536, not \"ten\"");
     row("size too small", all + QStringList{"--device-max-write", "13"}, "not \"13\"");
@@ -94,7 +94,9 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason()
     QVERIFY(!result.run);
     QCOMPARE(result.exitStatus, 2);
     QVERIFY2(result.text.contains(reason), qPrintable(result.text));
+    QVERIFY(result.text.startsWith("host: "));
     QVERIFY(result.text.endsWith("Try \"host --help\".\n"));
+    QCOMPARE(result.text.count('\n'), 2);
 }
 
 void CommandLineTest::helpIsATextWithStatusZero()
@@ -103,13 +105,15 @@ void CommandLineTest::helpIsATextWithStatusZero()
     QVERIFY(!result.run);
     QCOMPARE(result.exitStatus, 0);
     QVERIFY(result.text.contains("--manager-output"));
+    QVERIFY(result.text.contains("by default 10000"));
+    QVERIFY(parse({"--version"}).text.startsWith("host "));
 }
 
 void CommandLineTest::theProgramEndsWithStatusTwoOnAWrongCommandLine()
 {
-    const QStringList noOutput{"--node", "n"};
+    const QStringList missing{"--node", "n", "--manager-output", "/missing"};
     const QStringList folder{"--node", "n", "--manager-output", _folder.path()};
-    for (const QStringList &arguments : {noOutput, folder}) {
+    for (const QStringList &arguments : {missing, folder}) {
         ForkedProcess program;
         startBuilt(program, DEMO_HOST, arguments);
         QVERIFY(program.waitForFinished(20000));

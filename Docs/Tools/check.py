@@ -188,17 +188,15 @@ def check_manual(page, options):
 def options_in(source, pattern):
     found = re.findall(pattern, (pages.ROOT / source).read_text(encoding="utf-8"))
     assert found, source
-    return set(found) | {"help"}
+    return set(found) | {"help", "version"}
 
 
 def check_manuals():
     cli11 = r'"--([a-z-]+)"'
     check_manual("simnode.1.in", options_in("SimNode/Daemon/main.cpp", cli11))
     check_manual("usbhal-host.1.in", options_in("HostPeer/Program/main.cpp", cli11))
-    check_manual(
-        "usbhal-sample-manager.1.in",
-        options_in("Examples/SampleManager/CommandLine.cpp", r'\{"([a-z-]+)",\s*(?:"|portHelp)'),
-    )
+    manager = options_in("Examples/SampleManager/CommandLine.cpp", cli11)
+    check_manual("usbhal-sample-manager.1.in", manager)
 
 
 def check_made_manuals(folder):

@@ -47,6 +47,7 @@ private slots:
     void wrongCommandLinesSayHowTheyShouldBe();
     void helpIsNoError();
     void theHelpOfControlListsTheCommands();
+    void versionIsNoError();
     void thePreloadLibraryExportsTheWrappedNamesOnly();
     void thePreloadLibraryNeedsTheCLibraryOnly();
 };
@@ -256,17 +257,23 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
     const auto row = [](const char *name, const QStringList &arguments, const char *why) {
         QTest::newRow(name) << arguments << QByteArray(why);
     };
-    row("no command", {}, "subcommand is required");
-    row("unknown command", {"fly"}, "fly");
-    row("unknown option", {"serve", "--dir", "x", "--fly"}, "--fly");
-    row("serve without a folder", {"serve"}, "--dir is required");
-    for (const char *command : {"serve", "run", "control"})
-        row(qPrintable(QString(command) + " with an empty folder"), {command, "--dir", "", "x"},
-            "--dir: the folder's name is empty; it should be the path of a folder");
-    row("run without a program", {"run"}, "PROGRAM is required");
-    row("control without a folder", {"control", "status"}, "--dir is required");
-    row("control without a command", {"control", "--dir", "x"}, "COMMAND is required");
-    row("unknown result", {"run", "--timeout-result", "two", "--", "true"}, "two not in");
+    row("no command", {},
+        "simnode: the command is missing, it should be one of serve, run, control");
+    row("unknown command", {"fly"},
+        "simnode: there is no command \"fly\", it should be one of serve, run, control");
+    row("unknown option", {"serve", "--dir", "x", "--fly"},
+        "simnode: there is no option \"--fly\"");
+    row("misspelt option", {"serve", "--dirr", "x"}, "simnode: there is no option \"--dirr\"");
+    row("serve without a folder", {"serve"}, "simnode: --dir is missing");
+    const char noFolder[] = "simnode: --dir needs the path of a folder, not \"\"";
+    row("serve with an empty folder", {"serve", "--dir", ""}, noFolder);
+    row("run with an empty folder", {"run", "--dir", "", "x"}, noFolder);
+    row("control with an empty folder", {"control", "--dir", "", "x"}, noFolder);
+    row("run without a program", {"run"}, "simnode: PROGRAM is missing");
+    row("control without a folder", {"control", "status"}, "simnode: --dir is missing");
+    row("control without a command", {"control", "--dir", "x"}, "simnode: COMMAND is missing");
+    row("unknown result", {"run", "--timeout-result", "two", "--", "true"},
+        "simnode: --timeout-result needs zero or error, not \"two\"");
 }
 
 void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
@@ -275,15 +282,24 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
     QFETCH(QByteArray, why);
     const Result result = runSimnode(arguments);
     QCOMPARE(result.exitCode, 2);
-    QVERIFY2(result.errors.contains(why), result.errors);
-    QVERIFY2(result.errors.contains("Usage: simnode"), result.errors);
+    const QString command = arguments.value(0) == "fly" ? QString() : arguments.value(0);
+    const QString name = ("simnode " + command).trimmed();
+    QCOMPARE(result.errors, why + ("\nTry \"" + name + " --help\".\n").toUtf8());
 }
 
 void TestProgram::helpIsNoError()
 {
     const Result result = runSimnode({"run", "--help"});
     QCOMPARE(result.exitCode, 0);
-    QVERIFY2(result.output.contains("--timeout-result"), result.output);
+    QVERIFY2(result.output.contains("--timeout-result zero|error"), result.output);
+    QVERIFY2(result.output.contains("by default zero"), result.output);
+}
+
+void TestProgram::versionIsNoError()
+{
+    const Result result = runSimnode({"--version"});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.output, QByteArray("simnode " PROJECT_VERSION "\n"));
 }
 
 void TestProgram::theHelpOfControlListsTheCommands()

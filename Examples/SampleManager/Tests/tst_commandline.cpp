@@ -32,7 +32,9 @@ private slots:
     void numbersReachTheirFieldsAndTheRestKeepsItsDefault();
     void wrongCommandLinesAreRefusedWithTheirReason_data();
     void wrongCommandLinesAreRefusedWithTheirReason();
-    void helpIsATextWithStatusZero();
+    void helpIsATextWithStatusZeroAndAllDefaults();
+    void versionIsATextWithStatusZero();
+    void theDefaultsAreTheLibrarysButForTheStop();
 };
 
 void CommandLineTest::withoutOptionsFivePortsHaveTheirDefaultServices()
@@ -88,7 +90,12 @@ void CommandLineTest::numbersReachTheirFieldsAndTheRestKeepsItsDefault()
                                 "--stop-timeout",
                                 "11",
                                 "--wait",
-                                "0"};
+                                "0",
+                                "--silence",
+                                "12",
+                                "--max-file-size",
+                                "010",
+                                "--verbose"};
     const CommandLine result = parse(arguments);
     QVERIFY(result.run);
     const ParamHal param = paramOf(arguments);
@@ -102,6 +109,9 @@ void CommandLineTest::numbersReachTheirFieldsAndTheRestKeepsItsDefault()
     QCOMPARE(param.maxWatchdogErrors, 10u);
     QCOMPARE(param.threadStopTimeout, 11u);
     QCOMPARE(result.options.firstWait, 0);
+    QCOMPARE(result.options.silenceLimit, 12);
+    QCOMPARE(result.options.largestFile, qint64(10));
+    QVERIFY(result.options.verbose);
     QCOMPARE(paramOf({"--max-read-size", "14"}).maxReadSize, 14u);
     QCOMPARE(paramOf({}).rdTimeout, 2000u);
 }
@@ -113,9 +123,11 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason_data()
     const auto row = [](const QStringList &arguments, const char *reason) {
         QTest::newRow(qPrintable(arguments.join(' '))) << arguments << reason;
     };
-    row({"--nonsense"}, "Unknown option 'nonsense'.");
+    row({"--nonsense"}, "there is no option \"--nonsense\"");
+    row({""}, "unexpected argument \"\"");
+    row({"--verbose=x"}, "--verbose takes no value");
     row({"word"}, "unexpected argument \"word\"");
-    row({"--port"}, "Missing value after '--port'.");
+    row({"--port"}, "--port needs a value");
     row({"--port", "echo"}, "not \"echo\"");
     row({"--port", "0=echo"}, "N from 1 to 5, not \"0=echo\"");
     row({"--port", "6=echo"}, "N from 1 to 5, not \"6=echo\"");
@@ -148,15 +160,39 @@ void CommandLineTest::wrongCommandLinesAreRefusedWithTheirReason()
     QVERIFY2(result.text.contains(reason), qPrintable(result.text));
     QVERIFY(result.text.startsWith("manager: "));
     QVERIFY(result.text.endsWith("Try \"manager --help\".\n"));
+    QCOMPARE(result.text.count('\n'), 2);
 }
 
-void CommandLineTest::helpIsATextWithStatusZero()
+void CommandLineTest::helpIsATextWithStatusZeroAndAllDefaults()
 {
     const CommandLine result = parse({"--help"});
     QVERIFY(!result.run);
     QCOMPARE(result.exitStatus, 0);
     for (const char *word : {"--port", "--log-dir", "--read-timeout", "echo", "GIVE", "STORED"})
         QVERIFY2(result.text.contains(word), word);
+    QCOMPARE(result.text.simplified().count("by default"), result.text.count("\n  --") - 2);
+}
+
+void CommandLineTest::versionIsATextWithStatusZero()
+{
+    const CommandLine result = parse({"--version"});
+    QVERIFY(!result.run);
+    QCOMPARE(result.exitStatus, 0);
+    QCOMPARE(result.text, QString("manager " PROJECT_VERSION "\n"));
+}
+
+void CommandLineTest::theDefaultsAreTheLibrarysButForTheStop()
+{
+    ParamHal library;
+    UsbHALIntf::getInstance()->getDefaultSetup(library);
+    const ParamHal param = paramOf({});
+    QCOMPARE(param.maxReadSize, library.maxReadSize);
+    QCOMPARE(param.maxWriteSize, library.maxWriteSize);
+    QCOMPARE(param.rdTimeout, library.rdTimeout);
+    QCOMPARE(param.wrTimeout, library.wrTimeout);
+    QCOMPARE(param.nbRetry, library.nbRetry);
+    QCOMPARE(param.maxWatchdogErrors, library.maxWatchdogErrors);
+    QVERIFY(param.threadStopTimeout >= library.rdTimeout + 1500);
 }
 
 QTEST_GUILESS_MAIN(CommandLineTest)

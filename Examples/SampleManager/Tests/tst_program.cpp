@@ -14,7 +14,7 @@ using namespace hostpeer;
 
 namespace {
 
-constexpr int patience = 20000; // ms, for anything that has to happen
+constexpr int patience = 40000; // ms, for anything that has to happen
 
 } // namespace
 
@@ -31,14 +31,29 @@ private slots:
     void helpEndsWithStatusZeroAndNothingButItsText();
     void aSignalWithoutAHostEndsItCleanly_data();
     void aSignalWithoutAHostEndsItCleanly();
+    void aSignalEndsItHoweverEarlyItComes();
     void aSignalWithAHostEndsItCleanly();
     void aSignalWithASilentHostEndsItCleanly();
     void theDefaultServicesAnswerTheHost();
     void allPortsAreServedAtTheSameTime();
     void afterALinkLossTransfersBeginAfresh();
+    void theStartNamesNodeLogFolderAndPorts();
+    void everyLineBeginsWithItsTime();
+    void itWaitsForItsNodeBeforeItOpensAPort();
+    void aSignalEndsTheWaitForTheNode();
+    void aNodeThatVanishedAndCameBackIsServedAnew();
+    void afterARestartByTheWatchdogTheHostIsHeardAgain();
+    void aSilentLinkIsTold();
+    void aLogThatCannotBeWrittenIsTold();
+    void withoutALogFolderThePortsAreServedAllTheSame();
+    void aSecondManagerOnTheSameLogFolderIsRefused();
+    void verboseShowsEveryMessage();
+    void theHostMayStoreNoMoreThanItIsAllowed();
 
 private:
-    void startManager(const QStringList &arguments = {});
+    void startManager(const QStringList &arguments = {}, const QStringList &nodeOptions = {});
+    void startNode(ForkedProcess &node);
+    void startManagerOnNode();
     bool waitForOutput(const QString &text);
     bool plugIn();
     bool waitForBytes(int port, const QByteArray &expected);
@@ -46,6 +61,7 @@ private:
     QByteArray control(const QStringList &command) const;
     int readsSoFar() const;
     QByteArray libraryLog() const;
+    QStringList commonOptions() const;
 
     QString path(const char *name) const { return _folder->filePath(name); }
 
@@ -85,15 +101,41 @@ void ProgramTest::cleanup()
     _folder.reset();
 }
 
-void ProgramTest::startManager(const QStringList &arguments)
+void ProgramTest::startManager(const QStringList &arguments, const QStringList &nodeOptions)
 {
-    const QStringList node =
-        QStringList{"run", "--dir", path("node"), "--"} + wordsToRun(SAMPLE_MANAGER);
-    const QStringList common{"--log-dir",       path("log"), "--read-timeout", "300",
-                             "--write-timeout", "300",       "--retries",      "1",
-                             "--wait",          "0"};
-    startBuilt(*_manager, SIMNODE, node + common + arguments);
+    const QStringList node = QStringList{"run", "--dir", path("node")} + nodeOptions +
+                             QStringList{"--"} + wordsToRun(SAMPLE_MANAGER);
+    startBuilt(*_manager, SIMNODE, node + commonOptions() + arguments);
     QVERIFY(_manager->waitForStarted(patience));
+}
+
+// A node by itself, which can end before its manager does.
+void ProgramTest::startNode(ForkedProcess &node)
+{
+    startBuilt(node, SIMNODE, {"serve", "--dir", path("node")});
+    QVERIFY(node.waitForReadyRead(patience));
+    QVERIFY(node.readAll().startsWith("simnode ready"));
+}
+
+void ProgramTest::startManagerOnNode()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("SIMNODE_DIR", path("node"));
+    environment.insert("LD_PRELOAD", SIMNODE_PRELOAD_LIBRARY);
+    const QString options = environment.value("ASAN_OPTIONS");
+    environment.insert("ASAN_OPTIONS",
+                       options + (options.isEmpty() ? "" : ":") + "verify_asan_link_order=0");
+    _manager->setProcessEnvironment(environment);
+    startBuilt(*_manager, SAMPLE_MANAGER, commonOptions());
+    QVERIFY(_manager->waitForStarted(patience));
+}
+
+// A thread that gets no processor for some seconds does not end in the time that a stop takes by
+// default, and would be killed: how long a stop may take is not what is tried here.
+QStringList ProgramTest::commonOptions() const
+{
+    return {"--log-dir", path("log"), "--read-timeout", "300", "--write-timeout", "300",
+            "--retries", "1",         "--wait",         "0",   "--stop-timeout",  "30000"};
 }
 
 bool ProgramTest::waitForOutput(const QString &text)
@@ -152,6 +194,7 @@ void ProgramTest::endWith(int signal)
         _manager->waitForFinished(10);
     }
     _output += _manager->readAll();
+    QVERIFY2(_manager->state() == QProcess::NotRunning, "it did not end at all");
     QCOMPARE(_manager->exitStatus(), QProcess::NormalExit);
     QCOMPARE(_manager->exitCode(), 0);
     QVERIFY(_output.contains("stopped\n"));
@@ -202,8 +245,8 @@ void ProgramTest::helpEndsWithStatusZeroAndNothingButItsText()
     QVERIFY(_manager->waitForFinished(patience));
     QCOMPARE(_manager->exitCode(), 0);
     const QByteArray help = _manager->readAll();
-    QVERIFY(help.startsWith("Usage: "));
-    QVERIFY(help.contains("--port <N=SERVICE>"));
+    QVERIFY2(help.contains("Usage: usbhal-sample-manager"), help);
+    QVERIFY2(help.contains("--port N=SERVICE"), help);
     QVERIFY2(!help.contains("USBHAL]"), help);
 }
 
@@ -220,6 +263,21 @@ void ProgramTest::aSignalWithoutAHostEndsItCleanly()
     startManager();
     QVERIFY(waitForOutput("no host yet"));
     endWith(signal);
+}
+
+// Before the program has begun the signal has its default effect; from then on none is lost.
+void ProgramTest::aSignalEndsItHoweverEarlyItComes()
+{
+    constexpr unsigned long step = 4; // ms
+    for (unsigned long delay = 0; delay < 15 * step; delay += step) {
+        startManager();
+        QThread::msleep(delay);
+        QCOMPARE(::kill(static_cast<pid_t>(_manager->processId()), SIGINT), 0);
+        QVERIFY2(_manager->waitForFinished(patience), qPrintable(QString::number(delay)));
+        const bool isClean =
+            _manager->exitStatus() == QProcess::NormalExit && _manager->exitCode() == 0;
+        QCOMPARE(isClean, _manager->readAll().contains("stopped\n"));
+    }
 }
 
 void ProgramTest::aSignalWithAHostEndsItCleanly()
@@ -292,6 +350,167 @@ void ProgramTest::afterALinkLossTransfersBeginAfresh()
     QFile stored(path("received.bin"));
     QVERIFY(stored.open(QIODevice::ReadOnly));
     QCOMPARE(stored.readAll(), QByteArray("new"));
+}
+
+void ProgramTest::theStartNamesNodeLogFolderAndPorts()
+{
+    startManager({"--port", "2=file:a:b"});
+    QVERIFY(waitForOutput("node /dev/brn7200, log in " + path("log") +
+                          ", ports 1=echo 2=file 3=source 4=file 5=echo\n"));
+}
+
+void ProgramTest::everyLineBeginsWithItsTime()
+{
+    startManager();
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED\n"));
+    endWith(SIGTERM);
+    static const QRegularExpression time("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\S");
+    for (const QString &line : _output.trimmed().split('\n'))
+        QVERIFY2(time.match(line).hasMatch(), qPrintable(line));
+}
+
+void ProgramTest::itWaitsForItsNodeBeforeItOpensAPort()
+{
+    QFile script(path("script"));
+    QVERIFY(script.open(QIODevice::WriteOnly) && script.write("node missing\n") > 0);
+    script.close();
+    startManager({}, {"--script", path("script")});
+    QVERIFY(waitForOutput("waiting for /dev/brn7200: No such file or directory\n"));
+    QVERIFY2(!libraryLog().contains("opening driver"), libraryLog());
+    QCOMPARE(control({"node", "present"}), QByteArray("ok\n"));
+    QVERIFY(waitForOutput("opening the ports on /dev/brn7200\n"));
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED\n"));
+    QVERIFY2(!libraryLog().contains("unable to open driver instance"), libraryLog());
+}
+
+void ProgramTest::aSignalEndsTheWaitForTheNode()
+{
+    startBuilt(*_manager, SAMPLE_MANAGER, commonOptions());
+    QVERIFY(waitForOutput("waiting for /dev/brn7200"));
+    QCOMPARE(::kill(static_cast<pid_t>(_manager->processId()), SIGINT), 0);
+    QVERIFY(_manager->waitForFinished(patience));
+    QCOMPARE(_manager->exitStatus(), QProcess::NormalExit);
+    QCOMPARE(_manager->exitCode(), 0);
+}
+
+void ProgramTest::aNodeThatVanishedAndCameBackIsServedAnew()
+{
+    ForkedProcess first;
+    startNode(first);
+    startManagerOnNode();
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED\n"));
+    first.kill();
+    QVERIFY(first.waitForFinished(patience));
+    _transport->close();
+    QVERIFY(waitForOutput("/dev/brn7200 is gone\n"));
+    QVERIFY(waitForOutput("waiting for /dev/brn7200: No such file or directory\n"));
+
+    _output.clear();
+    ForkedProcess second;
+    startNode(second);
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED\n"));
+    _host->send(1, "anew");
+    QVERIFY(waitForBytes(1, "anew"));
+    endWith(SIGTERM);
+    second.terminate();
+    QVERIFY(second.waitForFinished(patience));
+}
+
+// The echo of some bytes goes out with each message, so that most of what the host sends is left
+// with the library. Then a write gets stuck.
+void ProgramTest::afterARestartByTheWatchdogTheHostIsHeardAgain()
+{
+    startManager({"--max-write-size", "20", "--stop-timeout", "100"});
+    QVERIFY(plugIn());
+    _host->send(1, std::string(700000, '\0'));
+    QElapsedTimer timer;
+    timer.start();
+    while (_host->pendingBytes(1) > 0 && !timer.hasExpired(patience))
+        _host->step();
+    QCOMPARE(_host->pendingBytes(1), std::size_t(0));
+    QCOMPARE(control({"write", "stuck"}), QByteArray("ok\n"));
+    QVERIFY(waitForOutput("link DISCONNECTED\n"));
+    QCOMPARE(control({"write", "ok"}), QByteArray("ok\n"));
+
+    _transport->close();
+    _host->received(1);
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("of the old link discarded\n"));
+    _host->send(1, "new link");
+    QVERIFY(waitForBytes(1, "new link"));
+    QVERIFY2(!libraryLog().contains("Ask host to delay"), "the host was told to wait");
+}
+
+void ProgramTest::aSilentLinkIsTold()
+{
+    startManager({"--silence", "1000"});
+    QVERIFY(plugIn());
+    QVERIFY(waitForOutput("link CONNECTED\n"));
+    QVERIFY(waitForOutput("the link has been silent for "));
+    QVERIFY(waitForOutput("s: no message from the host, 0 wait for it\n"));
+    _host->send(1, "again");
+    QVERIFY(waitForOutput("the link is no longer silent\n"));
+}
+
+void ProgramTest::aLogThatCannotBeWrittenIsTold()
+{
+    startManager();
+    QVERIFY(waitForOutput("no host yet"));
+    QVERIFY(QDir().rename(path("log"), path("moved")));
+    QVERIFY(waitForOutput("the log in " + path("log") +
+                          " cannot be written: No such file or directory\n"));
+    QVERIFY(QDir().rename(path("moved"), path("log")));
+    QVERIFY(waitForOutput("the log in " + path("log") + " can be written again\n"));
+}
+
+void ProgramTest::withoutALogFolderThePortsAreServedAllTheSame()
+{
+    QFile file(path("file"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    startManager({"--log-dir", path("file/log")});
+    QVERIFY(
+        waitForOutput("the log in " + path("file/log") + " cannot be written: Not a directory\n"));
+    QVERIFY(plugIn());
+    _host->send(1, "echo");
+    QVERIFY(waitForBytes(1, "echo"));
+}
+
+void ProgramTest::aSecondManagerOnTheSameLogFolderIsRefused()
+{
+    startManager();
+    QVERIFY(waitForOutput("no host yet"));
+    const QByteArray log = libraryLog();
+    ForkedProcess second;
+    startBuilt(second, SAMPLE_MANAGER, commonOptions());
+    QVERIFY(second.waitForFinished(patience));
+    QCOMPARE(second.exitCode(), 1);
+    const QByteArray reason = second.readAllStandardError();
+    QVERIFY2(reason.contains("another manager, process "), reason);
+    QVERIFY2(reason.contains("uses the log folder " + path("log").toUtf8()), reason);
+    QVERIFY(!QFile::exists(path("log/UsbHal1.log.keep")));
+    QVERIFY(libraryLog().startsWith(log));
+}
+
+void ProgramTest::verboseShowsEveryMessage()
+{
+    startManager({"--verbose"});
+    QVERIFY(plugIn());
+    _host->send(1, "echo");
+    QVERIFY(waitForBytes(1, "echo"));
+    QVERIFY(waitForOutput("port 1: 4 bytes from the host\n"));
+    QVERIFY(waitForOutput("port 1: 4 bytes to the host\n"));
+}
+
+void ProgramTest::theHostMayStoreNoMoreThanItIsAllowed()
+{
+    startManager({"--max-file-size", "3"});
+    QVERIFY(plugIn());
+    _host->send(4, "FILE 4\nfileFILE 3\nabc");
+    QVERIFY(waitForBytes(4, "ERROR 4 bytes are more than the 3 that may be stored\nSTORED 3\n"));
 }
 
 QTEST_GUILESS_MAIN(ProgramTest)

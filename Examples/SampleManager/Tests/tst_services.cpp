@@ -5,7 +5,36 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
+
+constexpr qint64 largestFile = 1000000;
+
+// Keeps files from growing past a size, as a full disk does, for as long as it lives.
+class FileSizeLimit
+{
+public:
+    explicit FileSizeLimit(rlim_t bytes) : _formerHandler(std::signal(SIGXFSZ, SIG_IGN))
+    {
+        ::getrlimit(RLIMIT_FSIZE, &_former);
+        rlimit limit = _former;
+        limit.rlim_cur = bytes;
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            qFatal("the size of files cannot be limited");
+    }
+    ~FileSizeLimit()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &_former);
+        std::signal(SIGXFSZ, _formerHandler);
+    }
+    Q_DISABLE_COPY(FileSizeLimit)
+
+private:
+    rlimit _former = {};
+    void (*_formerHandler)(int);
+};
 
 // Takes all bytes that a service has to send, in pieces of at most limit.
 QByteArray takeAll(Service &service, int limit = 1000)
@@ -61,11 +90,15 @@ private slots:
     void aHeaderAndTheFileFillOnePiece();
     void aHalfReceivedFileLeavesTheOldOneAlone();
     void afterARestartTransfersBeginAfresh();
-    void faultyHeadersEndTheService_data();
-    void faultyHeadersEndTheService();
-    void aMissingFileIsAnError();
-    void aFolderThatCannotBeWrittenIsAnError();
-    void aRestartEndsAnError();
+    void aWrongLineIsAnsweredByAnErrorAndTheServiceGoesOn_data();
+    void aWrongLineIsAnsweredByAnErrorAndTheServiceGoesOn();
+    void aLongLineIsOneErrorHoweverItComes();
+    void aWrongLineDoesNotCutAFileThatIsBeingSent();
+    void aMissingFileIsAnErrorAndTheServiceGoesOn();
+    void aFolderThatCannotBeWrittenIsAnErrorAndTheServiceGoesOn();
+    void aFileBeyondTheBoundIsRefusedBeforeItsBytesComeAndSkipped();
+    void aFullDiskIsAnErrorWithTheSystemsReasonAndTheServiceGoesOn();
+    void aFileThatShrinksIsFilledUpAndAnErrorFollows();
     void manyUnansweredRequestsStopTheReceiving();
 
 private:
@@ -82,7 +115,7 @@ void ServicesTest::init()
     QVERIFY(_folder->isValid());
     writeFile(_path("send"), "content");
     _reports.clear();
-    _files.reset(new FileService(_path("send"), _path("received"),
+    _files.reset(new FileService(_path("send"), _path("received"), largestFile,
                                  [this](const QString &text) { _reports << text; }));
 }
 
@@ -249,49 +282,109 @@ void ServicesTest::afterARestartTransfersBeginAfresh()
     QCOMPARE(contentOf(_path("received")), QByteArray("x"));
 }
 
-void ServicesTest::faultyHeadersEndTheService_data()
+void ServicesTest::aWrongLineIsAnsweredByAnErrorAndTheServiceGoesOn_data()
 {
-    QTest::addColumn<QByteArray>("header");
-    for (const char *header : {"", "send", "SEND ", "FILE", "FILE ", "FILE x", "FILE -1", "FILE 1 ",
-                               "FILE 99999999999999999999"})
-        QTest::newRow(header) << QByteArray(header);
+    QTest::addColumn<QByteArray>("line");
+    for (const char *line : {"", "send", "SEND ", "FILE", "FILE ", "FILE x", "FILE -1", "FILE 1 ",
+                             "FILE 99999999999999999999"})
+        QTest::newRow(line) << QByteArray(line);
     QTest::newRow("long line") << QByteArray(81, 'x');
     QTest::newRow("zero byte") << QByteArray("SEND\0", 5);
 }
 
-void ServicesTest::faultyHeadersEndTheService()
+void ServicesTest::aWrongLineIsAnsweredByAnErrorAndTheServiceGoesOn()
 {
-    QFETCH(QByteArray, header);
-    _files->receive(header + "\nSEND\n");
+    QFETCH(QByteArray, line);
+    _files->receive(line + "\nFILE 1\nx");
     _files->receive("SEND\n");
     const QByteArray answer = takeAll(*_files);
     QVERIFY2(answer.startsWith("ERROR "), answer);
-    QCOMPARE(answer.count('\n'), 1);
-    QCOMPARE(_reports.size(), 1);
+    QVERIFY2(answer.endsWith("\nSTORED 1\nFILE 7\ncontent"), answer);
+    QCOMPARE(answer.count('\n'), 3);
+    QCOMPARE(_reports.size(), 3);
 }
 
-void ServicesTest::aMissingFileIsAnError()
+void ServicesTest::aLongLineIsOneErrorHoweverItComes()
+{
+    for (int i = 0; i < 50; ++i)
+        _files->receive("0123456789");
+    _files->receive("\nSEND\n");
+    QCOMPARE(takeAll(*_files), QByteArray("ERROR a line is longer than 80 bytes\nFILE 7\ncontent"));
+}
+
+void ServicesTest::aWrongLineDoesNotCutAFileThatIsBeingSent()
+{
+    _files->receive("SEND\n");
+    QCOMPARE(_files->nextBytes(9), QByteArray("FILE 7\nco"));
+    _files->receive("nonsense\n");
+    QCOMPARE(takeAll(*_files),
+             QByteArray("FILE 7\ncontentERROR expected \"SEND\" or \"FILE <bytes>\"\n"));
+}
+
+void ServicesTest::aMissingFileIsAnErrorAndTheServiceGoesOn()
 {
     QVERIFY(QFile::remove(_path("send")));
     _files->receive("SEND\n");
     QCOMPARE(takeAll(*_files),
              ("ERROR " + _path("send") + ": No such file or directory\n").toUtf8());
-}
-
-void ServicesTest::aFolderThatCannotBeWrittenIsAnError()
-{
-    FileService files(_path("send"), _path("missing/received"), [](const QString &) {});
-    files.receive("FILE 1\na");
-    const QByteArray answer = takeAll(files);
-    QVERIFY2(answer.startsWith("ERROR " + _path("missing/received").toUtf8()), answer);
-}
-
-void ServicesTest::aRestartEndsAnError()
-{
-    _files->receive("nonsense\n");
-    _files->restart();
+    writeFile(_path("send"), "new");
     _files->receive("SEND\n");
-    QCOMPARE(takeAll(*_files), QByteArray("FILE 7\ncontent"));
+    QCOMPARE(takeAll(*_files), QByteArray("FILE 3\nnew"));
+}
+
+void ServicesTest::aFolderThatCannotBeWrittenIsAnErrorAndTheServiceGoesOn()
+{
+    FileService files(_path("send"), _path("missing/received"), largestFile,
+                      [](const QString &) {});
+    files.receive("FILE 1\na");
+    QCOMPARE(takeAll(files),
+             ("ERROR " + _path("missing/received") + ": No such file or directory\n").toUtf8());
+    QVERIFY(QDir(_folder->path()).mkdir("missing"));
+    files.receive("FILE 1\na");
+    QCOMPARE(takeAll(files), QByteArray("STORED 1\n"));
+}
+
+void ServicesTest::aFileBeyondTheBoundIsRefusedBeforeItsBytesComeAndSkipped()
+{
+    _files->receive("FILE 1000001\n");
+    QCOMPARE(takeAll(*_files),
+             QByteArray("ERROR 1000001 bytes are more than the 1000000 that may be stored\n"));
+    _files->receive(QByteArray(1000000, '\n'));
+    _files->receive("xFILE 1000000\n");
+    _files->receive(QByteArray(1000000, 'y'));
+    QCOMPARE(takeAll(*_files), QByteArray("STORED 1000000\n"));
+    QCOMPARE(contentOf(_path("received")), QByteArray(1000000, 'y'));
+}
+
+void ServicesTest::aFullDiskIsAnErrorWithTheSystemsReasonAndTheServiceGoesOn()
+{
+    writeFile(_path("received"), "old");
+    {
+        const FileSizeLimit limit(100);
+        _files->receive("FILE 200\n" + QByteArray(90, 'a'));
+        QCOMPARE(takeAll(*_files), QByteArray());
+        _files->receive(QByteArray(90, 'a'));
+        QCOMPARE(takeAll(*_files), ("ERROR " + _path("received") + ": File too large\n").toUtf8());
+    }
+    QCOMPARE(contentOf(_path("received")), QByteArray("old"));
+    _files->receive(QByteArray(20, 'a') + "FILE 1\nb");
+    QCOMPARE(takeAll(*_files), QByteArray("STORED 1\n"));
+    QCOMPARE(contentOf(_path("received")), QByteArray("b"));
+}
+
+void ServicesTest::aFileThatShrinksIsFilledUpAndAnErrorFollows()
+{
+    writeFile(_path("send"), QByteArray(100000, 'x'));
+    _files->receive("SEND\nSEND\n");
+    QCOMPARE(_files->nextBytes(20), "FILE 100000\n" + QByteArray(8, 'x'));
+    QVERIFY(QFile::resize(_path("send"), 50000));
+    const QByteArray answer = takeAll(*_files);
+    const QByteArray header("FILE 100000\n");
+    const QByteArray rest = answer.mid(header.size() + 100000);
+    QCOMPARE(answer.mid(header.size() + 99990, 10), QByteArray(10, '\0'));
+    QVERIFY2(rest.startsWith("ERROR " + _path("send").toUtf8() +
+                             ": shorter than its announced size\nFILE 50000\n"),
+             rest.left(200));
 }
 
 void ServicesTest::manyUnansweredRequestsStopTheReceiving()
