@@ -40,7 +40,7 @@ void MainLoopTimer::setPeriod(quint32 period)
 
 void MainLoopTimer::catchUp()
 {
-    if (_changePosted && QThread::currentThread() == thread())
+    if (_ticking != (_period != 0) && QThread::currentThread() == thread())
         _apply();
 }
 

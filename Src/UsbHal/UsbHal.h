@@ -326,6 +326,7 @@ protected:
     quint32 _stops GUARDED_BY(_mutex) = 0; // so far, so that others notice one
     quint32 _stopsInProgress GUARDED_BY(_mutex) = 0; // and restarts, for which openers wait
     quint32 _endWaits GUARDED_BY(_mutex) = 0;        // threads that wait for the thread's end
+    bool _threadEntered GUARDED_BY(_mutex) = false;  // its function, in this run of the thread
     bool _retired GUARDED_BY(_mutex) = false;
     std::atomic<pid_t> _process{0};                        // that last started the thread
     QHash<int, QByteArray> _partlyRead GUARDED_BY(_mutex); // what heads point into, by port

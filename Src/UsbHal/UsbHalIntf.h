@@ -255,9 +255,9 @@ signals:
     void disconnected(int port);
     /**
      * A message was received for a port; emitted once for each message. The first one of a
-     * connection is announced before the link is CONNECTED, when it cannot be read yet: a handler
-     * reads until read() returns nothing, since with one read for each signal it would stay a
-     * message behind.
+     * connection is announced before the link is CONNECTED, when it cannot be read yet: read until
+     * read() returns nothing, also in a handler of connected(). With one read for each signal a
+     * client would stay a message behind.
      */
     void readyRead(int port);
     /** Relayed for clients that connect to it; never emitted at present. */

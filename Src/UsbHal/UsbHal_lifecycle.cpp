@@ -120,6 +120,7 @@ bool UsbHAL::_startThread()
         _changeCommunication(Communication::Restarting);
         return true;
     }
+    _threadEntered = false;
     if (!_connectedThread.startFor(this))
         return false;
     _process = ::getpid();
@@ -240,7 +241,10 @@ bool UsbHAL::_waitForEnd(qint64 msecs)
 
 void UsbHAL::_stopWorkerThread(unsigned long time)
 {
-    if (_isCommunicating() || _communication == Communication::Ending) {
+    // A kill before the thread has come to its function would end it without its last act.
+    _waitUntil(_communicationCond, static_cast<qint64>(time),
+               [this]() REQUIRES(_mutex) { return _threadEntered; });
+    if (_threadEntered && (_isCommunicating() || _communication == Communication::Ending)) {
         const QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
         _connectedThread.terminate();
         // Late or soon it strikes: no handler may ask the thread to begin anew.
@@ -279,7 +283,8 @@ void UsbHAL::_replaceThread(quint32 stops, QMutexLocker &locker)
 {
     if (_stops == stops)
         _updateStatus(DriverState::DISCONNECTED, locker);
-    if (_stops == stops)
+    // The link may be up again: a handler may have opened a port and waited for it.
+    if (_stops == stops && _driverState == DriverState::DISCONNECTED)
         _changeAllSocketsState(SocketState::DISCONNECTED, locker);
     if (_stops != stops)
         _releaseDriverOfDeadThread();

@@ -26,7 +26,6 @@ bool hasRoom(const QQueue<QByteArray> &queue, int size)
 
 bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
 {
-    const quint32 stops = _stops;
     QByteArray rest = QByteArray::fromRawData(buffer.constData(), buffer.size());
     for (;;) {
         unsigned int consumed = 0;
@@ -38,7 +37,7 @@ bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
         logLine("_processAllMessages", {"Remaining frame size : ", left});
         logLine("_processAllMessages", {"Message: ", LogPart(rest, shownBytes)});
         // What follows a stop would bring the link up again, and reach ports that are opened anew.
-        if (!accepted || _stops != stops)
+        if (!accepted || _hasToEnd())
             return accepted;
     }
 }
@@ -46,7 +45,6 @@ bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
 bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
                              unsigned int &consumed)
 {
-    const quint32 stops = _stops;
     // Most messages are data, which one comparison tells.
     if (!hasMagicNumber(message) && message.startsWith(devNoData)) {
         _peerBusy = false;
@@ -58,9 +56,9 @@ bool UsbHAL::_processMessage(const QByteArray &message, QMutexLocker &locker,
     } else if (!_processDataMessage(message, locker, consumed)) {
         return false;
     }
-    // A handler that stopped the communication must not see the link come up after it.
-    if (!message.isEmpty() && _stops == stops && _updateStatus(DriverState::CONNECTED, locker) &&
-        _stops == stops)
+    // A link must not come up after a stop, or in a thread that a kill is sent to.
+    if (!message.isEmpty() && !_hasToEnd() && _updateStatus(DriverState::CONNECTED, locker) &&
+        !_hasToEnd())
         _onConnected(locker);
     return true;
 }

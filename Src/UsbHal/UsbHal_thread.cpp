@@ -27,6 +27,8 @@ constexpr quint64 delayFactor = 30;         // unread bytes, in units of the max
 void *UsbHAL::_connectedFunc(void * /*arg*/)
 {
     CheckedLocker locker(&_mutex);
+    _threadEntered = true;
+    _communicationCond.wakeAll();
     _communicate(locker);
     while (_communication == Communication::Restarting) {
         _beginRun();

@@ -3,7 +3,6 @@
 
 #include "UsbHal.h"
 
-#include <pthread.h>
 #include <sys/prctl.h>
 
 #ifndef __EXCEPTIONS
@@ -16,38 +15,24 @@ thread_local UsbHAL *servedCore = nullptr;
 
 } // namespace
 
-// Of the thread, after Qt has done with it: only then may another be started. It comes from here
-// and not from QThread, which counts a thread as ended while it still runs clients' destructors.
-struct WorkerThread::LastAct
+WorkerThread::WorkerThread(QObject *parent)
+    : QThread(parent), _lastActError(pthread_key_create(&_lastAct, &_endForOwner))
 {
-    UsbHAL *owner = nullptr; // none before the core's code is left: a handler may end the process
-
-    ~LastAct()
-    {
-        if (!owner)
-            return;
-        servedCore = nullptr;
-        owner->_onThreadGone();
-    }
-};
-
-WorkerThread::WorkerThread(QObject *parent) : QThread(parent) {}
+}
 
 WorkerThread::~WorkerThread() = default;
 
 bool WorkerThread::startFor(UsbHAL *owner)
 {
     UsbHAL *nobody = nullptr;
-    if (!_owner.compare_exchange_strong(nobody, owner))
+    if (_lastActError != 0 || !_owner.compare_exchange_strong(nobody, owner))
         return false;
     _arg = nullptr;
     start(QThread::InheritPriority);
-    if (!isRunning()) {
-        release();
-        return false;
-    }
-    _entered.acquire(); // a kill before run() would end the thread without its last act
-    return true;
+    if (isRunning())
+        return true;
+    release();
+    return false;
 }
 
 UsbHAL *WorkerThread::currentOwner()
@@ -57,19 +42,22 @@ UsbHAL *WorkerThread::currentOwner()
 
 void WorkerThread::run()
 {
-    thread_local LastAct lastAct;
-    struct Leaving // a thread that is killed comes by here, too
-    {
-        ~Leaving() { lastAct.owner = servedCore; }
-    };
     // With the system's usual slack each of the link's pauses would end 0.05 ms later.
     prctl(PR_SET_TIMERSLACK, 1UL);
     servedCore = _owner;
-    const Leaving leaving;
-    _entered.release();
+    if (pthread_setspecific(_lastAct, servedCore) != 0)
+        qFatal("No memory for the communication thread");
     servedCore->_connectedFunc(_arg);
     servedCore->_endOfConnectedThread();
     // From here Qt takes the thread down, in destructors that close descriptors: a kill that struck
     // one of those would end the process.
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+}
+
+// The system calls it when the thread's function has returned or was unwound, so after all that Qt
+// does at the end of a thread, but not when a handler ends the process.
+void WorkerThread::_endForOwner(void *owner)
+{
+    servedCore = nullptr;
+    static_cast<UsbHAL *>(owner)->_onThreadGone();
 }

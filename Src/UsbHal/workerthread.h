@@ -2,10 +2,10 @@
 #ifndef WORKERTHREAD_H
 #define WORKERTHREAD_H
 
-#include <QSemaphore>
 #include <QThread>
 
 #include <atomic>
+#include <pthread.h>
 
 class UsbHAL;
 
@@ -38,11 +38,12 @@ protected:
     void run() override;
 
 private:
-    struct LastAct;
+    static void _endForOwner(void *owner);
 
     std::atomic<UsbHAL *> _owner{nullptr};
     void *_arg = nullptr;
-    QSemaphore _entered;
+    pthread_key_t _lastAct = 0; // of the thread, whose value is its owner
+    const int _lastActError;    // 0, or why there is no key
 };
 
 #endif

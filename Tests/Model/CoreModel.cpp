@@ -144,7 +144,6 @@ bool CoreModel::start()
 
 void CoreModel::stop()
 {
-    ++_stops;
     _timerRuns = false;
     if (_inThread) {
         askThreadToEnd();

@@ -187,7 +187,6 @@ private:
     quint64 _framed = 0;
     QList<QPair<int, int>> _queuedErrors; // for the owner's event loop
     bool _timerRuns = false;
-    quint32 _stops = 0;
     bool _stopping = false;
     int _failingCloses = 0;
 

@@ -14,7 +14,6 @@ QString text(const QByteArray &bytes)
 
 bool CoreModel::receive(const QByteArray &buffer)
 {
-    const quint32 stops = _stops;
     int total = 0;
     for (;;) {
         const auto view = [&] {
@@ -29,14 +28,13 @@ bool CoreModel::receive(const QByteArray &buffer)
             log("_processAllMessages", "Message: " + text(rest.left(100)));
         }
         // A stop in a handler ends the buffer.
-        if (!accepted || rest.isEmpty() || _stops != stops)
+        if (!accepted || rest.isEmpty() || !running)
             return accepted;
     }
 }
 
 bool CoreModel::receiveOne(const QByteArray &rest, int &consumed)
 {
-    const quint32 stops = _stops;
     const CutMessage message = cutMessage(rest, isHost());
     consumed = message.size;
     if (message.kind == CutMessage::Kind::NoData) {
@@ -49,7 +47,7 @@ bool CoreModel::receiveOne(const QByteArray &rest, int &consumed)
         return false;
     }
     // Where a handler stopped the core, the link does not come up after the stop.
-    if (_stops == stops && changeLink(DriverState::CONNECTED) && _stops == stops)
+    if (running && changeLink(DriverState::CONNECTED) && running)
         linkUp();
     return true;
 }
