@@ -9,7 +9,7 @@
 namespace {
 
 constexpr int wrongCommandLine = 2;
-constexpr int smallestWrite = static_cast<int>(hostpeer::headerSize) + 1;
+constexpr int smallestWrite = static_cast<int>(usbhalhost::headerSize) + 1;
 constexpr int largestWrite = 65536;
 
 const char description[] =
@@ -47,13 +47,13 @@ QString readPort(const QString &text, QVector<PortFiles> &ports)
 {
     QString expected =
         QString("--port needs N=TO_DEVICE:TO_HOST:STORED with N from 0 to %1, not \"%2\"")
-            .arg(hostpeer::maxPort)
+            .arg(usbhalhost::maxPort)
             .arg(text);
     const int equals = text.indexOf('=');
     bool ok = false;
     const int port = text.left(equals).toInt(&ok);
     const QStringList files = text.mid(equals + 1).split(':');
-    if (equals < 1 || !ok || port < 0 || port > hostpeer::maxPort || files.size() != 3)
+    if (equals < 1 || !ok || port < 0 || port > usbhalhost::maxPort || files.size() != 3)
         return expected;
     if (files[2].isEmpty())
         return expected;

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 namespace {
 
@@ -121,4 +121,4 @@ void HostProgram::_print(int port)
     _lastMoved = Clock::now();
 }
 
-} // namespace hostpeer
+} // namespace usbhalhost

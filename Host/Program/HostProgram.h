@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_HOSTPROGRAM_H
-#define HOSTPEER_HOSTPROGRAM_H
+#ifndef USBHALHOST_HOSTPROGRAM_H
+#define USBHALHOST_HOSTPROGRAM_H
 
 #include "HostSession.h"
 #include "SeqPacketTransport.h"
@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <string>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 /** What the user asks of a HostProgram. */
 struct HostOptions
@@ -52,6 +52,6 @@ private:
     Clock::time_point _lastMoved; // when a byte was read, taken or received
 };
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

@@ -10,14 +10,14 @@ namespace {
 
 constexpr int exitUsage = 2;
 
-void declareOptions(CLI::App &application, hostpeer::HostOptions &options)
+void declareOptions(CLI::App &application, usbhalhost::HostOptions &options)
 {
     application.failure_message(CLI::FailureMessage::help);
     application.add_option("--node", options.node, "Folder of the simulated node's sockets")
         ->required()
         ->type_name("DIR");
     application.add_option("--port", options.port, "The port to speak with")
-        ->check(CLI::Range(0, hostpeer::maxPort))
+        ->check(CLI::Range(0, usbhalhost::maxPort))
         ->capture_default_str()
         ->type_name("N");
     application
@@ -33,7 +33,7 @@ void declareOptions(CLI::App &application, hostpeer::HostOptions &options)
 int main(int argc, char **argv)
 {
     try {
-        hostpeer::HostOptions options;
+        usbhalhost::HostOptions options;
         CLI::App application("A USB host for the shell: sends its input to one port of the device "
                              "behind a simulated node, and prints what the device sends on it",
                              "usbhal-host");
@@ -43,7 +43,7 @@ int main(int argc, char **argv)
         } catch (const CLI::ParseError &error) {
             return application.exit(error) == 0 ? EXIT_SUCCESS : exitUsage;
         }
-        return hostpeer::HostProgram(options).run() ? EXIT_SUCCESS : EXIT_FAILURE;
+        return usbhalhost::HostProgram(options).run() ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception &error) {
         std::cerr << "usbhal-host: " << error.what() << std::endl;
         return EXIT_FAILURE;

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <charconv>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 namespace {
 
@@ -133,4 +133,4 @@ bool appendDataMessage(std::string &transfer, int port, std::string_view payload
     return true;
 }
 
-} // namespace hostpeer
+} // namespace usbhalhost

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_PROTOCOL_H
-#define HOSTPEER_PROTOCOL_H
+#ifndef USBHALHOST_PROTOCOL_H
+#define USBHALHOST_PROTOCOL_H
+
+#include "UsbHalHostExport.h"
 
 #include <cstddef>
 #include <optional>
@@ -13,7 +15,7 @@
  * The wire protocol as the USB host sees it. Everything in here is a pure function of its arguments
  * and may be called from any thread.
  */
-namespace hostpeer {
+namespace usbhalhost {
 
 inline constexpr std::string_view dataTag = "FADA";
 inline constexpr std::string_view noDataTag = "DEVICE_NODATA";
@@ -80,14 +82,14 @@ struct ParsedTransfer
  * empty transfer holds no message and no fault. The messages are valid as long as the transfer's
  * bytes.
  */
-ParsedTransfer parseTransfer(std::string_view transfer);
+USBHALHOST_EXPORT ParsedTransfer parseTransfer(std::string_view transfer);
 
 /**
  * Appends one framed data message to a transfer. Returns false and leaves the transfer alone when
  * the port is outside of 0 to maxPort or the payload is longer than maxPayload bytes.
  */
-bool appendDataMessage(std::string &transfer, int port, std::string_view payload);
+USBHALHOST_EXPORT bool appendDataMessage(std::string &transfer, int port, std::string_view payload);
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

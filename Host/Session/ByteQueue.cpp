@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 std::string_view ByteQueue::front(std::size_t count) const
 {
@@ -30,4 +30,4 @@ std::string ByteQueue::takeAll()
     return bytes;
 }
 
-} // namespace hostpeer
+} // namespace usbhalhost

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_BYTEQUEUE_H
-#define HOSTPEER_BYTEQUEUE_H
+#ifndef USBHALHOST_BYTEQUEUE_H
+#define USBHALHOST_BYTEQUEUE_H
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 /**
  * First-in first-out bytes; taking from the front costs time in proportion to what is taken. A
@@ -40,6 +40,6 @@ private:
     std::size_t _head = 0;
 };
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "HostSession.h"
 
-#include <algorithm>
+#include "ByteQueue.h"
 
-namespace hostpeer {
+#include <algorithm>
+#include <map>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace usbhalhost {
 
 namespace {
 
@@ -16,12 +22,148 @@ bool isValidPort(int port)
 
 } // namespace
 
+/** The session itself; apart from its interface, so that the interface can stay as it is. */
+struct HostSession::Private
+{
+    Private(MessageTransport &transport, SessionTimeouts timeouts)
+        : _transport(transport), _timeouts(timeouts)
+    {
+    }
+
+    struct Port
+    {
+        ByteQueue outgoing;
+        ByteQueue incoming;
+        bool reopened = false;
+    };
+
+    // Payload bytes of one port in a transfer. An announcement is no payload of its port.
+    struct Portion
+    {
+        int port;
+        std::size_t bytes;
+        bool reopened;
+    };
+
+    struct Transfer
+    {
+        std::string bytes;
+        std::vector<Portion> portions;
+    };
+
+    void restart();
+    StepResult step();
+    TransferResult _write();
+    TransferResult _read();
+    StepResult _closeOrWait(const TransferResult &result);
+
+    Transfer _nextTransfer() const;
+    std::vector<int> _portsInTurn() const;
+    void _addPort(Transfer &transfer, int port) const;
+    void _dequeue(const Transfer &transfer);
+
+    void _noteSilence();
+    void _noteAnswer();
+    void _process(const std::string &transfer);
+    void _handle(const DataMessage &message);
+    void _handle(const NoData &message);
+    void _handle(const MaxReadSize &message);
+    void _handle(const DelayRequest &message);
+    void _setDelayed(bool delayed);
+
+    MessageTransport &_transport;
+    const SessionTimeouts _timeouts;
+    Handlers _handlers;
+    std::map<int, Port> _ports;
+    std::vector<Portion> _awaitingAnswer;
+    std::string _closeReason;
+    std::size_t _maxWriteSize = cautiousMaxWriteSize;
+    unsigned _unanswered = 0;
+    unsigned _silentSteps = 0;
+    int _lastServed = -1;
+    bool _maxWriteSizeKnown = false;
+    bool _established = false;
+    bool _answeredSinceWrite = false;
+    bool _probeDue = false;
+    bool _delayed = false;
+};
+
 HostSession::HostSession(MessageTransport &transport, SessionTimeouts timeouts)
-    : _transport(transport), _timeouts(timeouts)
+    : _private(std::make_unique<Private>(transport, timeouts))
 {
 }
 
+HostSession::~HostSession() = default;
+
+void HostSession::setHandlers(Handlers handlers)
+{
+    _private->_handlers = std::move(handlers);
+}
+
 void HostSession::restart()
+{
+    _private->restart();
+}
+
+bool HostSession::send(int port, std::string_view bytes)
+{
+    if (!isValidPort(port))
+        return false;
+    _private->_ports[port].outgoing.append(bytes);
+    return true;
+}
+
+bool HostSession::announceReopened(int port)
+{
+    if (!isValidPort(port))
+        return false;
+    _private->_ports[port].reopened = true;
+    return true;
+}
+
+std::size_t HostSession::pendingBytes(int port) const
+{
+    const auto entry = _private->_ports.find(port);
+    return entry == _private->_ports.end() ? 0 : entry->second.outgoing.size();
+}
+
+std::string HostSession::received(int port)
+{
+    const auto entry = _private->_ports.find(port);
+    return entry == _private->_ports.end() ? std::string() : entry->second.incoming.takeAll();
+}
+
+HostSession::StepResult HostSession::step()
+{
+    return _private->step();
+}
+
+bool HostSession::isEstablished() const
+{
+    return _private->_established;
+}
+
+bool HostSession::isDelayed() const
+{
+    return _private->_delayed;
+}
+
+bool HostSession::isMaxWriteSizeKnown() const
+{
+    return _private->_maxWriteSizeKnown;
+}
+
+std::size_t HostSession::maxWriteSize() const
+{
+    return _private->_maxWriteSize;
+}
+
+const std::string &HostSession::closeReason() const
+{
+    return _private->_closeReason;
+}
+
+void HostSession::Private::restart()
 {
     _ports.clear();
     _awaitingAnswer.clear();
@@ -37,35 +179,7 @@ void HostSession::restart()
     _delayed = false;
 }
 
-bool HostSession::send(int port, std::string_view bytes)
-{
-    if (!isValidPort(port))
-        return false;
-    _ports[port].outgoing.append(bytes);
-    return true;
-}
-
-bool HostSession::announceReopened(int port)
-{
-    if (!isValidPort(port))
-        return false;
-    _ports[port].reopened = true;
-    return true;
-}
-
-std::size_t HostSession::pendingBytes(int port) const
-{
-    const auto entry = _ports.find(port);
-    return entry == _ports.end() ? 0 : entry->second.outgoing.size();
-}
-
-std::string HostSession::received(int port)
-{
-    const auto entry = _ports.find(port);
-    return entry == _ports.end() ? std::string() : entry->second.incoming.takeAll();
-}
-
-HostSession::StepResult HostSession::step()
+HostSession::StepResult HostSession::Private::step()
 {
     if (_unanswered == 0 || _probeDue) {
         const TransferResult written = _write();
@@ -80,7 +194,7 @@ HostSession::StepResult HostSession::step()
     return _closeOrWait(read);
 }
 
-TransferResult HostSession::_write()
+TransferResult HostSession::Private::_write()
 {
     const Transfer transfer = _nextTransfer();
     TransferResult result = _transport.send(transfer.bytes, _timeouts.step);
@@ -94,7 +208,7 @@ TransferResult HostSession::_write()
     return result;
 }
 
-TransferResult HostSession::_read()
+TransferResult HostSession::Private::_read()
 {
     std::string transfer;
     TransferResult result = _transport.receive(transfer, _timeouts.step);
@@ -105,7 +219,7 @@ TransferResult HostSession::_read()
     return result;
 }
 
-HostSession::StepResult HostSession::_closeOrWait(const TransferResult &result)
+HostSession::StepResult HostSession::Private::_closeOrWait(const TransferResult &result)
 {
     if (result.status == Status::TimedOut)
         return StepResult::Silent;
@@ -116,7 +230,7 @@ HostSession::StepResult HostSession::_closeOrWait(const TransferResult &result)
 
 // The device drops data until it has accepted a first message, so nothing but "no data" goes out
 // before its first answer.
-HostSession::Transfer HostSession::_nextTransfer() const
+HostSession::Private::Transfer HostSession::Private::_nextTransfer() const
 {
     Transfer transfer;
     if (_established && !_delayed) {
@@ -129,7 +243,7 @@ HostSession::Transfer HostSession::_nextTransfer() const
 }
 
 // All known ports, those behind the port that was served last first.
-std::vector<int> HostSession::_portsInTurn() const
+std::vector<int> HostSession::Private::_portsInTurn() const
 {
     std::vector<int> ports;
     ports.reserve(_ports.size());
@@ -140,7 +254,7 @@ std::vector<int> HostSession::_portsInTurn() const
     return ports;
 }
 
-void HostSession::_addPort(Transfer &transfer, int port) const
+void HostSession::Private::_addPort(Transfer &transfer, int port) const
 {
     const Port &queues = _ports.at(port);
     const auto room = [&] {
@@ -160,7 +274,7 @@ void HostSession::_addPort(Transfer &transfer, int port) const
     transfer.portions.push_back({port, payload.size(), false});
 }
 
-void HostSession::_dequeue(const Transfer &transfer)
+void HostSession::Private::_dequeue(const Transfer &transfer)
 {
     for (const Portion &portion : transfer.portions) {
         Port &queues = _ports[portion.port];
@@ -171,7 +285,7 @@ void HostSession::_dequeue(const Transfer &transfer)
     }
 }
 
-void HostSession::_noteSilence()
+void HostSession::Private::_noteSilence()
 {
     ++_silentSteps;
     if (_answeredSinceWrite) {
@@ -189,7 +303,7 @@ void HostSession::_noteSilence()
     }
 }
 
-void HostSession::_noteAnswer()
+void HostSession::Private::_noteAnswer()
 {
     if (_unanswered > 0)
         --_unanswered;
@@ -204,7 +318,7 @@ void HostSession::_noteAnswer()
     }
 }
 
-void HostSession::_process(const std::string &transfer)
+void HostSession::Private::_process(const std::string &transfer)
 {
     const ParsedTransfer parsed = parseTransfer(transfer);
     for (const Message &message : parsed.messages)
@@ -214,7 +328,7 @@ void HostSession::_process(const std::string &transfer)
                             std::to_string(transfer.size()) + ": " + parsed.fault->reason);
 }
 
-void HostSession::_handle(const DataMessage &message)
+void HostSession::Private::_handle(const DataMessage &message)
 {
     if (message.payload.empty())
         return;
@@ -223,27 +337,27 @@ void HostSession::_handle(const DataMessage &message)
         _handlers.bytesReceived(message.port);
 }
 
-void HostSession::_handle(const NoData &)
+void HostSession::Private::_handle(const NoData &)
 {
     _setDelayed(false);
 }
 
-void HostSession::_handle(const MaxReadSize &message)
+void HostSession::Private::_handle(const MaxReadSize &message)
 {
     _maxWriteSize = std::min(message.bytes, _transport.maxTransferSize());
     _maxWriteSizeKnown = true;
     _setDelayed(false);
 }
 
-void HostSession::_handle(const DelayRequest &)
+void HostSession::Private::_handle(const DelayRequest &)
 {
     _setDelayed(true);
 }
 
-void HostSession::_setDelayed(bool delayed)
+void HostSession::Private::_setDelayed(bool delayed)
 {
     if (std::exchange(_delayed, delayed) != delayed && _handlers.delayChanged)
         _handlers.delayChanged(delayed);
 }
 
-} // namespace hostpeer
+} // namespace usbhalhost

@@ -1,21 +1,19 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_HOSTSESSION_H
-#define HOSTPEER_HOSTSESSION_H
+#ifndef USBHALHOST_HOSTSESSION_H
+#define USBHALHOST_HOSTSESSION_H
 
-#include "ByteQueue.h"
 #include "MessageTransport.h"
 #include "Protocol.h"
+#include "UsbHalHostExport.h"
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
-#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 /** Time limits of a HostSession. */
 struct SessionTimeouts
@@ -35,7 +33,7 @@ struct SessionTimeouts
  * travels alone. The session has no thread and no lock: all calls come from one thread at a time,
  * the handlers run inside step() and may call back into the session, but not step() itself.
  */
-class HostSession
+class USBHALHOST_EXPORT HostSession
 {
 public:
     /** What step() tells its caller on the way; each handler may be left empty. */
@@ -59,9 +57,12 @@ public:
 
     /** Does nothing on the transport, which must outlive the session. Time-outs are in ms. */
     explicit HostSession(MessageTransport &transport, SessionTimeouts timeouts = {});
+    ~HostSession();
+    HostSession(const HostSession &) = delete;
+    HostSession &operator=(const HostSession &) = delete;
 
     /** Replaces all handlers; not to be called by a handler, which would destroy itself. */
-    void setHandlers(Handlers handlers) { _handlers = std::move(handlers); }
+    void setHandlers(Handlers handlers);
 
     /**
      * Begins anew, to be called after a connect: drops all queued bytes of both directions, as the
@@ -95,80 +96,28 @@ public:
      * Whether the device answers: false after restart() and after a transfer that counts as lost,
      * true from the next answer on. No data is sent while it is false.
      */
-    bool isEstablished() const { return _established; }
+    bool isEstablished() const;
 
     /** Whether the device has asked to delay writes. */
-    bool isDelayed() const { return _delayed; }
+    bool isDelayed() const;
 
     /** Whether the device has announced its maximum read size since the last restart(). */
-    bool isMaxWriteSizeKnown() const { return _maxWriteSizeKnown; }
+    bool isMaxWriteSizeKnown() const;
 
     /**
      * Largest transfer to the device in bytes: as announced, as far as the transport carries it; a
      * cautious default before the announcement.
      */
-    std::size_t maxWriteSize() const { return _maxWriteSize; }
+    std::size_t maxWriteSize() const;
 
     /** Why the transport is closed; empty while no step() has returned Closed. */
-    const std::string &closeReason() const { return _closeReason; }
+    const std::string &closeReason() const;
 
 private:
-    struct Port
-    {
-        ByteQueue outgoing;
-        ByteQueue incoming;
-        bool reopened = false;
-    };
-
-    // Payload bytes of one port in a transfer. An announcement is no payload of its port.
-    struct Portion
-    {
-        int port;
-        std::size_t bytes;
-        bool reopened;
-    };
-
-    struct Transfer
-    {
-        std::string bytes;
-        std::vector<Portion> portions;
-    };
-
-    TransferResult _write();
-    TransferResult _read();
-    StepResult _closeOrWait(const TransferResult &result);
-
-    Transfer _nextTransfer() const;
-    std::vector<int> _portsInTurn() const;
-    void _addPort(Transfer &transfer, int port) const;
-    void _dequeue(const Transfer &transfer);
-
-    void _noteSilence();
-    void _noteAnswer();
-    void _process(const std::string &transfer);
-    void _handle(const DataMessage &message);
-    void _handle(const NoData &message);
-    void _handle(const MaxReadSize &message);
-    void _handle(const DelayRequest &message);
-    void _setDelayed(bool delayed);
-
-    MessageTransport &_transport;
-    SessionTimeouts _timeouts;
-    Handlers _handlers;
-    std::map<int, Port> _ports;
-    std::vector<Portion> _awaitingAnswer;
-    std::string _closeReason;
-    std::size_t _maxWriteSize = cautiousMaxWriteSize;
-    unsigned _unanswered = 0;
-    unsigned _silentSteps = 0;
-    int _lastServed = -1;
-    bool _maxWriteSizeKnown = false;
-    bool _established = false;
-    bool _answeredSinceWrite = false;
-    bool _probeDue = false;
-    bool _delayed = false;
+    struct USBHALHOST_LOCAL Private;
+    std::unique_ptr<Private> _private;
 };
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

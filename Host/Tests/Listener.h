@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_LISTENER_H
-#define HOSTPEER_LISTENER_H
+#ifndef USBHALHOST_LISTENER_H
+#define USBHALHOST_LISTENER_H
 
 #include <QtGlobal>
 

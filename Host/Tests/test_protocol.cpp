@@ -5,7 +5,7 @@
 
 #include <random>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <deque>
 #include <optional>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 using StepResult = HostSession::StepResult;
 using Status = TransferResult::Status;
 

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <future>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 using namespace std::chrono_literals;
 using Status = TransferResult::Status;
 

@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_MESSAGETRANSPORT_H
-#define HOSTPEER_MESSAGETRANSPORT_H
+#ifndef USBHALHOST_MESSAGETRANSPORT_H
+#define USBHALHOST_MESSAGETRANSPORT_H
+
+#include "UsbHalHostExport.h"
 
 #include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 /** Outcome of one attempt to move a transfer. */
 struct TransferResult
@@ -20,16 +22,18 @@ struct TransferResult
 
     Status status = Status::Done;
     std::string text = {};
+    /** Of a connect() that failed: there is no device yet, and trying again may find one. */
+    bool mayComeLater = false;
 };
 
 /**
  * Carries whole transfers to and from one device, keeping their bounds. A transport is used by one
  * thread at a time.
  */
-class MessageTransport
+class USBHALHOST_EXPORT MessageTransport
 {
 public:
-    virtual ~MessageTransport() = default;
+    virtual ~MessageTransport();
 
     /** Largest transfer in bytes that this transport carries in either direction. */
     virtual std::size_t maxTransferSize() const = 0;
@@ -41,6 +45,6 @@ public:
     virtual TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) = 0;
 };
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

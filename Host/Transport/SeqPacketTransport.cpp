@@ -11,7 +11,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 namespace {
 
@@ -38,54 +38,88 @@ int pollTimeout(Clock::time_point deadline)
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
 }
 
+// A node that is not there yet, or whose host's end is taken, may be there later. A folder that
+// does not exist is a mistake of the caller.
+bool mayComeLater(int error, const std::string &path)
+{
+    if (error == ENOENT)
+        return ::access(path.substr(0, path.rfind('/') + 1).c_str(), F_OK) == 0;
+    return error == ECONNREFUSED || error == EAGAIN;
+}
+
 } // namespace
 
-SeqPacketTransport::SeqPacketTransport(std::string path) : _path(std::move(path))
+struct SeqPacketTransport::Private
 {
-    _buffer.resize(largestTransfer);
+    TransferResult _waitFor(short events, Clock::time_point deadline) const;
+    TransferResult _closed(const std::string &reason);
+    void _close();
+
+    std::string _path;
+    std::string _buffer;
+    int _fd = -1;
+};
+
+SeqPacketTransport::SeqPacketTransport(std::string path) : _private(std::make_unique<Private>())
+{
+    _private->_path = std::move(path);
+    _private->_buffer.resize(largestTransfer);
 }
 
 SeqPacketTransport::~SeqPacketTransport()
 {
-    close();
+    _private->_close();
+}
+
+bool SeqPacketTransport::isConnected() const
+{
+    return _private->_fd >= 0;
+}
+
+std::size_t SeqPacketTransport::maxTransferSize() const
+{
+    return _private->_buffer.size();
 }
 
 TransferResult SeqPacketTransport::connect()
 {
     close();
+    const std::string &path = _private->_path;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (_path.size() >= sizeof address.sun_path)
-        return {Status::Closed, "the path " + _path + " is longer than a socket's path may be"};
-    std::copy(_path.begin(), _path.end(), address.sun_path);
+    if (path.size() >= sizeof address.sun_path)
+        return {Status::Closed, "the path " + path + " is longer than a socket's path may be"};
+    std::copy(path.begin(), path.end(), address.sun_path);
 
-    _fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (_fd < 0)
-        return _closed("socket: " + errorText(errno));
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    _private->_fd = fd;
+    if (fd < 0)
+        return _private->_closed("socket: " + errorText(errno));
     const auto *generic = reinterpret_cast<const sockaddr *>(&address);
-    if (::connect(_fd, generic, sizeof address) != 0)
-        return _closed("connect to " + _path + ": " + errorText(errno));
-    return {};
+    if (::connect(fd, generic, sizeof address) == 0)
+        return {};
+    const int error = errno;
+    TransferResult result = _private->_closed("connect to " + path + ": " + errorText(error));
+    result.mayComeLater = mayComeLater(error, path);
+    return result;
 }
 
 void SeqPacketTransport::close()
 {
-    if (_fd >= 0)
-        ::close(_fd);
-    _fd = -1;
+    _private->_close();
 }
 
 TransferResult SeqPacketTransport::send(std::string_view transfer,
                                         std::chrono::milliseconds timeout)
 {
     const auto deadline = Clock::now() + timeout;
-    while (_fd >= 0) {
-        const ssize_t sent = ::send(_fd, transfer.data(), transfer.size(), MSG_NOSIGNAL);
+    while (_private->_fd >= 0) {
+        const ssize_t sent = ::send(_private->_fd, transfer.data(), transfer.size(), MSG_NOSIGNAL);
         if (sent >= 0)
             return {};
         if (!meansTryAgain(errno))
-            return _closed("send: " + errorText(errno));
-        TransferResult ready = _waitFor(POLLOUT, deadline);
+            return _private->_closed("send: " + errorText(errno));
+        TransferResult ready = _private->_waitFor(POLLOUT, deadline);
         if (ready.status != Status::Done)
             return ready;
     }
@@ -95,27 +129,28 @@ TransferResult SeqPacketTransport::send(std::string_view transfer,
 TransferResult SeqPacketTransport::receive(std::string &transfer, std::chrono::milliseconds timeout)
 {
     const auto deadline = Clock::now() + timeout;
-    while (_fd >= 0) {
+    while (_private->_fd >= 0) {
         // MSG_TRUNC reports the true size of a packet that does not fit.
-        const ssize_t size = ::recv(_fd, _buffer.data(), _buffer.size(), MSG_TRUNC);
+        const ssize_t size =
+            ::recv(_private->_fd, _private->_buffer.data(), _private->_buffer.size(), MSG_TRUNC);
         if (size > static_cast<ssize_t>(maxTransferSize()))
-            return _closed("received a transfer of " + std::to_string(size) + " bytes");
+            return _private->_closed("received a transfer of " + std::to_string(size) + " bytes");
         if (size == 0)
-            return _closed("the other end closed the connection");
+            return _private->_closed("the other end closed the connection");
         if (size > 0) {
-            transfer.assign(_buffer, 0, static_cast<std::size_t>(size));
+            transfer.assign(_private->_buffer, 0, static_cast<std::size_t>(size));
             return {};
         }
         if (!meansTryAgain(errno))
-            return _closed("recv: " + errorText(errno));
-        TransferResult ready = _waitFor(POLLIN, deadline);
+            return _private->_closed("recv: " + errorText(errno));
+        TransferResult ready = _private->_waitFor(POLLIN, deadline);
         if (ready.status != Status::Done)
             return ready;
     }
     return {Status::Closed, "not connected"};
 }
 
-TransferResult SeqPacketTransport::_waitFor(short events, Clock::time_point deadline) const
+TransferResult SeqPacketTransport::Private::_waitFor(short events, Clock::time_point deadline) const
 {
     pollfd entry{_fd, events, 0};
     const int ready = ::poll(&entry, 1, pollTimeout(deadline));
@@ -126,10 +161,17 @@ TransferResult SeqPacketTransport::_waitFor(short events, Clock::time_point dead
     return {};
 }
 
-TransferResult SeqPacketTransport::_closed(const std::string &reason)
+void SeqPacketTransport::Private::_close()
 {
-    close();
+    if (_fd >= 0)
+        ::close(_fd);
+    _fd = -1;
+}
+
+TransferResult SeqPacketTransport::Private::_closed(const std::string &reason)
+{
+    _close();
     return {Status::Closed, reason};
 }
 
-} // namespace hostpeer
+} // namespace usbhalhost

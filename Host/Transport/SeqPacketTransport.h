@@ -1,19 +1,22 @@
 // SPDX-License-Identifier: MIT
-#ifndef HOSTPEER_SEQPACKETTRANSPORT_H
-#define HOSTPEER_SEQPACKETTRANSPORT_H
+#ifndef USBHALHOST_SEQPACKETTRANSPORT_H
+#define USBHALHOST_SEQPACKETTRANSPORT_H
 
-#include "MessageTransport.h"
+#include "DeviceTransport.h"
 
+#include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <string_view>
 
-namespace hostpeer {
+namespace usbhalhost {
 
 /**
  * Transfers as packets of a UNIX SOCK_SEQPACKET socket, such as the host's end of a simulated
  * device node. Being connected stands for a plugged cable. Never raises SIGPIPE.
  */
-class SeqPacketTransport : public MessageTransport
+class USBHALHOST_EXPORT SeqPacketTransport : public DeviceTransport
 {
 public:
     /** Remembers the socket's path; connect() opens it. */
@@ -23,20 +26,12 @@ public:
     SeqPacketTransport(const SeqPacketTransport &) = delete;
     SeqPacketTransport &operator=(const SeqPacketTransport &) = delete;
 
-    /**
-     * Connects, after closing a connection that still stands. Does not wait: when nobody takes the
-     * connection the result is Closed, with a text, and the call may be repeated at any time.
-     */
-    TransferResult connect();
-
-    /** Closes the connection, if any: the cable is unplugged. */
-    void close();
-
-    /** Whether the connection stands, as far as the last call has seen. */
-    bool isConnected() const { return _fd >= 0; }
+    TransferResult connect() override;
+    void close() override;
+    bool isConnected() const override;
 
     /** 65536 bytes. Receiving a longer transfer closes the connection. */
-    std::size_t maxTransferSize() const override { return _buffer.size(); }
+    std::size_t maxTransferSize() const override;
 
     /**
      * Sends one packet. TimedOut when the other end takes none within the time-out in ms; Closed,
@@ -51,14 +46,10 @@ public:
     TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) override;
 
 private:
-    TransferResult _waitFor(short events, std::chrono::steady_clock::time_point deadline) const;
-    TransferResult _closed(const std::string &reason);
-
-    std::string _path;
-    std::string _buffer;
-    int _fd = -1;
+    struct USBHALHOST_LOCAL Private;
+    std::unique_ptr<Private> _private;
 };
 
-} // namespace hostpeer
+} // namespace usbhalhost
 
 #endif

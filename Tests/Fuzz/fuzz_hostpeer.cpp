@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 
 namespace {
 

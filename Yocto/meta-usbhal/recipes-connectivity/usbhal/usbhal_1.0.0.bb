@@ -38,7 +38,10 @@ do_install_ptest() {
     ${S}/Tests/install-tests ${B} ${D}${PTEST_PATH}
 }
 
-PACKAGES =+ "${PN}-sim ${PN}-manager"
+PACKAGES =+ "${PN}-host ${PN}-sim ${PN}-manager"
+
+SUMMARY:${PN}-host = "Library for programs on the USB host of a device with UsbHal"
+FILES:${PN}-host = "${libdir}/libusbhal-host.so.*"
 
 SUMMARY:${PN}-sim = "Simulated device node and host for programs that use UsbHal"
 FILES:${PN}-sim = "${bindir}/simnode ${bindir}/usbhal-host ${libdir}/simnode"
