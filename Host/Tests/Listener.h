@@ -4,6 +4,7 @@
 
 #include <QtGlobal>
 
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -45,6 +46,12 @@ public:
     bool send(const std::string &packet)
     {
         return ::send(_connection, packet.data(), packet.size(), 0) == ssize_t(packet.size());
+    }
+    /** Whether a transfer of the host comes within so many ms. */
+    bool hasTransfer(int limit)
+    {
+        pollfd entry{_connection, POLLIN, 0};
+        return ::poll(&entry, 1, limit) > 0;
     }
     std::string receive()
     {

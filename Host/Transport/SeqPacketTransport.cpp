@@ -99,8 +99,11 @@ TransferResult SeqPacketTransport::connect()
     if (::connect(fd, generic, sizeof address) == 0)
         return {};
     const int error = errno;
-    TransferResult result = _private->_closed("connect to " + path + ": " + errorText(error));
-    result.mayComeLater = mayComeLater(error, path);
+    const bool later = mayComeLater(error, path);
+    TransferResult result = _private->_closed(
+        "connect to " + path + ": " + errorText(error) +
+        (later ? "; start the node" : "; name the folder of a node that this user may use"));
+    result.mayComeLater = later;
     return result;
 }
 
