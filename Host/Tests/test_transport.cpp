@@ -196,8 +196,7 @@ void TransportTest::nobodyListeningIsReportedWithThePath()
     SeqPacketTransport host(missing);
     const TransferResult result = host.connect();
     QCOMPARE(result.status, Status::Closed);
-    QCOMPARE(result.text,
-             "connect to " + missing + ": No such file or directory; start the node");
+    QCOMPARE(result.text, "connect to " + missing + ": No such file or directory; start the node");
     QVERIFY(result.mayComeLater);
     QVERIFY(!host.isConnected());
 }
