@@ -16,7 +16,7 @@ namespace {
 
 constexpr mode_t newFileMode = 0666;
 // What is received before the exchange has to wait for the reader; one transfer more may come.
-constexpr std::size_t mostKept = 900 * 1024;
+constexpr std::size_t mostKept = 900000;
 
 [[noreturn]] void fail(const std::string &what, const std::string &name, const char *advice)
 {
