@@ -99,7 +99,8 @@ void PortPipe::_receive(int port)
         return;
     _lastMoved = Clock::now();
     if (_options.bytes)
-        bytes.resize(std::min<std::uint64_t>(bytes.size(), *_options.bytes - _received));
+        bytes.resize(static_cast<std::size_t>(
+            std::min<std::uint64_t>(bytes.size(), *_options.bytes - _received)));
     _received += bytes.size();
     _output->put(bytes);
 }
