@@ -68,6 +68,7 @@ struct HostSession::Private
     void _handle(const DataMessage &message);
     void _handle(const NoData &message);
     void _handle(const MaxReadSize &message);
+    void _handle(const UnusableReadSize &message);
     void _handle(const DelayRequest &message);
     void _setDelayed(bool delayed);
 
@@ -346,6 +347,14 @@ void HostSession::Private::_handle(const MaxReadSize &message)
 {
     _maxWriteSize = std::min(message.bytes, _transport.maxTransferSize());
     _maxWriteSizeKnown = true;
+    _setDelayed(false);
+}
+
+void HostSession::Private::_handle(const UnusableReadSize &message)
+{
+    if (_handlers.faultSeen)
+        _handlers.faultSeen("the announced maximum read size " + std::string(message.digits) +
+                            " is not used");
     _setDelayed(false);
 }
 
