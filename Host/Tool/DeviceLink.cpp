@@ -82,7 +82,7 @@ DeviceLink::Attempt DeviceLink::_try(Clock::time_point limit)
         return Attempt::Done;
     if (_transport->isConnected())
         return Attempt::NoAnswer;
-    _reason += "; another host may have it";
+    _reason += "; end the host that has it, if there is one";
     return Attempt::NoDevice;
 }
 
@@ -117,18 +117,20 @@ void DeviceLink::_begin(const DeviceName &name)
     _session->setHandlers(std::move(handlers));
 }
 
-// Until the device has said how much it takes, it may be one that speaks something else.
+// Until the device has said how much it takes, it may be one that speaks something else. It is
+// asked once even when the time is over: a node that another host has says so.
 bool DeviceLink::_establish(Clock::time_point limit)
 {
     _session->restart();
     _faults = 0;
-    while (!_session->isMaxWriteSizeKnown()) {
-        if (Clock::now() >= limit || endIsAsked() || !step())
+    while (!endIsAsked() && step()) {
+        if (_session->isMaxWriteSizeKnown())
+            return true;
+        if (Clock::now() >= limit)
             return false;
-        if (!_session->isMaxWriteSizeKnown())
-            _waitFor(wordsFor(_options.device) + " to answer");
+        _waitFor(wordsFor(_options.device) + " to answer");
     }
-    return true;
+    return false;
 }
 
 bool DeviceLink::step()

@@ -71,6 +71,7 @@ private slots:
     void waitEndsWithATimeOut();
     void severalDevicesAreAChoiceOfTheUser();
     void withoutADeviceTheStatusIsThree();
+    void aNodeThatAnotherHostHasIsSaid();
     void aDeviceThatDoesNotAnswerIsATimeOut();
     void aDeviceThatSpeaksSomethingElseIsSaidWithAnExcerpt();
     void whatWaitingCannotMendIsSaidAtOnce_data();
@@ -452,6 +453,16 @@ void ToolTest::withoutADeviceTheStatusIsThree()
     QCOMPARE(_program->exitCode(), 3);
     const QByteArray errors = _errors();
     QVERIFY2(errors.startsWith("usbhal: no device for 0.1 s: connect to "), errors);
+}
+
+void ToolTest::aNodeThatAnotherHostHasIsSaid()
+{
+    _start({"--wait", "0", "cat", "1"});
+    QVERIFY(_node->accept());
+    QVERIFY(_node->send("another host is connected"));
+    QCOMPARE(_exitStatus(), 3);
+    QCOMPARE(_errors(), QByteArray("usbhal: no device for 0 s: another host is connected; end the "
+                                   "host that has it, if there is one\n"));
 }
 
 void ToolTest::aDeviceThatDoesNotAnswerIsATimeOut()
