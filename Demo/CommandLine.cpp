@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int smallestWrite = static_cast<int>(hostpeer::headerSize) + 1;
+constexpr int smallestWrite = static_cast<int>(usbhalhost::headerSize) + 1;
 constexpr int largestWrite = 65536;
 
 const char description[] =
@@ -21,7 +21,7 @@ void refusePort(const std::string &text)
 {
     programoptions::refuse(
         "--port",
-        "N=TO_DEVICE:TO_HOST:STORED with N from 0 to " + std::to_string(hostpeer::maxPort), text);
+        "N=TO_DEVICE:TO_HOST:STORED with N from 0 to " + std::to_string(usbhalhost::maxPort), text);
 }
 
 void addPort(const PortFiles &files, QVector<PortFiles> &ports)
@@ -45,7 +45,7 @@ void readPort(const std::string &text, QVector<PortFiles> &ports)
     bool ok = false;
     const int port = whole.left(equals).toInt(&ok);
     const QStringList files = whole.mid(equals + 1).split(':');
-    if (equals < 1 || !ok || port < 0 || port > hostpeer::maxPort || files.size() != 3 ||
+    if (equals < 1 || !ok || port < 0 || port > usbhalhost::maxPort || files.size() != 3 ||
         files[2].isEmpty())
         refusePort(text);
     addPort({port, files[0], files[1], files[2]}, ports);

@@ -13,8 +13,8 @@ constexpr qint64 roundLimit = 30000; // ms for one round
 constexpr int steadyExchanges = 5;
 constexpr unsigned long retryPause = 20; // ms
 
-using hostpeer::HostSession;
-using hostpeer::TransferResult;
+using usbhalhost::HostSession;
+using usbhalhost::TransferResult;
 
 } // namespace
 

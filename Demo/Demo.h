@@ -47,8 +47,8 @@ private:
     Console _console;
     ManagerOutput _managerOutput;
     QString _managerLink;
-    hostpeer::SeqPacketTransport _transport;
-    hostpeer::HostSession _session;
+    usbhalhost::SeqPacketTransport _transport;
+    usbhalhost::HostSession _session;
     std::map<int, PortExchange> _exchanges;
     QElapsedTimer _roundTime;
     qint64 _stepBegan = 0;    // of the latest exchange, in ms of the round

@@ -75,7 +75,7 @@ QString totalLine(const char *name, const FlowResult &sum, double ceiling)
 
 double ceilingOf(qint64 maxTransferSize)
 {
-    const qint64 payload = maxTransferSize - static_cast<qint64>(hostpeer::headerSize);
+    const qint64 payload = maxTransferSize - static_cast<qint64>(usbhalhost::headerSize);
     return static_cast<double>(payload) / cycle;
 }
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <unistd.h>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 using namespace std::chrono_literals;
 
 namespace {

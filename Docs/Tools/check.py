@@ -192,9 +192,9 @@ def options_in(source, pattern):
 
 
 def check_manuals():
-    cli11 = r'"--([a-z-]+)"'
+    cli11 = r'[",]--([a-z-]+)"'
     check_manual("simnode.1.in", options_in("SimNode/Daemon/main.cpp", cli11))
-    check_manual("usbhal-host.1.in", options_in("HostPeer/Program/main.cpp", cli11))
+    check_manual("usbhal.1.in", options_in("Host/Tool/CommandLine.cpp", cli11))
     manager = options_in("Examples/SampleManager/CommandLine.cpp", cli11)
     check_manual("usbhal-sample-manager.1.in", manager)
 

@@ -14,8 +14,8 @@
 
 #include <fcntl.h>
 
-using hostpeer::SeqPacketTransport;
-using hostpeer::TransferResult;
+using usbhalhost::SeqPacketTransport;
+using usbhalhost::TransferResult;
 
 namespace {
 

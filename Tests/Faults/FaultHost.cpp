@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 using namespace std::chrono_literals;
 
 namespace {

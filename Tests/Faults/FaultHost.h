@@ -43,8 +43,8 @@ private:
 
     const QList<int> _ports;
     TrafficLedger &_ledger;
-    hostpeer::SeqPacketTransport _transport;
-    hostpeer::HostSession _session;
+    usbhalhost::SeqPacketTransport _transport;
+    usbhalhost::HostSession _session;
     std::atomic<int> _sizes[maxPorts] = {};
     std::atomic<int> _connection{0};
     std::atomic<bool> _plugged{false};

@@ -15,7 +15,7 @@
 #include <string>
 #include <utility>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 
 namespace {
 

@@ -49,8 +49,8 @@ private:
 
     mutable std::mutex _mutex;
     mutable std::condition_variable _changed;
-    hostpeer::SeqPacketTransport _transport;
-    hostpeer::HostSession _session;
+    usbhalhost::SeqPacketTransport _transport;
+    usbhalhost::HostSession _session;
     QHash<int, QByteArray> _received;
     bool _plugged = false;
     bool _pauseRequested = false;

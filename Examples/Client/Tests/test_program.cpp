@@ -7,7 +7,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 
 namespace {
 

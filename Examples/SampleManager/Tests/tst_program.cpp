@@ -10,7 +10,7 @@
 
 #include <csignal>
 
-using namespace hostpeer;
+using namespace usbhalhost;
 
 namespace {
 

@@ -21,7 +21,7 @@ python () {
 inherit cmake_qt5 ptest systemd useradd
 
 # Some of the simulated node's tests are built with AddressSanitizer.
-DEPENDS = "cli11 ${@'gcc-sanitizers' if d.getVar('PTEST_ENABLED') == '1' else ''}"
+DEPENDS = "cli11 libusb1 nlohmann-json ${@'gcc-sanitizers' if d.getVar('PTEST_ENABLED') == '1' else ''}"
 
 EXTRA_OECMAKE = " \
     -DUSBHAL_WARNINGS_AS_ERRORS=OFF \
@@ -38,10 +38,16 @@ do_install_ptest() {
     ${S}/Tests/install-tests ${B} ${D}${PTEST_PATH}
 }
 
-PACKAGES =+ "${PN}-sim ${PN}-manager"
+PACKAGES =+ "${PN}-host ${PN}-tool ${PN}-sim ${PN}-manager"
 
-SUMMARY:${PN}-sim = "Simulated device node and host for programs that use UsbHal"
-FILES:${PN}-sim = "${bindir}/simnode ${bindir}/usbhal-host ${libdir}/simnode"
+SUMMARY:${PN}-host = "Library for programs on the USB host of a device with UsbHal"
+FILES:${PN}-host = "${libdir}/libusbhal-host.so.*"
+
+SUMMARY:${PN}-tool = "Tool for the USB host of a device with UsbHal"
+FILES:${PN}-tool = "${bindir}/usbhal ${datadir}/bash-completion ${datadir}/zsh"
+
+SUMMARY:${PN}-sim = "Simulated device node for programs that use UsbHal"
+FILES:${PN}-sim = "${bindir}/simnode ${libdir}/simnode"
 
 SUMMARY:${PN}-manager = "Sample connection manager with its udev rule and systemd unit"
 FILES:${PN}-manager = " \
