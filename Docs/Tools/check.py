@@ -181,6 +181,10 @@ def check_manuals():
         "usbhal-sample-manager.1.in",
         options_in("Examples/SampleManager/CommandLine.cpp", r'\{"([a-z-]+)",\s*(?:"|portHelp)'),
     )
+    check_manual(
+        "../../Observe/Log/usbhal-log.1.in",
+        options_in("Observe/Log/usbhal_log/cli.py", r'"--([a-z-]+)"'),
+    )
 
 
 def check_made_manuals(folder):
