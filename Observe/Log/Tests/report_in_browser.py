@@ -122,6 +122,9 @@ class Report(unittest.TestCase):
         link = self.browser.find("#findings a")
         target = self.browser.script("return document.getElementById(arguments[0].hash.slice(1)).textContent", link)
         self.assertEqual(target, "The link comes and goes")
+        away = self.browser.script("return [...document.querySelectorAll('a')].map(a => a.getAttribute('href'))"
+                                   ".filter(href => !document.getElementById(href.slice(1)))")
+        self.assertEqual(away, [])
 
     def test_what_a_host_sent_is_only_text(self):
         """Its bytes look like a piece of a page."""

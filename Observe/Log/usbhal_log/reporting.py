@@ -5,6 +5,7 @@ import collections
 import html
 import json
 import pathlib
+import re
 
 from . import findings, reading, summary, texts
 
@@ -96,8 +97,8 @@ def _troubleshooting(markdown):
     text = place.read_text(encoding="utf-8")
     made = markdown.markdown(text, extensions=["tables", "fenced_code", "toc"],
                              extension_configs={"toc": {"slugify": heading_anchor}})
-    return made.replace('href="#', 'data-here href="#').replace('<table>', '<div class="wide"><table>').replace(
-        '</table>', '</table></div>')
+    made = re.sub(r'<a href="[^"#]*\.md[^"]*">(.*?)</a>', r"\1", made)  # pages that are not at hand here
+    return made.replace("<table>", '<div class="wide"><table>').replace("</table>", "</table></div>")
 
 
 def heading_anchor(heading, separator):

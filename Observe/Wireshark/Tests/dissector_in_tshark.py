@@ -60,6 +60,17 @@ class Foreign(TsharkTest):
         rows = self.fields(self.write(capture), "frame.number", "usbhal.kind", options=("-Y", "usbhal"))
         self.assertEqual(rows, [[["3"], ["1"]], [["5"], ["6"]]])
 
+    def test_a_vendor_specific_device_is_shown_from_its_first_transfer(self):
+        """Its class is known from the descriptors, so that a fault is one."""
+        for device_class, expected in ((0xff, [[["3"], ["6"]], [["6"], ["2"]]]), (0x08, [[["6"], ["2"]]])):
+            with self.subTest(device_class=device_class):
+                capture = Capture()
+                capture.described_as(device_class)
+                capture.from_host(b"nonsense")
+                capture.from_device(max_read_size(10000))
+                path = self.write(capture)
+                self.assertEqual(self.fields(path, "frame.number", "usbhal.kind", options=("-Y", "usbhal")), expected)
+
     def test_another_device_is_another_link(self):
         """Its delay is not that of the first one."""
         one, other = Capture(device=5), Capture(device=6)

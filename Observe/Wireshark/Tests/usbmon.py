@@ -6,7 +6,7 @@ import struct
 LINK_TYPE_USBMON = 220
 LINK_TYPE_USER0 = 147
 SUBMIT, COMPLETE = b"S", b"C"
-BULK = 3
+CONTROL, BULK = 2, 3
 _SNAP_LENGTH = 262144
 
 
@@ -32,23 +32,34 @@ class Capture:
         self.pass_time(0.1)
         self._add(COMPLETE, self._out, b"", len(data))
 
-    def from_device(self, data, asked_for=16384):
-        """A transfer to the host: its bytes are in the completion."""
+    def from_device(self, data, asked_for=16384, answered_at=None):
+        """A transfer to the host: its bytes are in the completion, 10 ms later or at a time in microseconds."""
         self._request += 1
         self._add(SUBMIT, self._in, b"", asked_for)
-        self.pass_time(10)
+        self.time = answered_at or self.time + 10_000
         self._add(COMPLETE, self._in, data, len(data))
+
+    def described_as(self, device_class):
+        """The answer to the host's question for the device's interface and endpoints."""
+        interface = struct.pack("<9B", 9, 4, 0, 0, 2, device_class, 0, 0, 0)
+        endpoints = b"".join(struct.pack("<BBBBHB", 7, 5, address, 2, 512, 0) for address in (self._out, self._in))
+        length = 9 + len(interface) + len(endpoints)
+        configuration = struct.pack("<BBHBBBBB", 9, 2, length, 1, 1, 0, 0x80, 50) + interface + endpoints
+        self._request += 1
+        setup = struct.pack("<BBHHH", 0x80, 6, 0x0200, 0, length)
+        self._add(SUBMIT, 0x80, b"", length, CONTROL, setup)
+        self._add(COMPLETE, 0x80, configuration, length, CONTROL)
 
     def packet(self, data):
         """A packet without a USB header, for the other link type."""
         self._records.append((self.time, data))
         self.pass_time(10)
 
-    def _add(self, event, endpoint, data, length):
+    def _add(self, event, endpoint, data, length, kind=BULK, setup=None):
         header = struct.pack(
-            "<QcBBBHbbqiiIIQiiII", self._request, event, BULK, endpoint, self._device, 1, ord("-"),
+            "<QcBBBHbbqiiII8siiII", self._request, event, kind, endpoint, self._device, 1, 0 if setup else ord("-"),
             0 if data else ord("<" if endpoint & 0x80 else ">"), self.time // 1_000_000, self.time % 1_000_000,
-            -115 if event == SUBMIT else 0, length, len(data), 0, 0, 0, 0, 0)
+            -115 if event == SUBMIT else 0, length, len(data), setup or bytes(8), 0, 0, 0, 0)
         self._records.append((self.time, header + data))
 
     def bytes(self):
