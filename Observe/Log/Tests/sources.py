@@ -63,7 +63,7 @@ def _calls(text, constants):
     for found in re.finditer(r"(?<![\w:])(?:logLine|log)(?=\()", text):
         arguments = _arguments(text, found.end())
         function = _literals(re.sub(r"^LogPart\((.*)\)$", r"\1", arguments[0]))
-        if function is None:  # a declaration, or the one call that passes all others on
+        if function is None:  # a declaration, a call that passes others on, or one that says it for others
             continue
         braced = next((argument for argument in arguments[1:] if argument.startswith("{")), None)
         assert braced, f"a text that is no list: {arguments}"
@@ -71,12 +71,31 @@ def _calls(text, constants):
             yield function, row
 
 
+def _functions_that_log_for_others(text):
+    """Those that are given the name of the function and the texts."""
+    for found in re.finditer(r"(?<![\w:])logLine(?=\()", text):
+        if re.fullmatch(r"\w+", _arguments(text, found.end())[0]):
+            yield re.findall(r"\n\w[^\n;{]*?(\w+)\(", text[:found.start()])[-1]
+
+
+def _calls_of(name, text):
+    for found in re.finditer(rf"(?<![\w:]){name}(?=\()", text):
+        arguments = [_literals(argument) for argument in _arguments(text, found.end())]
+        if arguments[0] is not None:
+            yield from ((arguments[0], [said]) for said in arguments[1:] if said is not None)
+
+
 def logged_texts():
     """(function, row of parts) of each text in the sources; a part that is None may be anything."""
     found = []
-    for text in source_files():
+    texts = source_files()
+    for text in texts:
         constants = dict(re.findall(r'(?<!\w)([a-z]\w*) = (?:\w+\()?"([^"]*)"\)?;', text))
         found += _calls(text, constants)
+    for name in {name for text in texts for name in _functions_that_log_for_others(text)}:
+        said = [call for text in texts for call in _calls_of(name, text)]
+        assert said, f"{name} logs for others, but nobody calls it"
+        found += said
     return found
 
 
@@ -94,7 +113,10 @@ def pattern_of(row):
 
 def error_texts():
     """The texts of the errors 1 to 10."""
-    tables = [table for text in source_files()
-              for table in re.findall(rf"(?:{_LITERAL},\s*){{9,}}{_LITERAL}", text) if "wrong ID !" in table]
-    assert len(tables) == 1, tables
-    return [literal[1:-1] for literal in re.findall(_LITERAL, tables[0]) if literal.endswith('!"')]
+    tables = [text[text.index('"Peer received message with wrong size !"'):] for text in source_files()
+              if '"Peer received message with wrong size !"' in text]
+    assert len(tables) == 1, len(tables)
+    table = tables[0][:tables[0].index("};")]
+    texts = [literal[1:-1] for literal in re.findall(_LITERAL, table) if literal.endswith('!"')]
+    assert len(texts) == 10, texts
+    return texts
