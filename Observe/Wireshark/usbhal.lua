@@ -125,6 +125,9 @@ end
 
 -- ---- what one transfer tells of another ----
 
+-- Of the packet that was dissected last, for statistics: a field extractor would have Wireshark make the
+-- tree of every packet.
+local shown = {}
 local asked_for -- whether a filter, a column or a tap wants a field; nil: to be found out
 local slow_answer = 1e6 -- us, as the preference says
 local links = {} -- by device: what the transfers so far have left behind
@@ -257,6 +260,9 @@ local SHORT = {
 local LONGEST_INFO = 20 -- messages that the column names
 
 local function info_of(messages)
+    if #messages == 1 then
+        return SHORT[messages[1].kind](messages[1])
+    end
     local texts = {}
     for at = 1, math.min(#messages, LONGEST_INFO) do
         texts[at] = SHORT[messages[at].kind](messages[at])
@@ -342,9 +348,10 @@ end
 
 local function show(tvb, pinfo, tree, messages, link, from_host)
     local columns, number = pinfo.cols, pinfo.number
+    shown.number, shown.messages, shown.from_host = number, messages, from_host
     columns.protocol = "UsbHal"
     columns.info = info_of(messages)
-    local top = tree:add(usbhal, tvb())
+    local top = tree:add(usbhal, tvb)
     if is_asked_for(top, pinfo.visited) then
         top:set_text(("UsbHal, %s, %d message%s"):format(
             from_host and "from the host" or "from the device", #messages, #messages == 1 and "" or "s"))
@@ -438,9 +445,6 @@ DissectorTable.get("wtap_encap"):add(wtap.USER0, bare)
 
 -- ---- statistics ----
 
-local kind_fields, port_fields, length_fields = Field.new("usbhal.kind"), Field.new("usbhal.port"), Field.new("usbhal.length")
-local side_field = Field.new("usbhal.from_host")
-
 local Statistics = {}
 Statistics.__index = Statistics
 
@@ -462,22 +466,24 @@ function Statistics:add_delay(kind, time)
     end
 end
 
+function Statistics:add_message(message, from_host, time)
+    if message.port then
+        local row = self:row(message.port, from_host)
+        row.messages, row.bytes = row.messages + 1, row.bytes + message.length - 4
+    elseif not from_host and not message.fault then
+        self:add_delay(message.kind, time)
+    end
+end
+
+-- A tap sees a packet right after the dissector.
 function Statistics:add(pinfo)
-    local side = side_field()
-    if not side then
+    if shown.number ~= pinfo.number then
         return
     end
-    local from_host, time = side.value, pinfo.abs_ts
+    local time = pinfo.abs_ts
     self.first, self.last = self.first or time, time
-    for _, kind in ipairs({ kind_fields() }) do
-        if not from_host and kind.value <= KIND.delay then
-            self:add_delay(kind.value, time)
-        end
-    end
-    local lengths = { length_fields() }
-    for at, port in ipairs({ port_fields() }) do
-        local row = self:row(port.value, from_host)
-        row.messages, row.bytes = row.messages + 1, row.bytes + lengths[at].value - 4
+    for _, message in ipairs(shown.messages) do
+        self:add_message(message, shown.from_host, time)
     end
 end
 
