@@ -6,4 +6,5 @@ import sys
 
 LOG = pathlib.Path(__file__).resolve().parents[1]
 PROGRAM = LOG / "usbhal-log"
+VERSION = LOG.parents[1] / "Scripts" / "version"
 sys.path.insert(0, str(LOG))

@@ -25,6 +25,16 @@ class ProgramTest(LogTest):
                               capture_output=True, text=True, check=False, timeout=60)
 
 
+class Version(ProgramTest):
+    """That of the project."""
+
+    def test_the_version_is_no_error(self):
+        """It is told by its name and number."""
+        expected = subprocess.run([place.VERSION], capture_output=True, text=True, check=True).stdout
+        called = self.call("--version")
+        self.assertEqual((called.stdout, called.returncode), (f"usbhal-log {expected}", 0))
+
+
 class Show(ProgramTest):
     """Lines on standard output."""
 

@@ -7,7 +7,7 @@ import os
 import pathlib
 import sys
 
-from . import collecting, findings, following, reading, reporting, showing, summary
+from . import collecting, findings, following, reading, reporting, showing, summary, version
 
 ATTENTION = 1
 WRONG = 2
@@ -31,6 +31,8 @@ def main(arguments=None):
 def _parser():
     parser = argparse.ArgumentParser(
         prog="usbhal-log", description="Shows, sums up, draws and packs the log of the UsbHal library.")
+    parser.add_argument("--version", action="version", version=f"usbhal-log {version.version()}",
+                        help="print the version and exit")
     commands = parser.add_subparsers(required=True, metavar="COMMAND")
     _add_show(_command(commands, "show", _show, "print the log's lines in their order"))
     command = _command(commands, "summary", _summary, "sum up each run; exit status 1 when something needs attention")
