@@ -197,6 +197,8 @@ def check_manuals():
     check_manual("usbhal.1.in", options_in("Host/Tool/CommandLine.cpp", cli11))
     manager = options_in("Examples/SampleManager/CommandLine.cpp", cli11)
     check_manual("usbhal-sample-manager.1.in", manager)
+    log = options_in("Observe/Log/usbhal_log/cli.py", cli11)
+    check_manual("../../Observe/Log/usbhal-log.1.in", log)
 
 
 def check_made_manuals(folder):
