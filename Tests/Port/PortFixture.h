@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: MIT
+#ifndef PORTFIXTURE_H
+#define PORTFIXTURE_H
+
+#include <HostEnd.h>
+#include <SimNodeControl.h>
+#include <UsbHalPort.h>
+
+#include <QTemporaryDir>
+#include <QTest>
+
+/** Calls the function with the name and the arguments of each signal of a port, as a text. */
+template <typename Function>
+void watchSignals(UsbHalPort *port, Function seen)
+{
+    const auto watch = [&](auto signal, const QString &name) {
+        QObject::connect(port, signal, port, [=](auto... values) {
+            QString text = name;
+            ((text += ' ' + QString::number(static_cast<qint64>(values))), ...);
+            seen(text);
+        });
+    };
+    watch(&UsbHalPort::connected, "connected");
+    watch(&UsbHalPort::disconnected, "disconnected");
+    watch(&UsbHalPort::errorOccurred, "error");
+    watch(&UsbHalPort::stateChanged, "state");
+    watch(&UsbHalPort::bytesLost, "lost");
+    watch(&UsbHalPort::bytesWritten, "written");
+    watch(&UsbHalPort::readyRead, "readyRead");
+    watch(&UsbHalPort::readChannelFinished, "finished");
+    watch(&UsbHalPort::aboutToClose, "aboutToClose");
+}
+
+/** Bytes in which no two pieces are alike, so that a gap or a repetition shows. */
+inline QByteArray countedBytes(int size, int first = 0)
+{
+    QByteArray bytes;
+    while (bytes.size() < size)
+        bytes += QByteArray::number(first++) + ' ';
+    return bytes.left(size);
+}
+
+/** The simulated node that serves this process, with a host at the far end. */
+class PortFixture
+{
+public:
+    PortFixture()
+        : node(SimNodeControl::directoryFromEnvironment()),
+          host(SimNodeControl::directoryFromEnvironment())
+    {
+        ParamHal param = UsbHalPort::configuration();
+        param.nbRetry = 1;
+        param.logDir = logFolder.path();
+        configure(param);
+    }
+    ~PortFixture() { UsbHALIntf::getInstance()->stop(); }
+
+    static void configure(const ParamHal &param) { UsbHalPort::setConfiguration(param); }
+
+    bool command(const std::string &text) { return node.command(text) == "ok"; }
+
+    /** Opens a port and waits for the host, which is plugged in. */
+    bool connect(UsbHalPort &port)
+    {
+        host.plugIn();
+        return port.open(QIODevice::ReadWrite) && port.waitForConnected(20000);
+    }
+
+    /** Two failed writes are a lost link; it comes back when the host is there. */
+    bool loseLink() { return command("write fail EIO 2"); }
+
+    /** Loses the link and keeps it down until plugIn(). */
+    bool loseHost()
+    {
+        host.unplug();
+        return loseLink() && command("read fail EIO 2");
+    }
+
+    const QTemporaryDir logFolder;
+    SimNodeControl node;
+    HostEnd host;
+};
+
+#endif
