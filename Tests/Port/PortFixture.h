@@ -72,10 +72,15 @@ public:
     /** Loses the link and keeps it down until plugIn(). */
     bool loseHost()
     {
+        // The device waits for the host now, and is given an answer to come to its writes.
+        const bool lost = host.pause() && loseLink() && command("inject " + noData) &&
+                          UsbHALIntf::getInstance()->waitForDisconnected(20000);
         host.unplug();
-        return loseLink() && command("read fail EIO 2");
+        host.resume();
+        return lost;
     }
 
+    const std::string noData = QByteArray("DEVICE_NODATA").toHex().toStdString();
     const QTemporaryDir logFolder;
     SimNodeControl node;
     HostEnd host;

@@ -82,8 +82,8 @@ void Port::openingIsRefusedWithASentence()
 void Port::bytesPassBothWays()
 {
     PortFixture fixture;
-    UsbHalPort port(1);
     QStringList seen;
+    UsbHalPort port(1);
     watchSignals(&port, [&](const QString &text) { seen += text; });
     fixture.host.plugIn();
     QVERIFY(port.open(QIODevice::ReadWrite));
