@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <functional>
+
 /** Calls the function with the name and the arguments of each signal of a port, as a text. */
 template <typename Function>
 void watchSignals(UsbHalPort *port, Function seen)
@@ -44,18 +46,19 @@ inline QByteArray countedBytes(int size, int first = 0)
 class PortFixture
 {
 public:
-    PortFixture()
+    /** With a configuration of its own, in which the link is lost at the second failure. */
+    explicit PortFixture(const std::function<void(ParamHal &)> &change = {})
         : node(SimNodeControl::directoryFromEnvironment()),
           host(SimNodeControl::directoryFromEnvironment())
     {
         ParamHal param = UsbHalPort::configuration();
         param.nbRetry = 1;
         param.logDir = logFolder.path();
-        configure(param);
+        if (change)
+            change(param);
+        UsbHalPort::setConfiguration(param);
     }
     ~PortFixture() { UsbHALIntf::getInstance()->stop(); }
-
-    static void configure(const ParamHal &param) { UsbHalPort::setConfiguration(param); }
 
     bool command(const std::string &text) { return node.command(text) == "ok"; }
 

@@ -341,4 +341,4 @@ void Port::tenObjectsInTenThreads()
 }
 
 QTEST_GUILESS_MAIN(Port)
-#include "tst_port.moc"
+#include "tst_portlib.moc"

@@ -224,4 +224,4 @@ void PortLoss::aCloseWritesWhatItCanAndTellsTheRest()
 }
 
 QTEST_GUILESS_MAIN(PortLoss)
-#include "tst_port_loss.moc"
+#include "tst_portlib_loss.moc"
