@@ -192,7 +192,7 @@ signals:
     void connected();
     /** The host was lost, or the port closed while it was there. */
     void disconnected();
-    /** Something went wrong; not emitted by a waitFor...() that runs out of time. */
+    /** Something went wrong, see error(). */
     void errorOccurred(UsbHalPort::Error error);
     /** state() changed. */
     void stateChanged(UsbHalPort::State state);

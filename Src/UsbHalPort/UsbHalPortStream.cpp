@@ -126,6 +126,8 @@ void UsbHalPort::Stream::close()
     if (!session.isOver() && wasOpen)
         emit port->stateChanged(state);
     if (!session.isOver() && wasConnected)
+        emit port->readChannelFinished();
+    if (!session.isOver() && wasConnected)
         emit port->disconnected();
 }
 
@@ -180,7 +182,7 @@ void UsbHalPort::Stream::_fail(Error what, const QString &sentence)
 {
     error = what;
     port->setErrorString(what == NoError ? sentence : sentence.arg(portNumber));
-    if (what != NoError && what != TimeoutError)
+    if (what != NoError)
         emit port->errorOccurred(what);
 }
 

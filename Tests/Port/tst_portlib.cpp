@@ -101,7 +101,7 @@ void Port::bytesPassBothWays()
     QCOMPARE(port.droppedBytes(), 0);
     port.close();
     QCOMPARE(seen, QStringList({"state 1", "state 2", "connected", "written 6", "readyRead",
-                                "aboutToClose", "state 0", "disconnected"}));
+                                "aboutToClose", "state 0", "finished", "disconnected"}));
 }
 
 void Port::linesAndTransactionsSpanMessages()

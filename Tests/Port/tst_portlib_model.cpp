@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "PortFixture.h"
 
+#include <Campaign.h>
+
 #include <QElapsedTimer>
 #include <QRandomGenerator>
 
@@ -159,7 +161,7 @@ private:
 void PortModel::aStreamKeepsItsBytes()
 {
     PortFixture fixture;
-    const quint32 seed = QRandomGenerator::global()->generate();
+    const quint32 seed = Campaign::seed();
     const QByteArray name = "seed " + QByteArray::number(seed);
     Stream stream(fixture, seed);
     QVERIFY(fixture.connect(stream.port));
