@@ -4,6 +4,7 @@
 #include <QMutexLocker>
 
 #include <algorithm>
+#include <climits>
 #include <limits>
 #include <utility>
 
@@ -167,7 +168,9 @@ void PortHub::waitForWake(PortRecord &record, int msecs)
     const QMutexLocker locker(&_mutex);
     const QDeadlineTimer deadline = deadlineIn(msecs);
     while (!record._awake && !deadline.hasExpired())
-        _woken.wait(&_mutex, deadline);
+        _woken.wait(&_mutex, deadline.isForever()
+                                 ? ULONG_MAX
+                                 : static_cast<unsigned long>(deadline.remainingTime()));
 }
 
 bool PortHub::take(PortRecord &record, quint32 losses, qint64 maxSize, ByteChunks &to)
