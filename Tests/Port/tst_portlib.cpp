@@ -17,6 +17,7 @@ class Port : public QObject
 private slots:
     void openingIsRefusedWithASentence();
     void bytesPassBothWays();
+    void aMessageWithoutBytesHidesNothing();
     void linesAndTransactionsSpanMessages();
     void aFullQueueDropsNothing();
     void theReadBufferIsBounded();
@@ -102,6 +103,18 @@ void Port::bytesPassBothWays()
     port.close();
     QCOMPARE(seen, QStringList({"state 1", "state 2", "connected", "written 6", "readyRead",
                                 "aboutToClose", "state 0", "finished", "disconnected"}));
+}
+
+void Port::aMessageWithoutBytesHidesNothing()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    QVERIFY(fixture.host.pause());
+    const QByteArray messages("FADA000040001FADA000040001FADA000070001abc");
+    QVERIFY(fixture.command("inject " + messages.toHex().toStdString()));
+    QVERIFY(port.waitForReadyRead(20000));
+    QCOMPARE(port.readAll(), QByteArray("abc"));
 }
 
 void Port::linesAndTransactionsSpanMessages()
