@@ -21,8 +21,8 @@ constexpr int queuedLimit = 16;
 // writes travel together, and the next message is there when one has been taken.
 constexpr int partialLimit = 2;
 
-// While unread messages pile up, the write queue is let run dry, so that the request to wait
-// reaches the host, which goes out only when there is nothing to be written.
+// While unread messages pile up, the write queue is let run dry now and then: only when there is
+// nothing to be written does the request to wait go out, and later the word that it may send again.
 constexpr qint64 gapInterval = 400; // ms
 constexpr qint64 gapTime = 60;      // ms
 
@@ -325,7 +325,7 @@ void PortHub::_loseQueued(PortRecord &record)
 // Whether nothing may be handed on now, so that the queue runs dry for a moment.
 bool PortHub::_leavesGap(int messages)
 {
-    if (_backlogs == 0 || !_busy.isValid()) {
+    if (!_delayLikely) {
         _busy.start();
         _empty.invalidate();
         return false;
@@ -340,13 +340,22 @@ bool PortHub::_leavesGap(int messages)
         return true;
     _busy.start();
     _empty.invalidate();
+    // The host has heard now that it may send again, if there was nothing left to be read.
+    _delayLikely = _backlogs > 0 || _hasUnread();
     return false;
+}
+
+bool PortHub::_hasUnread() const
+{
+    return std::any_of(
+        _records.constBegin(), _records.constEnd(),
+        [this](const PortRecord *record) { return _hal->nbBytesReceived(record->_port) > 0; });
 }
 
 bool PortHub::_mayHand(const PortRecord &record, int size, bool urgent)
 {
     const bool isWhole = size >= _payloadLimit;
-    const bool few = _backlogs > 0 || (!isWhole && !urgent);
+    const bool few = _delayLikely || (!isWhole && !urgent);
     return _payloadLimit > 0 && record._queuedMessages < (few ? partialLimit : queuedLimit);
 }
 
@@ -356,6 +365,7 @@ void PortHub::_setBacklogged(PortRecord &record, bool backlogged)
         return;
     record._backlogged = backlogged;
     _backlogs += backlogged ? 1 : -1;
+    _delayLikely = _delayLikely || backlogged;
 }
 
 qint64 PortHub::_discardUnread(PortRecord &record)

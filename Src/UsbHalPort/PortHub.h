@@ -124,6 +124,7 @@ private:
     void _followQueue(int messages);
     void _loseQueued(PortRecord &record);
     bool _leavesGap(int messages);
+    bool _hasUnread() const;
     bool _mayHand(const PortRecord &record, int size, bool urgent);
     void _setBacklogged(PortRecord &record, bool backlogged);
     qint64 _discardUnread(PortRecord &record);
@@ -148,8 +149,9 @@ private:
     bool _announced = false; // the link's being up, by a signal
     int _payloadLimit = 0;
     int _backlogs = 0;
-    QElapsedTimer _busy;  // since the last gap for the delay request
-    QElapsedTimer _empty; // since the queue was seen empty in a gap
+    bool _delayLikely = false; // the host was asked to wait, or may be
+    QElapsedTimer _busy;       // since the last gap for the delay request
+    QElapsedTimer _empty;      // since the queue was seen empty in a gap
 };
 
 #endif

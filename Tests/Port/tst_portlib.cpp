@@ -206,16 +206,20 @@ void Port::theReadBufferIsBounded()
     // More than the library takes before it asks the host to wait.
     const QByteArray bytes = countedBytes(600000);
     fixture.host.send(1, bytes);
-    // A port that writes on and on lets the request pass all the same.
-    const QByteArray filling(20000, 'f');
-    connect(&port, &UsbHalPort::bytesWritten, &port, [&] {
-        if (port.bytesToWrite() < filling.size())
-            port.write(filling);
-    });
-    port.write(filling + filling);
+    // Ports that write on and on let the request pass all the same.
+    const QByteArray filling(60000, 'f');
+    UsbHalPort second(2);
+    UsbHalPort third(3);
+    for (UsbHalPort *const other : {&second, &third}) {
+        QVERIFY(fixture.connect(*other));
+        connect(other, &UsbHalPort::bytesWritten, other, [&filling, other] {
+            if (other->bytesToWrite() < filling.size())
+                other->write(filling);
+        });
+        other->write(filling + filling);
+    }
     QTRY_VERIFY_WITH_TIMEOUT(fixture.host.isDelayed(), 20000);
     QVERIFY(port.bytesAvailable() <= 1000);
-    port.disconnect(SIGNAL(bytesWritten(qint64)));
     QVERIFY(!port.waitForReadyRead(20000)); // no room
     QByteArray got;
     connect(&port, &UsbHalPort::readyRead, &port, [&] {
