@@ -203,7 +203,8 @@ int PortHub::hand(PortRecord &record, quint32 losses, const QByteArray &bytes, b
     const QMutexLocker locker(&_mutex);
     const int messages = _hal->bytesToWrite();
     _followQueue(messages);
-    if (record._losses != losses || _leavesGap(messages) || !_mayHand(record, bytes.size(), urgent))
+    if (record._losses != losses || (!urgent && _leavesGap(messages)) ||
+        !_mayHand(record, bytes.size(), urgent))
         return 0;
     const int size = _hal->write(record._port, bytes);
     if (size <= 0)
@@ -355,7 +356,7 @@ bool PortHub::_hasUnread() const
 bool PortHub::_mayHand(const PortRecord &record, int size, bool urgent)
 {
     const bool isWhole = size >= _payloadLimit;
-    const bool few = _delayLikely || (!isWhole && !urgent);
+    const bool few = !urgent && (_delayLikely || !isWhole);
     return _payloadLimit > 0 && record._queuedMessages < (few ? partialLimit : queuedLimit);
 }
 
