@@ -85,23 +85,23 @@ class SpdlogWriter : public Writer
 public:
     void begin() override
     {
-        path = folder.filePath("peer.log");
-        logger = std::make_shared<spdlog::logger>(
-            "peer", std::make_shared<spdlog::sinks::basic_file_sink_mt>(path.toStdString(), true));
-        logger->set_pattern("%d-%m-%Y %H:%M:%S:%e [THREAD %t] [%!:%#] %v");
-        logger->set_level(spdlog::level::trace);
-        logger->flush_on(spdlog::level::trace);
+        _path = folder.filePath("peer.log");
+        _logger = std::make_shared<spdlog::logger>(
+            "peer", std::make_shared<spdlog::sinks::basic_file_sink_mt>(_path.toStdString(), true));
+        _logger->set_pattern("%d-%m-%Y %H:%M:%S:%e [THREAD %t] [%!:%#] %v");
+        _logger->set_level(spdlog::level::trace);
+        _logger->flush_on(spdlog::level::trace);
     }
     void write(int number) override
     {
-        logger->log(spdlog::source_loc{__FILE__, __LINE__, "write"}, spdlog::level::info,
-                    "Add to write queue message of size: {}", number);
+        _logger->log(spdlog::source_loc{__FILE__, __LINE__, "write"}, spdlog::level::info,
+                     "Add to write queue message of size: {}", number);
     }
-    qint64 linesInFile() override { return countLines({path}); }
+    qint64 linesInFile() override { return countLines({_path}); }
 
 private:
-    QString path;
-    std::shared_ptr<spdlog::logger> logger;
+    QString _path;
+    std::shared_ptr<spdlog::logger> _logger;
 };
 
 QByteArray lineOfLibrary()
@@ -115,25 +115,25 @@ QByteArray lineOfLibrary()
 class BareWriter : public Writer
 {
 public:
-    ~BareWriter() override { ::close(file); }
+    ~BareWriter() override { ::close(_file); }
 
     void begin() override
     {
-        path = folder.filePath("bare.log");
-        file = ::open(path.toUtf8().constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        line = lineOfLibrary();
+        _path = folder.filePath("bare.log");
+        _file = ::open(_path.toUtf8().constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        _line = lineOfLibrary();
     }
     void write(int /*number*/) override
     {
-        const ssize_t size = ::write(file, line.constData(), static_cast<size_t>(line.size()));
+        const ssize_t size = ::write(_file, _line.constData(), static_cast<size_t>(_line.size()));
         benchmark::DoNotOptimize(size);
     }
-    qint64 linesInFile() override { return countLines({path}); }
+    qint64 linesInFile() override { return countLines({_path}); }
 
 private:
-    QString path;
-    QByteArray line;
-    int file = -1;
+    QString _path;
+    QByteArray _line;
+    int _file = -1;
 };
 
 template <typename SomeWriter>

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Turns the figures of the benchmarks into one table: table.py [options] FILE."""
+"""Turns the figures of the benchmarks into one table: table.py [options] FILE..."""
 
 import argparse
 import collections
 import dataclasses
 import datetime
+import json
 import pathlib
 import platform
 import re
@@ -17,12 +18,37 @@ HERE = pathlib.Path(__file__).resolve().parent
 
 
 class Figures:
-    """The medians of the figures that the programs have printed."""
+    """The medians of the figures that the programs have left behind."""
 
-    def __init__(self, text):
+    def __init__(self, files):
         self._values = collections.defaultdict(list)
+        for file in files:
+            if file.suffix == ".json":
+                self._take_timed(json.loads(file.read_text()))
+            else:
+                self._take_printed(file.read_text())
+
+    def _take_timed(self, report):
+        """What Google Benchmark measured: ns for one operation, of which a run may do several."""
+        for run in report["benchmarks"]:
+            if run.get("error_occurred"):
+                sys.exit(f"table.py: {run['name']} failed: {run['error_message']}")
+            if run["run_type"] == "iteration":
+                assert run["time_unit"] == "ns", run
+                name = run["run_name"].partition("/")[0]
+                self._values[name].append(run["real_time"] / run.get("operations", 1))
+
+    def _take_printed(self, text):
         for name, value in re.findall(r"^FIGURE (\S+): (\S+)$", text, re.MULTILINE):
             self._values[name].append(float(value))
+        # What comes before the operations falls out of the difference of two runs.
+        counted = collections.defaultdict(dict)
+        for name, operations, instructions in re.findall(
+                r"^CALLGRIND (\w+) (\d+)$.*?Collected : (\d+)$", text, re.MULTILINE | re.DOTALL):
+            counted[name][int(operations)] = int(instructions)
+        for name, runs in counted.items():
+            less, more = sorted(runs)
+            self._values[f"instructions.{name}"].append((runs[more] - runs[less]) // (more - less))
 
     def median(self, figure):
         """The median of a figure given by its name, or what a function makes of the medians."""
@@ -267,9 +293,9 @@ def main():
     parser.add_argument("--repetitions", type=int, default=1,
                         help="how often each figure must have been measured at least; "
                              "after one time no goal is judged")
-    parser.add_argument("file", type=pathlib.Path, metavar="FILE")
+    parser.add_argument("files", type=pathlib.Path, metavar="FILE", nargs="+")
     options = parser.parse_args()
-    figures = Figures(options.file.read_text())
+    figures = Figures(options.files)
     too_few = figures.too_few(options.repetitions)
     if too_few:
         sys.exit(f"table.py: measured less than {options.repetitions} times: {', '.join(too_few)}")

@@ -3,12 +3,12 @@
 
 #include "Protocol.h"
 
-#include <QCommandLineParser>
+#include <ProgramOptions.h>
+
 #include <QFileInfo>
 
 namespace {
 
-constexpr int wrongCommandLine = 2;
 constexpr int smallestWrite = static_cast<int>(hostpeer::headerSize) + 1;
 constexpr int largestWrite = 65536;
 
@@ -17,115 +17,105 @@ const char description[] =
     "each named port, pulls the cable, puts it back, and exchanges the files once more. Exit "
     "status 0 when every file arrived unchanged.";
 
-CommandLine wrong(const QString &program, const QString &error)
+void refusePort(const std::string &text)
 {
-    CommandLine result;
-    result.text = QString("%1: %2\nTry \"%1 --help\".\n").arg(program, error);
-    result.exitStatus = wrongCommandLine;
-    return result;
+    programoptions::refuse(
+        "--port",
+        "N=TO_DEVICE:TO_HOST:STORED with N from 0 to " + std::to_string(hostpeer::maxPort), text);
 }
 
-void declareOptions(QCommandLineParser &parser)
+void addPort(const PortFiles &files, QVector<PortFiles> &ports)
 {
-    parser.setApplicationDescription(description);
-    parser.addHelpOption();
-    parser.addOption({"node", "Folder of the simulated node.", "DIR"});
-    parser.addOption({"port",
-                      "Files of one port: TO_DEVICE is sent, TO_HOST is the file that the service "
-                      "sends, STORED is where it stores what it receives. Once for each port.",
-                      "N=TO_DEVICE:TO_HOST:STORED"});
-    parser.addOption({"manager-output",
-                      "File with the output of the connection manager, shown as it grows and "
-                      "waited upon.",
-                      "FILE"});
-    parser.addOption(
-        {"device-max-write", "Largest transfer of the device in bytes, default 10000.", "BYTES"});
-}
-
-// Each reader returns what is wrong, and an empty text when nothing is.
-QString readPort(const QString &text, QVector<PortFiles> &ports)
-{
-    QString expected =
-        QString("--port needs N=TO_DEVICE:TO_HOST:STORED with N from 0 to %1, not \"%2\"")
-            .arg(hostpeer::maxPort)
-            .arg(text);
-    const int equals = text.indexOf('=');
-    bool ok = false;
-    const int port = text.left(equals).toInt(&ok);
-    const QStringList files = text.mid(equals + 1).split(':');
-    if (equals < 1 || !ok || port < 0 || port > hostpeer::maxPort || files.size() != 3)
-        return expected;
-    if (files[2].isEmpty())
-        return expected;
-    for (const QString &file : {files[0], files[1]}) {
+    for (const QString &file : {files.toDevice, files.toHost}) {
         if (!QFileInfo(file).isFile())
-            return QString("--port %1: there is no file \"%2\"").arg(port).arg(file);
+            programoptions::refuse("--port", "files that are there", file.toStdString());
     }
     for (const PortFiles &other : qAsConst(ports)) {
-        if (other.port == port)
-            return QString("--port is given twice for port %1").arg(port);
+        if (other.port == files.port)
+            throw CLI::ValidationError("--port",
+                                       "is given twice for port " + std::to_string(files.port));
     }
-    ports.append({port, files[0], files[1], files[2]});
-    return QString();
+    ports.append(files);
 }
 
-QString readDeviceMaxWrite(const QCommandLineParser &parser, int &value)
+void readPort(const std::string &text, QVector<PortFiles> &ports)
 {
-    if (!parser.isSet("device-max-write"))
-        return QString();
-    const QString text = parser.value("device-max-write");
+    const QString whole = QString::fromStdString(text);
+    const int equals = whole.indexOf('=');
     bool ok = false;
-    const int number = text.toInt(&ok);
-    if (!ok || number < smallestWrite || number > largestWrite)
-        return QString("--device-max-write needs a whole number from %1 to %2, not \"%3\"")
-            .arg(smallestWrite)
-            .arg(largestWrite)
-            .arg(text);
-    value = number;
-    return QString();
+    const int port = whole.left(equals).toInt(&ok);
+    const QStringList files = whole.mid(equals + 1).split(':');
+    if (equals < 1 || !ok || port < 0 || port > hostpeer::maxPort || files.size() != 3 ||
+        files[2].isEmpty())
+        refusePort(text);
+    addPort({port, files[0], files[1], files[2]}, ports);
 }
 
-QString readOptions(const QCommandLineParser &parser, Options &options)
+void readManagerOutput(const std::string &text, Options &options)
 {
-    if (!parser.positionalArguments().isEmpty())
-        return "unexpected argument \"" + parser.positionalArguments().first() +
-               "\"; everything is given by options";
-    if (parser.value("node").isEmpty())
-        return "--node DIR is missing";
-    options.socketPath = parser.value("node") + "/host";
-    options.managerOutput = parser.value("manager-output");
-    const QFileInfo managerOutput(options.managerOutput);
-    if (!managerOutput.isFile() || !managerOutput.isReadable())
-        return "--manager-output needs a file that can be read, not \"" + options.managerOutput +
-               '"';
-    const QStringList ports = parser.values("port");
-    if (ports.isEmpty())
-        return "at least one --port N=TO_DEVICE:TO_HOST:STORED is needed";
-    for (const QString &port : ports) {
-        QString error = readPort(port, options.ports);
-        if (!error.isEmpty())
-            return error;
-    }
-    return readDeviceMaxWrite(parser, options.deviceMaxWrite);
+    options.managerOutput = QString::fromStdString(text);
+    const QFileInfo file(options.managerOutput);
+    if (!file.isFile() || !file.isReadable())
+        programoptions::refuse("--manager-output", "a file that can be read", text);
+}
+
+void declareFiles(CLI::App &application, Options &options)
+{
+    application
+        .add_option_function<std::string>(
+            "--node",
+            [&options](const std::string &text) {
+                options.socketPath = QString::fromStdString(text) + "/host";
+            },
+            "Folder of the simulated node")
+        ->type_name("DIR")
+        ->required();
+    application
+        .add_option_function<std::string>(
+            "--manager-output",
+            [&options](const std::string &text) { readManagerOutput(text, options); },
+            "File with the output of the connection manager, shown as it grows and waited upon")
+        ->type_name("FILE")
+        ->required();
+}
+
+void declarePorts(CLI::App &application, Options &options)
+{
+    application
+        .add_option_function<std::vector<std::string>>(
+            "--port",
+            [&options](const auto &texts) {
+                for (const std::string &text : texts)
+                    readPort(text, options.ports);
+            },
+            "Files of one port: TO_DEVICE is sent, TO_HOST is the file that the service sends, "
+            "STORED is where it stores what it receives; once for each port")
+        ->type_name("N=TO_DEVICE:TO_HOST:STORED")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->required();
+    programoptions::addNumber(application, "--device-max-write", options.deviceMaxWrite,
+                              smallestWrite, largestWrite,
+                              "Largest transfer of the device, in bytes");
 }
 
 } // namespace
 
 CommandLine parseCommandLine(const QStringList &arguments)
 {
-    const QString program = arguments.value(0).section('/', -1);
-    QCommandLineParser parser;
-    declareOptions(parser);
-    if (!parser.parse(arguments))
-        return wrong(program, parser.errorText());
+    std::vector<std::string> words;
+    for (const QString &argument : arguments)
+        words.push_back(argument.toStdString());
     CommandLine result;
-    if (parser.isSet("help")) {
-        result.text = parser.helpText();
+    CLI::App application(description, arguments.value(0).section('/', -1).toStdString());
+    programoptions::prepare(application);
+    declareFiles(application, result.options);
+    declarePorts(application, result.options);
+    if (const auto ending = programoptions::parse(application, words)) {
+        result.text = QString::fromStdString(ending->text);
+        result.exitStatus = ending->status;
         return result;
     }
-    const QString error = readOptions(parser, result.options);
-    if (!error.isEmpty())
-        return wrong(program, error);
     result.run = true;
     return result;
 }

@@ -204,8 +204,9 @@ void Demo::_showManagerLines()
     const QStringList lines = _managerOutput.newLines();
     for (const QString &line : lines) {
         _console.line("  manager: " + line);
-        if (line.startsWith(linkLine))
-            _managerLink = line.mid(linkLine.size());
+        const QString event = line.section(' ', 2); // behind date and time
+        if (event.startsWith(linkLine))
+            _managerLink = event.mid(linkLine.size());
     }
 }
 

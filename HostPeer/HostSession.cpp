@@ -235,6 +235,14 @@ void HostSession::_handle(const MaxReadSize &message)
     _setDelayed(false);
 }
 
+void HostSession::_handle(const UnusableReadSize &message)
+{
+    if (_handlers.faultSeen)
+        _handlers.faultSeen("the announced maximum read size " + std::string(message.digits) +
+                            " is not used");
+    _setDelayed(false);
+}
+
 void HostSession::_handle(const DelayRequest &)
 {
     _setDelayed(true);

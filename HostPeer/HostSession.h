@@ -149,6 +149,7 @@ private:
     void _handle(const DataMessage &message);
     void _handle(const NoData &message);
     void _handle(const MaxReadSize &message);
+    void _handle(const UnusableReadSize &message);
     void _handle(const DelayRequest &message);
     void _setDelayed(bool delayed);
 

@@ -49,20 +49,20 @@ std::string padded(std::size_t value, std::size_t width)
     return std::string(width - std::min(width, digits.size()), '0') + digits;
 }
 
+// The device does not cut a size that needs more digits than the field has.
 Outcome parseNoData(std::string_view rest)
 {
     const std::string_view behind = rest.substr(noDataTag.size());
     const auto end = std::find_if_not(behind.begin(), behind.end(), isDigit);
-    const auto digits = static_cast<std::size_t>(end - behind.begin());
-    if (digits == 0)
-        return Parsed{NoData{}, noDataTag.size()};
-    if (digits != readSizeWidth)
-        return "the announced maximum read size has " + std::to_string(digits) +
-               " digits instead of " + std::to_string(readSizeWidth);
-    const std::size_t bytes = parseDecimal(behind.substr(0, readSizeWidth)).value_or(0);
-    if (bytes == 0)
-        return std::string("the announced maximum read size is 0");
-    return Parsed{MaxReadSize{bytes}, noDataTag.size() + readSizeWidth};
+    const std::string_view digits =
+        behind.substr(0, static_cast<std::size_t>(end - behind.begin()));
+    const std::size_t consumed = noDataTag.size() + digits.size();
+    if (digits.empty())
+        return Parsed{NoData{}, consumed};
+    const std::size_t bytes = parseDecimal(digits).value_or(0);
+    if (digits.size() < readSizeWidth || bytes == 0)
+        return Parsed{UnusableReadSize{digits}, consumed};
+    return Parsed{MaxReadSize{bytes}, consumed};
 }
 
 Outcome parseDelayRequest(std::string_view rest)

@@ -53,12 +53,18 @@ struct MaxReadSize
     std::size_t bytes;
 };
 
+/** The device has nothing to send; the number that it announces is no size of a transfer. */
+struct UnusableReadSize
+{
+    std::string_view digits;
+};
+
 /** The device asks for no more data until it says that it has none itself. */
 struct DelayRequest
 {
 };
 
-using Message = std::variant<DataMessage, NoData, MaxReadSize, DelayRequest>;
+using Message = std::variant<DataMessage, NoData, MaxReadSize, UnusableReadSize, DelayRequest>;
 
 /** Where a transfer stops being well-formed (an offset in bytes), and why. */
 struct ParseFault

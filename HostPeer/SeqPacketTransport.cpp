@@ -20,6 +20,9 @@ using Status = TransferResult::Status;
 
 constexpr std::size_t largestTransfer = 65536;
 
+// What a simulated node answers a host for which it has no cable; no device sends it.
+constexpr std::string_view refusal = "another host is connected";
+
 std::string errorText(int error)
 {
     return std::strerror(error);
@@ -103,7 +106,10 @@ TransferResult SeqPacketTransport::receive(std::string &transfer, std::chrono::m
         if (size == 0)
             return _closed("the other end closed the connection");
         if (size > 0) {
-            transfer.assign(_buffer, 0, static_cast<std::size_t>(size));
+            const auto length = static_cast<std::size_t>(size);
+            if (std::string_view(_buffer).substr(0, length) == refusal)
+                return _closed(std::string(refusal));
+            transfer.assign(_buffer, 0, length);
             return {};
         }
         if (!meansTryAgain(errno))

@@ -17,6 +17,10 @@ target_compile_options(UsbHalCompilerSettings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     $<$<BOOL:${USBHAL_WARNINGS_AS_ERRORS}>:-Werror>)
 
+# A precompiled header is told from another by what it holds, so that a cache of compilations may bring it.
+target_compile_options(UsbHalCompilerSettings INTERFACE
+    "$<$<CXX_COMPILER_ID:Clang>:SHELL:-Xclang -fno-pch-timestamp>")
+
 # Data touched without its mutex is a warning, for what annotates its locks. The tests are left out:
 # they look at the core's members in lambdas, each of which would have to say so.
 add_library(UsbHalLockChecks INTERFACE)

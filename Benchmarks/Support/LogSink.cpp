@@ -6,9 +6,9 @@
 // The linker is told to send the library's calls of logLine() here (--wrap); __real_ is the
 // library's own.
 extern "C" {
-void __real__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __real__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int line);
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int line);
 }
 
@@ -29,7 +29,7 @@ quint64 LogSink::swallowedLines()
     return swallowed;
 }
 
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int line)
 {
     if (active)

@@ -49,17 +49,33 @@ def check_links():
 
 
 class Html(HTMLParser):
+    # Where marks are no marks.
+    LITERAL = {"code", "pre", "script", "style", "title", "tt"}
+
     def __init__(self):
         super().__init__()
         self.targets = []
         self.anchors = set()
+        self.raw_marks = []
+        self._literal = []
 
     def handle_starttag(self, tag, attrs):
+        if tag in self.LITERAL or (tag == "div" and (self._literal or ("class", "fragment") in attrs)):
+            self._literal.append(tag)
         for name, value in attrs:
             if name in ("href", "src") and value:
                 self.targets.append(value)
             elif name in ("id", "name") and value:
                 self.anchors.add(value)
+
+
+    def handle_endtag(self, tag):
+        if self._literal and self._literal[-1] == tag:
+            self._literal.pop()
+
+    def handle_data(self, data):
+        if not self._literal:
+            self.raw_marks += re.findall(r"[^\n]{0,20}(?:\*\*|`|\]\()[^\n]{0,20}", data)
 
 
 def check_html(folder):
@@ -71,6 +87,8 @@ def check_html(folder):
         if str(pages.ROOT) in text:
             fault(file, "names the folder of the sources")
     for name, html in parsed.items():
+        for text in html.raw_marks:
+            fault(folder / name, f"shows the mark of Markdown in '{text}'")
         for target in html.targets:
             if re.match(r"[a-z]+:", target):
                 continue
@@ -170,17 +188,15 @@ def check_manual(page, options):
 def options_in(source, pattern):
     found = re.findall(pattern, (pages.ROOT / source).read_text(encoding="utf-8"))
     assert found, source
-    return set(found) | {"help"}
+    return set(found) | {"help", "version"}
 
 
 def check_manuals():
     cli11 = r'"--([a-z-]+)"'
     check_manual("simnode.1.in", options_in("SimNode/Daemon/main.cpp", cli11))
     check_manual("usbhal-host.1.in", options_in("HostPeer/Program/main.cpp", cli11))
-    check_manual(
-        "usbhal-sample-manager.1.in",
-        options_in("Examples/SampleManager/CommandLine.cpp", r'\{"([a-z-]+)",\s*(?:"|portHelp)'),
-    )
+    manager = options_in("Examples/SampleManager/CommandLine.cpp", cli11)
+    check_manual("usbhal-sample-manager.1.in", manager)
 
 
 def check_made_manuals(folder):

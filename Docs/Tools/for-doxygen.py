@@ -45,13 +45,15 @@ def link(page, label, target):
     return f"[{label}](@ref {'index' if name == 'mainpage' else name})"
 
 
-def with_bars(text):
-    """A table's row in which Doxygen sees the bars that are escaped within code spans."""
+def with_code_tags(text):
+    """Code spans that Doxygen would not end where they end: an apostrophe ends them before, and within
+    a table's row a bar, though it is escaped."""
 
     def code(match):
-        return f"<code>{html.escape(match[1], quote=False)}</code>"
+        hard = "'" in match[1] or (text.startswith("|") and r"\|" in match[1])
+        return f"<code>{html.escape(match[1], quote=False)}</code>" if hard else match[0]
 
-    return re.sub(r"`([^`]*\\\|[^`]*)`", code, text) if text.startswith("|") else text
+    return re.sub(r"`([^`]*)`", code, text)
 
 
 def convert(page):
@@ -66,7 +68,9 @@ def convert(page):
         elif line.kind == "fence":
             yield re.sub(r"```(text|ini)$", "```{.unparsed}", line.text)
         else:
-            yield with_bars(pages.replace_links(line, lambda *found: link(page, *found)))
+            text = pages.replace_links(line, lambda *found: link(page, *found))
+            # Doxygen takes asterisks before code for asterisks.
+            yield with_code_tags(pages.with_bold_tags(text) if line.kind == "text" else text)
 
 
 if __name__ == "__main__":

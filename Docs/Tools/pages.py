@@ -100,6 +100,19 @@ def replace_links(line, replace):
     return _LINK.sub(handle, line.text)
 
 
+def with_bold_tags(text):
+    """The text with <b> in place of the asterisks, code spans being left alone."""
+    spans = _code_spans(text)
+    marks = [
+        match.start()
+        for match in re.finditer(r"\*\*", text)
+        if not any(start < match.start() < end for start, end in spans)
+    ]
+    for begin, end in reversed(list(zip(marks[::2], marks[1::2]))):
+        text = f"{text[:begin]}<b>{text[begin + 2:end]}</b>{text[end + 2:]}"
+    return text
+
+
 def links_of(text):
     """(line number, label, target) of each link."""
     result = []

@@ -1,159 +1,144 @@
 // SPDX-License-Identifier: MIT
 #include "CommandLine.h"
 
-#include "Service.h"
-
-#include <QCommandLineParser>
+#include <ProgramOptions.h>
 
 namespace {
 
-constexpr int wrongCommandLine = 2;
+using programoptions::addNumber;
+
 constexpr quint32 largestMilliseconds = 3600 * 1000;
+constexpr qint64 largestFileSize = qint64(1) << 40;
 
 struct NumberOption
 {
     const char *name;
-    const char *description;
+    const char *help;
     quint32 ParamHal::*field;
+    quint32 value; // by default
     quint32 minimum;
     quint32 maximum;
 };
 
+// The library's own defaults, but for the stop's: a silent read lasts up to 3 s, time-out and
+// pause, and a shorter wait would kill the thread.
 const NumberOption numberOptions[] = {
-    {"max-read-size", "Largest transfer from the host, in bytes.", &ParamHal::maxReadSize, 14,
-     65536},
-    {"max-write-size", "Largest transfer to the host, in bytes.", &ParamHal::maxWriteSize, 14,
-     65536},
-    {"read-timeout", "Read time-out of the device node, in ms; 2000 at its first open.",
-     &ParamHal::rdTimeout, 1, largestMilliseconds},
-    {"write-timeout", "Write time-out of the device node, in ms; 2000 at its first open.",
-     &ParamHal::wrTimeout, 1, largestMilliseconds},
-    {"retries", "Failed reads or writes in a row that the link survives.", &ParamHal::nbRetry, 0,
-     1000},
-    {"main-loop-period", "Period of the watchdog, in ms.", &ParamHal::mainLoopPeriod, 1,
+    {"--max-read-size", "Largest transfer from the host, in bytes", &ParamHal::maxReadSize, 10000,
+     14, 65536},
+    {"--max-write-size", "Largest transfer to the host, in bytes", &ParamHal::maxWriteSize, 10000,
+     14, 65536},
+    {"--read-timeout", "Read time-out of the device node, in ms; at its first open 2000",
+     &ParamHal::rdTimeout, 2000, 1, largestMilliseconds},
+    {"--write-timeout", "Write time-out of the device node, in ms; at its first open 2000",
+     &ParamHal::wrTimeout, 2000, 1, largestMilliseconds},
+    {"--retries", "Failed reads or writes in a row that the link survives", &ParamHal::nbRetry, 4,
+     0, 1000},
+    {"--main-loop-period", "Period of the watchdog, in ms", &ParamHal::mainLoopPeriod, 100, 1,
      largestMilliseconds},
-    {"watchdog-errors", "Periods without progress before the library restarts its thread.",
-     &ParamHal::maxWatchdogErrors, 1, 1000000},
-    {"stop-timeout", "Longest wait for the library's thread to end, in ms.",
-     &ParamHal::threadStopTimeout, 1, largestMilliseconds},
+    {"--watchdog-errors", "Periods without progress before the library restarts its thread",
+     &ParamHal::maxWatchdogErrors, 40, 1, 1000000},
+    {"--stop-timeout", "Longest wait for the library's thread to end, in ms",
+     &ParamHal::threadStopTimeout, 4000, 1, largestMilliseconds},
 };
 
 const char portHelp[] =
-    "Service of one port, 1 to 5: N=echo, N=sink, N=source or N=file:SEND_PATH:RECEIVE_PATH. "
-    "May be given for several ports.";
+    "Service of one port, 1 to 5, which is N=echo, N=sink, N=source or "
+    "N=file:SEND_PATH:RECEIVE_PATH; may be given for several ports; by default 1=echo 2=sink "
+    "3=source 4=file:/etc/os-release:received.bin 5=echo";
 
 const char description[] =
-    "Sample connection manager: opens ports 1 to 5 of /dev/brn7200 and serves each until SIGINT or "
-    "SIGTERM.\n\n"
+    "Sample connection manager: waits for the device node /dev/brn7200, opens ports 1 to 5 and "
+    "serves "
+    "each until SIGINT or SIGTERM.\n\n"
     "Services:\n"
     "  echo    sends back what it receives\n"
     "  sink    discards what it receives\n"
     "  source  on \"GIVE <count>\\n\" sends count bytes of the sequence 0, 1, ... 255, 0, ...\n"
     "  file    on \"SEND\\n\" sends \"FILE <n>\\n\" and the n bytes of SEND_PATH;\n"
     "          on \"FILE <n>\\n\" stores the n bytes that follow in RECEIVE_PATH and answers\n"
-    "          \"STORED <n>\\n\"; \"ERROR <text>\\n\" when it cannot go on\n"
-    "Defaults: 1=echo 2=sink 3=source 4=file:/etc/os-release:received.bin 5=echo";
+    "          \"STORED <n>\\n\"; what cannot be done is answered by \"ERROR <text>\\n\"";
 
-// The first error found; empty while there is none.
-class OptionReader
+bool readService(const QStringList &parts, ServiceOptions &service)
 {
-public:
-    explicit OptionReader(const QCommandLineParser &parser) : _parser(parser) {}
-
-    QString error() const { return _error; }
-
-    void readSetting(const NumberOption &option, QVector<Setting> &settings)
-    {
-        if (!_parser.isSet(option.name))
-            return;
-        Setting setting{option.field, 0};
-        readNumber(option.name, option.minimum, option.maximum, setting.value);
-        settings.append(setting);
-    }
-
-    void readNumber(const QString &name, quint32 minimum, quint32 maximum, quint32 &value)
-    {
-        if (!_parser.isSet(name) || !_error.isEmpty())
-            return;
-        const QString text = _parser.value(name);
-        const qint64 number = parseCount(text.toUtf8(), maximum);
-        if (number < minimum) {
-            _error = QString("--%1 needs a whole number from %2 to %3, not \"%4\"")
-                         .arg(name)
-                         .arg(minimum)
-                         .arg(maximum)
-                         .arg(text);
-            return;
-        }
-        value = static_cast<quint32>(number);
-    }
-
-    void readPorts(QMap<int, ServiceOptions> &services)
-    {
-        const QStringList texts = _parser.values("port");
-        for (const QString &text : texts) {
-            if (!_readPort(text, services) && _error.isEmpty())
-                _error = QString("--port needs N=echo, N=sink, N=source or "
-                                 "N=file:SEND_PATH:RECEIVE_PATH with N from 1 to 5, not \"%1\"")
-                             .arg(text);
-        }
-    }
-
-private:
-    static bool _readPort(const QString &text, QMap<int, ServiceOptions> &services)
-    {
-        if (text.size() < 3 || text[0] < '1' || text[0] > '5' || text[1] != '=')
-            return false;
-        return _readService(text.mid(2).split(':'), services[text[0].digitValue()]);
-    }
-
-    static bool _readService(const QStringList &parts, ServiceOptions &service)
-    {
-        static const QMap<QString, ServiceKind> plainKinds = {{"echo", ServiceKind::Echo},
-                                                              {"sink", ServiceKind::Sink},
-                                                              {"source", ServiceKind::Source}};
-        if (parts.size() == 1 && plainKinds.contains(parts[0])) {
-            service = {plainKinds[parts[0]]};
-            return true;
-        }
-        const bool isFile = parts.size() == 3 && parts[0] == "file";
-        if (!isFile || parts[1].isEmpty() || parts[2].isEmpty())
-            return false;
-        service = {ServiceKind::File, parts[1], parts[2]};
+    static const QMap<QString, ServiceKind> plainKinds = {
+        {"echo", ServiceKind::Echo}, {"sink", ServiceKind::Sink}, {"source", ServiceKind::Source}};
+    if (parts.size() == 1 && plainKinds.contains(parts[0])) {
+        service = {plainKinds[parts[0]]};
         return true;
     }
-
-    const QCommandLineParser &_parser;
-    QString _error;
-};
-
-QMap<int, ServiceOptions> defaultServices()
-{
-    return {{1, {ServiceKind::Echo}},
-            {2, {ServiceKind::Sink}},
-            {3, {ServiceKind::Source}},
-            {4, {ServiceKind::File, "/etc/os-release", "received.bin"}},
-            {5, {ServiceKind::Echo}}};
+    const bool isFile = parts.size() == 3 && parts[0] == "file";
+    if (!isFile || parts[1].isEmpty() || parts[2].isEmpty())
+        return false;
+    service = {ServiceKind::File, parts[1], parts[2]};
+    return true;
 }
 
-void declareOptions(QCommandLineParser &parser)
+bool readPort(const QString &text, QMap<int, ServiceOptions> &services)
 {
-    parser.setApplicationDescription(description);
-    parser.addHelpOption();
-    parser.addOption({"port", portHelp, "N=SERVICE"});
-    parser.addOption(
-        {"log-dir", "Folder of the library's log files, default: the working directory.", "DIR"});
-    parser.addOption({"wait", "Longest wait for the host at the start, in ms.", "NUMBER"});
+    if (text.size() < 3 || text[0] < '1' || text[0] > '5' || text[1] != '=')
+        return false;
+    return readService(text.mid(2).split(':'), services[text[0].digitValue()]);
+}
+
+void readPorts(const std::vector<std::string> &texts, QMap<int, ServiceOptions> &services)
+{
+    for (const std::string &text : texts) {
+        if (!readPort(QString::fromStdString(text), services))
+            programoptions::refuse("--port",
+                                   "N=echo, N=sink, N=source or N=file:SEND_PATH:RECEIVE_PATH with "
+                                   "N from 1 to 5",
+                                   text);
+    }
+}
+
+Options defaultOptions()
+{
+    Options options;
+    options.services = {{1, {ServiceKind::Echo}},
+                        {2, {ServiceKind::Sink}},
+                        {3, {ServiceKind::Source}},
+                        {4, {ServiceKind::File, "/etc/os-release", "received.bin"}},
+                        {5, {ServiceKind::Echo}}};
     for (const NumberOption &option : numberOptions)
-        parser.addOption({option.name, option.description, "NUMBER"});
+        options.settings.append({option.field, option.value});
+    return options;
 }
 
-CommandLine wrong(const QString &program, const QString &error)
+void declareTexts(CLI::App &application, Options &options)
 {
-    CommandLine result;
-    result.text = QString("%1: %2\nTry \"%1 --help\".\n").arg(program, error);
-    result.exitStatus = wrongCommandLine;
-    return result;
+    application
+        .add_option_function<std::vector<std::string>>(
+            "--port",
+            [&options](const auto &texts) {
+                readPorts(texts, options.services);
+                return true;
+            },
+            portHelp)
+        ->type_name("N=SERVICE")
+        ->allow_extra_args(false)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    application
+        .add_option_function<std::string>(
+            "--log-dir",
+            [&options](const std::string &text) { options.logDir = QString::fromStdString(text); },
+            "Folder of the library's log files")
+        ->type_name("DIR")
+        ->default_str("the working directory");
+}
+
+void declareNumbers(CLI::App &application, Options &options)
+{
+    addNumber(application, "--max-file-size", options.largestFile, 0, largestFileSize,
+              "Largest file that the host may have stored, in bytes");
+    addNumber(application, "--wait", options.firstWait, 0, largestMilliseconds,
+              "Time after which it is told that no host has come, in ms");
+    addNumber(application, "--silence", options.silenceLimit, 1, largestMilliseconds,
+              "Time without a message after which it is told that the link is silent, in ms");
+    for (int i = 0; i < options.settings.size(); ++i) {
+        const NumberOption &option = numberOptions[i];
+        addNumber(application, option.name, options.settings[i].value, option.minimum,
+                  option.maximum, option.help);
+    }
 }
 
 } // namespace
@@ -167,31 +152,21 @@ void Options::applyTo(ParamHal &param) const
 
 CommandLine parseCommandLine(const QStringList &arguments)
 {
-    const QString program = arguments.value(0).section('/', -1);
-    QCommandLineParser parser;
-    declareOptions(parser);
-    if (!parser.parse(arguments))
-        return wrong(program, parser.errorText());
-    if (!parser.positionalArguments().isEmpty())
-        return wrong(program, "unexpected argument \"" + parser.positionalArguments().first() +
-                                  "\"; everything is given by options");
+    std::vector<std::string> words;
+    for (const QString &argument : arguments)
+        words.push_back(argument.toStdString());
     CommandLine result;
-    if (parser.isSet("help")) {
-        result.text = parser.helpText();
+    result.options = defaultOptions();
+    CLI::App application(description, arguments.value(0).section('/', -1).toStdString());
+    programoptions::prepare(application);
+    declareTexts(application, result.options);
+    application.add_flag("--verbose", result.options.verbose, "Print every message, too");
+    declareNumbers(application, result.options);
+    if (const auto ending = programoptions::parse(application, words)) {
+        result.text = QString::fromStdString(ending->text);
+        result.exitStatus = ending->status;
         return result;
     }
-    result.options.services = defaultServices();
-    result.options.logDir = parser.value("log-dir");
-
-    OptionReader reader(parser);
-    for (const NumberOption &option : numberOptions)
-        reader.readSetting(option, result.options.settings);
-    auto firstWait = static_cast<quint32>(result.options.firstWait);
-    reader.readNumber("wait", 0, largestMilliseconds, firstWait);
-    result.options.firstWait = static_cast<int>(firstWait);
-    reader.readPorts(result.options.services);
-    if (!reader.error().isEmpty())
-        return wrong(program, reader.error());
     result.run = true;
     return result;
 }

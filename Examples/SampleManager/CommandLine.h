@@ -19,7 +19,7 @@ struct ServiceOptions
     QString receivePath = {};
 };
 
-/** A number that the command line sets in the library's configuration. */
+/** A number of the library's configuration. */
 struct Setting
 {
     quint32 ParamHal::*field;
@@ -28,13 +28,17 @@ struct Setting
 
 struct Options
 {
-    /** Sets in the configuration what the command line names; the other fields stay. */
+    /** Sets in the configuration what the command line can name; the other fields stay. */
     void applyTo(ParamHal &param) const;
 
     QMap<int, ServiceOptions> services; ///< by port
     QString logDir;                     ///< empty: the working directory
     QVector<Setting> settings;
-    int firstWait = 1000; ///< ms that the start waits for the host before it goes on without
+    qint64 largestFile =
+        qint64(16) * 1024 * 1024; ///< bytes that the host may have a file service store
+    int firstWait = 1000;         ///< ms after the start, when it is told that there is no host yet
+    int silenceLimit = 5000;      ///< ms without a message, when it is told that the link is silent
+    bool verbose = false;
 };
 
 /** A command line is either an order to run, or a text to print before leaving with exitStatus. */

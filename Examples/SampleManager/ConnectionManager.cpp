@@ -2,8 +2,9 @@
 #include "ConnectionManager.h"
 
 #include "FileService.h"
+#include "Output.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <limits>
 
 namespace {
@@ -15,12 +16,7 @@ constexpr int pumpPeriod = 10; // ms
 
 // What the library delivers as a message of its own when the host has reopened a port.
 constexpr char reopenedMarker[] = "DEVICE_CONN";
-
-void say(const QString &text)
-{
-    std::printf("%s\n", qPrintable(text));
-    std::fflush(stdout);
-}
+constexpr auto wholeMessage = std::numeric_limits<unsigned int>::max();
 
 } // namespace
 
@@ -45,7 +41,7 @@ std::unique_ptr<Service> ConnectionManager::_makeService(int port,
         return std::make_unique<SourceService>();
     case ServiceKind::File:
         return std::make_unique<FileService>(
-            options.sendPath, options.receivePath,
+            options.sendPath, options.receivePath, _options.largestFile,
             [port](const QString &text) { say(QString("port %1: %2").arg(port).arg(text)); });
     case ServiceKind::Echo:
         break;
@@ -59,8 +55,14 @@ void ConnectionManager::_connectSignals()
             Qt::QueuedConnection);
     connect(_hal, &UsbHALIntf::socketStateChanged, this, &ConnectionManager::_onSocketStateChanged,
             Qt::QueuedConnection);
-    connect(_hal, QOverload<int>::of(&UsbHALIntf::readyRead), this,
-            &ConnectionManager::_onReadyRead, Qt::QueuedConnection);
+    connect(this, &ConnectionManager::messageArrived, this, &ConnectionManager::_onReadyRead,
+            Qt::QueuedConnection);
+    connect(
+        this, &ConnectionManager::oldMessagesDiscarded, this,
+        [](int port, int messages) {
+            say(QString("port %1: %2 messages of the old link discarded").arg(port).arg(messages));
+        },
+        Qt::QueuedConnection);
     connect(_hal, &UsbHALIntf::error, this, &ConnectionManager::_onError, Qt::QueuedConnection);
     // A queued signal may arrive when the link is long back, and bytes of the new link would join
     // those of the lost one. So the loss itself is noted at once, in the thread that finds it.
@@ -71,20 +73,28 @@ void ConnectionManager::_connectSignals()
                 ++_losses;
         },
         Qt::DirectConnection);
+    connect(
+        _hal, QOverload<int>::of(&UsbHALIntf::readyRead), this,
+        [this](int port) {
+            const auto entry = _ports.find(port);
+            if (entry == _ports.end())
+                return;
+            ++entry->second.kept;
+            emit messageArrived(port, _losses);
+        },
+        Qt::DirectConnection);
+    connect(_hal, QOverload<int>::of(&UsbHALIntf::connected), this,
+            &ConnectionManager::_discardKept, Qt::DirectConnection);
 }
 
-bool ConnectionManager::start(const ParamHal &param)
+bool ConnectionManager::start()
 {
-    _hal->setupConfig(param);
-    for (const auto &entry : _ports) {
-        if (!_hal->openConnection(entry.first)) {
+    return std::all_of(_ports.begin(), _ports.end(), [this](const auto &entry) {
+        const bool isOpen = _hal->openConnection(entry.first);
+        if (!isOpen)
             say(QString("port %1 did not open").arg(entry.first));
-            return false;
-        }
-    }
-    if (!_hal->waitForConnected(_options.firstWait))
-        say("no host yet, waiting for it");
-    return true;
+        return isOpen;
+    });
 }
 
 void ConnectionManager::stop()
@@ -92,11 +102,42 @@ void ConnectionManager::stop()
     say("stopping");
     _pumpTimer.stop();
     _hal->stop();
+    // The ports stay open in a stopped library, and an open port cannot be opened.
+    for (const auto &entry : _ports) {
+        if (_hal->socketStatus(entry.first) != SocketState::CLOSED)
+            _hal->closeConnection(entry.first);
+    }
     say("stopped");
+}
+
+qint64 ConnectionManager::silence() const
+{
+    return isConnected() && _lastActivity.isValid() ? _lastActivity.elapsed() : 0;
+}
+
+// A restart by the library's watchdog, other than a lost link, keeps what was not read. It would
+// come before the new link's bytes, and hold the host up with a delay for as long as it lies there.
+// To close the port would discard it as well, but count it out only up to its first zero byte. When
+// a port comes back, in the thread that brings it, nothing but such bytes can be in it.
+void ConnectionManager::_discardKept(int number)
+{
+    const auto entry = _ports.find(number);
+    if (entry == _ports.end())
+        return;
+    int messages = 0;
+    // A message may be empty, so that the bytes alone do not tell the end.
+    for (int left = entry->second.kept.exchange(0); left > 0 || _hal->nbBytesReceived(number) > 0;
+         --left)
+        messages += _hal->read(number, wholeMessage).isEmpty() ? 0 : 1;
+    if (messages == 0)
+        return;
+    // Not printed here: the watchdog may kill this thread.
+    emit oldMessagesDiscarded(number, messages);
 }
 
 void ConnectionManager::_onStateChanged(DriverState state)
 {
+    _lastActivity.restart();
     say("link " + DriverStateStr[static_cast<int>(state)]);
     _restartAfterLoss();
 }
@@ -109,14 +150,16 @@ void ConnectionManager::_onSocketStateChanged(UsbConnID port, SocketState state)
         entry->second.state = state;
 }
 
-void ConnectionManager::_onReadyRead(int port)
+// A message that was announced before a loss is gone, or will be discarded.
+void ConnectionManager::_onReadyRead(int number, unsigned losses)
 {
-    const auto entry = _ports.find(port);
-    if (entry == _ports.end())
-        return;
     _restartAfterLoss();
-    ++entry->second.unread;
-    _readWaiting(port, entry->second);
+    if (losses != _lossesSeen)
+        return;
+    _lastActivity.restart();
+    Port &port = _ports.at(number);
+    ++port.unread;
+    _readWaiting(number, port);
     if (!_pumpTimer.isActive())
         _pumpTimer.start();
 }
@@ -132,8 +175,9 @@ void ConnectionManager::_onError(int code, void *data)
 void ConnectionManager::_readWaiting(int number, Port &port)
 {
     while (port.unread > 0 && port.service->takesBytes()) {
-        const QByteArray message = _hal->read(number, std::numeric_limits<unsigned int>::max());
+        const QByteArray message = _hal->read(number, wholeMessage);
         --port.unread;
+        --port.kept;
         // After a loss seen only now, it is unknown which link the message came from; the host
         // cannot have sent anything but its first, empty message on a new one.
         if (_restartAfterLoss())
@@ -144,6 +188,7 @@ void ConnectionManager::_readWaiting(int number, Port &port)
 
 void ConnectionManager::_deliver(int number, Port &port, const QByteArray &message)
 {
+    sayDetail(QString("port %1: %2 bytes from the host").arg(number).arg(message.size()));
     if (message == reopenedMarker && port.state != SocketState::OPENED) {
         say(QString("port %1 reopened by the host").arg(number));
         port.state = SocketState::OPENED;
@@ -191,9 +236,12 @@ bool ConnectionManager::_send(int number, Service &service, int limit)
         return false;
     const int count = _hal->write(number, bytes);
     service.bytesSent(count);
-    if (count > 0)
-        _lastServed = number;
-    return count > 0;
+    if (count == 0)
+        return false;
+    sayDetail(QString("port %1: %2 bytes to the host").arg(number).arg(count));
+    _lastActivity.restart();
+    _lastServed = number;
+    return true;
 }
 
 bool ConnectionManager::_restartAfterLoss()

@@ -19,7 +19,11 @@
  *              "FILE <n>\n"       followed by n bytes, which are to be stored
  *     manager: "FILE <n>\n"       followed by the n bytes of the file, answers "SEND"
  *              "STORED <n>\n"     answers "FILE" when its n bytes are safely stored
- *              "ERROR <text>\n"   the service cannot go on and discards all until restart()
+ *              "ERROR <text>\n"   answers what cannot be done, and any other line
+ *
+ * A file that cannot be stored is answered at once; its bytes are to follow all the same. A file
+ * that turns out to be shorter than announced is filled up with zero bytes, and an error follows
+ * it.
  *
  * Answers come in the order of the requests' last bytes. Both sides begin anew with each link: the
  * manager drops what was under way, a half received file included, and the host asks afresh.
@@ -29,8 +33,11 @@ class FileService : public Service
 public:
     using Report = std::function<void(const QString &text)>;
 
-    /** Files to send and to write; report is called with a line for each completed file. */
-    FileService(QString sendPath, QString receivePath, Report report);
+    /**
+     * Files to send and to write, and the most bytes that the host may have stored; report is
+     * called with a line for each completed file and each error.
+     */
+    FileService(QString sendPath, QString receivePath, qint64 largestFile, Report report);
 
     void restart() override;
     bool takesBytes() const override;
@@ -40,22 +47,28 @@ protected:
     void refill(int limit) override;
 
 private:
-    enum class State { Line, Bytes, Failed };
+    // Skipped are the bytes of a file that is not stored, and the rest of a line that is too long.
+    enum class State { Line, SkippedLine, Bytes, SkippedBytes };
 
     // An answer that is not yet among the outgoing bytes: a line, or the file when it is empty.
     using Answer = QByteArray;
 
     int _receiveLine(const QByteArray &bytes, int from);
     int _receiveBytes(const QByteArray &bytes, int from);
+    void _endLine();
     void _obey(const QByteArray &line);
     void _beginStoring(qint64 size);
+    void _store(const char *bytes, int count);
     void _endStoring();
+    void _refuseFile(const QString &reason);
     void _beginSending();
-    bool _readMore(int count);
-    void _fail(const QString &reason);
+    void _readMore(int count);
+    void _endSending();
+    QByteArray _error(const QString &reason) const;
 
     QString _sendPath;
     QString _receivePath;
+    qint64 _largestFile;
     Report _report;
 
     State _state = State::Line;
@@ -68,6 +81,7 @@ private:
     QFile _sending;
     qint64 _sendSize = 0;
     qint64 _sendLeft = 0;
+    bool _isShort = false;
 };
 
 #endif

@@ -1,62 +1,49 @@
 // SPDX-License-Identifier: MIT
 #include "StopSignals.h"
 
-#include <cerrno>
 #include <csignal>
-#include <sys/socket.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace {
 
-// A signal handler may do next to nothing, so it only makes the far end readable.
-int handlerEnd = -1;
-int loopEnd = -1;
-
-void wakeLoop(int)
+sigset_t stopSignals()
 {
-    const int error = errno;
-    const char byte = 0;
-    // A full socket means that the loop is already being woken.
-    (void)::send(handlerEnd, &byte, sizeof byte, MSG_DONTWAIT | MSG_NOSIGNAL);
-    errno = error;
-}
-
-bool installHandler(void (*handler)(int))
-{
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART;
-    return ::sigaction(SIGINT, &action, nullptr) == 0 &&
-           ::sigaction(SIGTERM, &action, nullptr) == 0;
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
 }
 
 } // namespace
 
+void StopSignals::block()
+{
+    const sigset_t set = stopSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 StopSignals::StopSignals(QObject *parent) : QObject(parent)
 {
-    int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
+    const sigset_t set = stopSignals();
+    _descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (_descriptor < 0)
         return;
-    handlerEnd = ends[0];
-    loopEnd = ends[1];
-    if (!installHandler(wakeLoop))
-        return;
-    _notifier.reset(new QSocketNotifier(loopEnd, QSocketNotifier::Read));
-    connect(_notifier.data(), &QSocketNotifier::activated, this, &StopSignals::_drain);
+    _notifier.reset(new QSocketNotifier(_descriptor, QSocketNotifier::Read));
+    connect(_notifier.data(), &QSocketNotifier::activated, this, &StopSignals::_take);
 }
 
 StopSignals::~StopSignals()
 {
-    installHandler(SIG_DFL);
     _notifier.reset();
-    ::close(handlerEnd);
-    ::close(loopEnd);
+    if (_descriptor >= 0)
+        ::close(_descriptor);
 }
 
-void StopSignals::_drain()
+void StopSignals::_take()
 {
-    char bytes[16];
-    while (::recv(loopEnd, bytes, sizeof bytes, 0) > 0) {
-    }
-    emit received();
+    signalfd_siginfo info;
+    while (::read(_descriptor, &info, sizeof info) == sizeof info)
+        emit received();
 }

@@ -6,26 +6,31 @@
 #include <QScopedPointer>
 #include <QSocketNotifier>
 
-/** Turns SIGINT and SIGTERM into a Qt signal in the event loop. At most one exists in a process. */
+/**
+ * Turns SIGINT and SIGTERM into a Qt signal in the event loop. They wait in the kernel until then,
+ * so that none is lost or strikes another thread, however early it comes.
+ */
 class StopSignals : public QObject
 {
     Q_OBJECT
 
 public:
-    /** Installs the handlers; isValid() tells whether that worked. */
-    explicit StopSignals(QObject *parent = nullptr);
+    /** Holds the signals back. Threads inherit that: call it before there are any. */
+    static void block();
 
-    /** Gives both signals their default effect back. */
+    /** Call block() before; isValid() tells whether the signals can be received. */
+    explicit StopSignals(QObject *parent = nullptr);
     ~StopSignals() override;
 
-    bool isValid() const { return !_notifier.isNull(); }
+    bool isValid() const { return _descriptor >= 0; }
 
 signals:
     void received();
 
 private:
-    void _drain();
+    void _take();
 
+    int _descriptor = -1;
     QScopedPointer<QSocketNotifier> _notifier;
 };
 

@@ -1,31 +1,25 @@
 // SPDX-License-Identifier: MIT
 #include "HostProgram.h"
 
-#include <CLI/CLI.hpp>
+#include <ProgramOptions.h>
 
 #include <cstdlib>
 #include <iostream>
 
 namespace {
 
-constexpr int exitUsage = 2;
+constexpr double longestLinger = 86400; // seconds
 
 void declareOptions(CLI::App &application, hostpeer::HostOptions &options)
 {
-    application.failure_message(CLI::FailureMessage::help);
     application.add_option("--node", options.node, "Folder of the simulated node's sockets")
         ->required()
         ->type_name("DIR");
-    application.add_option("--port", options.port, "The port to speak with")
-        ->check(CLI::Range(0, hostpeer::maxPort))
-        ->capture_default_str()
-        ->type_name("N");
-    application
-        .add_option("--linger", options.linger,
-                    "How long to wait for more from the device, once it has taken all input")
-        ->check(CLI::Range(0.0, 86400.0))
-        ->capture_default_str()
-        ->type_name("SECONDS");
+    programoptions::addNumber(application, "--port", options.port, 0, hostpeer::maxPort,
+                              "The port to speak with");
+    programoptions::addSeconds(
+        application, "--linger", options.linger, longestLinger,
+        "How long to wait for more from the device, once it has taken all input");
 }
 
 } // namespace
@@ -37,11 +31,11 @@ int main(int argc, char **argv)
         CLI::App application("A USB host for the shell: sends its input to one port of the device "
                              "behind a simulated node, and prints what the device sends on it",
                              "usbhal-host");
+        programoptions::prepare(application);
         declareOptions(application, options);
-        try {
-            application.parse(argc, argv);
-        } catch (const CLI::ParseError &error) {
-            return application.exit(error) == 0 ? EXIT_SUCCESS : exitUsage;
+        if (const auto ending = programoptions::parse(application, {argv, argv + argc})) {
+            ending->print();
+            return ending->status;
         }
         return hostpeer::HostProgram(options).run() ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception &error) {

@@ -43,6 +43,7 @@ private slots:
     void wrongCommandLinesSayHowTheyShouldBe_data();
     void wrongCommandLinesSayHowTheyShouldBe();
     void helpIsNoError();
+    void versionIsNoError();
 
 private:
     void _start(const QStringList &options, const QByteArray &input);
@@ -210,12 +211,20 @@ void ProgramTest::wrongCommandLinesSayHowTheyShouldBe_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("text");
-    QTest::newRow("no node") << QStringList{} << QByteArray("--node is required");
-    QTest::newRow("port") << QStringList{"--node", "x", "--port", "10000"}
-                          << QByteArray("--port: Value 10000 not in range");
-    QTest::newRow("linger") << QStringList{"--node", "x", "--linger", "-1"}
-                            << QByteArray("--linger: Value -1 not in range");
-    QTest::newRow("more") << QStringList{"--node", "x", "more"} << QByteArray("more");
+    const auto row = [](const char *name, const QStringList &arguments, const char *text) {
+        QTest::newRow(name) << arguments << QByteArray(text);
+    };
+    const QStringList node{"--node", "x"};
+    row("no node", {}, "--node is missing");
+    row("port", node + QStringList{"--port", "10000"},
+        "--port needs a whole number from 0 to 9999, not \"10000\"");
+    row("linger", node + QStringList{"--linger", "-1"},
+        "--linger needs seconds from 0 to 86400, not \"-1\"");
+    row("no number", node + QStringList{"--linger", "nan"},
+        "--linger needs seconds from 0 to 86400, not \"nan\"");
+    row("no value", node + QStringList{"--linger"}, "--linger needs a value");
+    row("more", node + QStringList{"more"}, "unexpected argument \"more\"");
+    row("misspelt", {"--nodes", "x"}, "there is no option \"--nodes\"");
 }
 
 void ProgramTest::wrongCommandLinesSayHowTheyShouldBe()
@@ -225,14 +234,22 @@ void ProgramTest::wrongCommandLinesSayHowTheyShouldBe()
     _run(arguments);
     QCOMPARE(_program->exitCode(), 2);
     const QByteArray errors = _program->readAllStandardError();
-    QVERIFY2(errors.contains(text) && errors.contains("--help"), errors);
+    QCOMPARE(errors, "usbhal-host: " + text + "\nTry \"usbhal-host --help\".\n");
 }
 
 void ProgramTest::helpIsNoError()
 {
     _run({"--help"});
     QCOMPARE(_program->exitCode(), 0);
-    QVERIFY(_program->readAllStandardOutput().contains("--linger SECONDS"));
+    const QByteArray help = _program->readAllStandardOutput();
+    QVERIFY2(help.contains("--linger SECONDS") && help.contains("by default 1\n"), help);
+}
+
+void ProgramTest::versionIsNoError()
+{
+    _run({"--version"});
+    QCOMPARE(_program->exitCode(), 0);
+    QCOMPARE(_program->readAllStandardOutput(), QByteArray("usbhal-host " PROJECT_VERSION "\n"));
 }
 
 QTEST_GUILESS_MAIN(ProgramTest)

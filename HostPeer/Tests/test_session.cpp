@@ -83,6 +83,8 @@ private slots:
     void noByteIsLostOrReorderedAcrossTransfers();
     void afterADelayRequestOnlyNoDataIsSent();
     void theMaxReadSizeMessageEndsADelayToo();
+    void aMaxReadSizeOfAnyNumberEndsADelay_data();
+    void aMaxReadSizeOfAnyNumberEndsADelay();
     void dataFromTheDeviceDoesNotEndADelay();
     void aReopenedPortIsAnnouncedInAMessageOfItsOwn();
     void bytesReceivedAreKeptPerPort();
@@ -268,6 +270,31 @@ void SessionTest::theMaxReadSizeMessageEndsADelayToo()
     QVERIFY(_session->isDelayed());
     stepWith("DEVICE_NODATA10000");
     QVERIFY(!_session->isDelayed());
+}
+
+void SessionTest::aMaxReadSizeOfAnyNumberEndsADelay_data()
+{
+    QTest::addColumn<QString>("number");
+    QTest::addColumn<int>("faultCount");
+    QTest::newRow("zero") << "00000" << 1;
+    QTest::newRow("more digits") << "100000" << 0;
+    QTest::newRow("more digits than a number has") << QString(40, '9') << 1;
+}
+
+void SessionTest::aMaxReadSizeOfAnyNumberEndsADelay()
+{
+    QFETCH(QString, number);
+    QFETCH(int, faultCount);
+    int faults = 0;
+    HostSession::Handlers handlers;
+    handlers.faultSeen = [&](const std::string &) { ++faults; };
+    _session->setHandlers(handlers);
+    establish(delay);
+    QVERIFY(_session->isDelayed());
+    stepWith("DEVICE_NODATA" + number.toStdString() + data(1, "abc"));
+    QVERIFY(!_session->isDelayed());
+    QCOMPARE(_session->received(1), std::string("abc"));
+    QCOMPARE(faults, faultCount);
 }
 
 void SessionTest::dataFromTheDeviceDoesNotEndADelay()

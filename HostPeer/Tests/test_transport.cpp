@@ -29,6 +29,7 @@ private slots:
     void aClosedConnectionIsReportedByReceive();
     void aClosedConnectionIsReportedBySendWithoutASignal();
     void transfersSentBeforeTheCloseAreStillReceived();
+    void aRefusalIsTheReasonOfTheClose();
     void aConnectionCanBeMadeAgain();
     void connectingAnewClosesTheOldConnection();
     void nobodyListeningIsReportedWithThePath();
@@ -167,6 +168,17 @@ void TransportTest::transfersSentBeforeTheCloseAreStillReceived()
     QCOMPARE(_host->receive(transfer, 1s).status, Status::Done);
     QCOMPARE(transfer, std::string("last"));
     QCOMPARE(_host->receive(transfer, 1s).status, Status::Closed);
+}
+
+void TransportTest::aRefusalIsTheReasonOfTheClose()
+{
+    QVERIFY(_device->send("another host is connected"));
+    std::string transfer = "kept";
+    const TransferResult result = _host->receive(transfer, 1s);
+    QCOMPARE(result.status, Status::Closed);
+    QCOMPARE(result.text, std::string("another host is connected"));
+    QCOMPARE(transfer, std::string("kept"));
+    QVERIFY(!_host->isConnected());
 }
 
 void TransportTest::aConnectionCanBeMadeAgain()

@@ -2,11 +2,10 @@
 #include "SimNodeControl.h"
 
 #include "DeviceProtocol.h"
+#include "PollTimeout.h"
 #include "SocketAddress.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
@@ -66,14 +65,10 @@ bool SimNodeControl::waitForAnswer() const
 {
     const auto deadline = std::chrono::steady_clock::now() + _timeout;
     for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
-        // Poll takes no more than an int: a longer wait goes on with the next round.
-        const auto wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+        const int wait = simnode::pollTimeout(deadline);
         pollfd entry = {_socket, POLLIN, 0};
         const int ready = ::poll(&entry, 1, wait);
-        if (ready > 0 || left <= 0 || (ready < 0 && errno != EINTR))
+        if (ready > 0 || wait == 0 || (ready < 0 && errno != EINTR))
             return ready > 0;
     }
 }

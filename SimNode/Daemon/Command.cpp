@@ -30,7 +30,8 @@ struct Rule
 constexpr Rule rules[] = {
     {"node", "missing", Subject::Node, Verb::Missing},
     {"node", "present", Subject::Node, Verb::Present},
-    {"open", "fail", Subject::Open, Verb::Fail, Argument::Error},
+    {"open", "stuck", Subject::Open, Verb::Stuck, Argument::OptionalCalls},
+    {"open", "fail", Subject::Open, Verb::Fail, Argument::Error, Argument::OptionalCalls},
     {"open", "ok", Subject::Open, Verb::Ok},
     {"read", "stuck", Subject::Read, Verb::Stuck, Argument::OptionalCalls},
     {"read", "silent", Subject::Read, Verb::Silent, Argument::OptionalCalls},
@@ -41,6 +42,11 @@ constexpr Rule rules[] = {
     {"write", "short", Subject::Write, Verb::Short, Argument::Bytes, Argument::OptionalCalls},
     {"write", "zero", Subject::Write, Verb::Zero, Argument::OptionalCalls},
     {"write", "ok", Subject::Write, Verb::Ok},
+    {"ioctl", "fail", Subject::Ioctl, Verb::Fail, Argument::Error, Argument::OptionalCalls},
+    {"ioctl", "ok", Subject::Ioctl, Verb::Ok},
+    {"close", "fail", Subject::Close, Verb::Fail, Argument::Error, Argument::OptionalCalls},
+    {"close", "ok", Subject::Close, Verb::Ok},
+    {"latency", "", Subject::Latency, Verb::None, Argument::Milliseconds},
     {"timeout", "zero", Subject::Timeout, Verb::Zero},
     {"timeout", "error", Subject::Timeout, Verb::Error},
     {"cable", "out", Subject::Cable, Verb::Out},
@@ -53,9 +59,10 @@ constexpr Rule rules[] = {
     {"reset", "", Subject::Reset, Verb::None},
 };
 
-constexpr const char *onUsage = "on open|read|write K COMMAND...";
-constexpr const char *allSubjects =
-    "node, open, read, write, timeout, cable, merge, split, inject, on, wait, status, reset";
+constexpr const char *onUsage = "on open|read|write|ioctl|close K COMMAND...";
+constexpr const char *allSubjects = "node, open, read, write, ioctl, close, latency, timeout, "
+                                    "cable, merge, split, inject, on, wait, "
+                                    "status, reset";
 
 const char *describe(Argument argument)
 {
@@ -218,6 +225,10 @@ std::optional<Call> parseCall(std::string_view word)
         return Call::Read;
     if (word == "write")
         return Call::Write;
+    if (word == "ioctl")
+        return Call::Ioctl;
+    if (word == "close")
+        return Call::Close;
     return std::nullopt;
 }
 
@@ -286,6 +297,14 @@ Words splitWords(std::string_view line)
 ParsedCommand parseCommand(std::string_view line)
 {
     return parseWords(splitWords(line), 0);
+}
+
+std::string commandUsages()
+{
+    std::string text = onUsage;
+    for (const Rule &rule : rules)
+        text.append("\n").append(usage(rule));
+    return text;
 }
 
 ParsedScript parseScript(std::string_view text)

@@ -18,6 +18,9 @@ enum class Subject {
     Open,
     Read,
     Write,
+    Ioctl,
+    Close,
+    Latency,
     Timeout,
     Cable,
     Merge,
@@ -57,6 +60,9 @@ struct ParsedScript
 
 /// Parses one control command. Any bytes may be given; a faulty command yields an error text.
 ParsedCommand parseCommand(std::string_view line);
+
+/// How each command is written, one a line.
+std::string commandUsages();
 
 /// Parses a script: one command a line, the rest of a line after '#' is a comment.
 ParsedScript parseScript(std::string_view text);

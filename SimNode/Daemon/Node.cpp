@@ -25,10 +25,8 @@ bool opensForWriting(std::uint32_t flags)
 
 } // namespace
 
-Node::Node(std::uint32_t firstHandle, bool timeoutIsError)
-    : _nextHandle(firstHandle),
-      _timeoutIsErrorAtStart(timeoutIsError),
-      _timeoutIsError(timeoutIsError)
+Node::Node(bool timeoutIsError)
+    : _timeoutIsErrorAtStart(timeoutIsError), _timeoutIsError(timeoutIsError)
 {
 }
 
@@ -47,7 +45,7 @@ void Node::submit(CallId call, const DeviceRequest &request, const std::string &
     if (request.version != protocolVersion)
         refuse(call, EPROTO);
     else if (request.call == Call::Open)
-        submitOpen(call, request.argument);
+        submitOpen(call, request, now);
     else
         submitToDescriptor(call, request, data, now);
 }
@@ -68,7 +66,10 @@ void Node::submitToDescriptor(CallId call, const DeviceRequest &request, const s
         submitWrite(call, found->second, data, now);
         return;
     case Call::Ioctl:
-        submitIoctl(call, found->second, request);
+        submitIoctl(call, found->second, request, now);
+        return;
+    case Call::Close:
+        submitClose(call, now);
         return;
     case Call::Open:
         break;
@@ -76,26 +77,30 @@ void Node::submitToDescriptor(CallId call, const DeviceRequest &request, const s
     refuse(call, EPROTO);
 }
 
-void Node::submitOpen(CallId call, std::uint32_t flags)
+void Node::submitOpen(CallId call, const DeviceRequest &request, Time now)
 {
     ++_counters.opens;
-    runTriggers(Call::Open);
+    runTriggers(Call::Open, now);
     if (!_present) {
         refuse(call, ENOENT);
         return;
     }
-    if (_openError != 0) {
-        refuse(call, _openError);
+    const FaultPlan plan = _openFaults.next();
+    if (plan.fault == Verb::Stuck)
+        return;
+    if (plan.fault == Verb::Fail) {
+        refuse(call, plan.error);
         return;
     }
-    while (_nextHandle == 0 || _descriptors.count(_nextHandle) != 0)
-        ++_nextHandle;
     Descriptor descriptor;
-    descriptor.flags = flags;
-    _descriptors[_nextHandle] = descriptor;
+    descriptor.flags = request.argument;
+    if (request.handle == 0 || !_descriptors.emplace(request.handle, descriptor).second) {
+        refuse(call, EPROTO);
+        return;
+    }
     _readTimeout = descriptor.readTimeout;
     _writeTimeout = descriptor.writeTimeout;
-    answer(call, 0, {}, _nextHandle++);
+    answer(call, 0, {}, request.handle);
 }
 
 void Node::submitRead(CallId call, const Descriptor &descriptor, std::size_t size, Time now)
@@ -105,7 +110,7 @@ void Node::submitRead(CallId call, const Descriptor &descriptor, std::size_t siz
         return;
     }
     ++_counters.reads;
-    runTriggers(Call::Read);
+    runTriggers(Call::Read, now);
     const FaultPlan plan = _readFaults.next();
     if (plan.fault == Verb::Stuck)
         return;
@@ -125,7 +130,7 @@ void Node::submitWrite(CallId call, const Descriptor &descriptor, const std::str
         return;
     }
     ++_counters.writes;
-    runTriggers(Call::Write);
+    runTriggers(Call::Write, now);
     const FaultPlan plan = _writeFaults.next();
     if (plan.fault == Verb::Stuck)
         return;
@@ -140,12 +145,16 @@ void Node::submitWrite(CallId call, const Descriptor &descriptor, const std::str
     }
     const std::size_t size = plan.fault == Verb::Short ? plan.bytes : data.size();
     const Time deadline = now + std::chrono::milliseconds(descriptor.writeTimeout);
-    _waitingWrites.push_back({call, data.substr(0, size), deadline});
+    _waitingWrites.push_back({call, data.substr(0, size), deadline, arrivalOf(now)});
 }
 
-void Node::submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest &request)
+void Node::submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest &request, Time now)
 {
-    if (request.argument == setReadTimeoutRequest) {
+    runTriggers(Call::Ioctl, now);
+    const FaultPlan plan = _ioctlFaults.next();
+    if (plan.fault == Verb::Fail) {
+        refuse(call, plan.error);
+    } else if (request.argument == setReadTimeoutRequest) {
         descriptor.readTimeout = _readTimeout = request.value;
         answer(call, 0);
     } else if (request.argument == setWriteTimeoutRequest) {
@@ -154,6 +163,17 @@ void Node::submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest 
     } else {
         refuse(call, ENOTTY);
     }
+}
+
+// The descriptor itself goes with its connection, also when its close has failed.
+void Node::submitClose(CallId call, Time now)
+{
+    runTriggers(Call::Close, now);
+    const FaultPlan plan = _closeFaults.next();
+    if (plan.fault == Verb::Fail)
+        refuse(call, plan.error);
+    else
+        answer(call, 0);
 }
 
 void Node::abandon(CallId call)
@@ -170,6 +190,14 @@ void Node::release(std::uint32_t handle)
     _descriptors.erase(handle);
 }
 
+bool Node::isReadable(std::uint32_t handle) const
+{
+    const auto found = _descriptors.find(handle);
+    return found != _descriptors.end() && opensForReading(found->second.flags) &&
+           hasArrivedTransfer() && _readFaults.fault != Verb::Stuck &&
+           _readFaults.fault != Verb::Silent;
+}
+
 std::vector<Node::Reply> Node::takeReplies()
 {
     std::vector<Reply> replies;
@@ -179,16 +207,16 @@ std::vector<Node::Reply> Node::takeReplies()
 
 void Node::answer(CallId call, std::int64_t result, std::string data, std::uint32_t handle)
 {
-    const DeviceReply header = {static_cast<std::int32_t>(result), 0, handle};
+    const DeviceReply header = {static_cast<std::int32_t>(result), 0, handle, 0};
     _replies.push_back({call, header, std::move(data)});
 }
 
 void Node::refuse(CallId call, int error)
 {
-    _replies.push_back({call, DeviceReply{-1, error, 0}, {}});
+    _replies.push_back({call, DeviceReply{-1, error, 0, 0}, {}});
 }
 
-void Node::runTriggers(Call call)
+void Node::runTriggers(Call call, Time now)
 {
     std::vector<Command> due;
     for (Trigger &trigger : _triggers) {
@@ -198,13 +226,13 @@ void Node::runTriggers(Call call)
     const auto isOver = [](const Trigger &trigger) { return trigger.remaining == 0; };
     _triggers.erase(std::remove_if(_triggers.begin(), _triggers.end(), isOver), _triggers.end());
     for (const Command &command : due)
-        execute(command);
+        execute(command, now);
 }
 
 void Node::serveReads()
 {
     auto read = _waitingReads.begin();
-    while (read != _waitingReads.end() && !_transfers.empty()) {
+    while (read != _waitingReads.end() && hasArrivedTransfer()) {
         if (read->silent) {
             ++read;
             continue;
@@ -216,10 +244,15 @@ void Node::serveReads()
     }
 }
 
+bool Node::hasArrivedTransfer() const
+{
+    return !_transfers.empty() && !_transfers.front().onTheWayUntil;
+}
+
 // What one read gets: the first transfer, or the next piece of it.
 std::string Node::takePiece(std::size_t size)
 {
-    const std::string &transfer = _transfers.front();
+    const std::string &transfer = _transfers.front().bytes;
     if (_pieceSize != 0)
         size = std::min<std::size_t>(size, _pieceSize);
     std::string piece = transfer.substr(_readOffset, std::min(size, maxTransferSize));
@@ -246,25 +279,38 @@ bool Node::takesTransfers() const
     return _transfers.size() < maxUnreadTransfers;
 }
 
-void Node::transferFromHost(const std::string &transfer)
+std::optional<Node::Time> Node::arrivalOf(Time sent) const
+{
+    return _latency.count() > 0 ? std::optional<Time>(sent + _latency) : std::nullopt;
+}
+
+void Node::queueTransfer(std::string bytes, Time now)
+{
+    _transfers.push_back({std::move(bytes), arrivalOf(now)});
+}
+
+void Node::transferFromHost(const std::string &transfer, Time now)
 {
     if (transfer.empty())
         return;
     if (_toMerge == 0) {
-        _transfers.push_back(transfer);
+        queueTransfer(transfer, now);
     } else {
         _merged += transfer;
         if (--_toMerge == 0) {
-            _transfers.push_back(std::move(_merged));
+            queueTransfer(std::move(_merged), now);
             _merged.clear();
         }
     }
     serveReads();
 }
 
-const std::string *Node::transferForHost() const
+const std::string *Node::transferForHost(Time now) const
 {
-    return _hostConnected && !_waitingWrites.empty() ? &_waitingWrites.front().transfer : nullptr;
+    if (!_hostConnected || _waitingWrites.empty())
+        return nullptr;
+    const WaitingWrite &first = _waitingWrites.front();
+    return first.onTheWayUntil > now ? nullptr : &first.transfer;
 }
 
 void Node::hostTookTransfer()
@@ -276,20 +322,30 @@ void Node::hostTookTransfer()
 
 // ---- control
 
-std::string Node::execute(const Command &command)
+std::string Node::execute(const Command &command, Time now)
 {
+    const FaultPlan plan = {command.verb, command.error, command.quantity, command.calls};
     switch (command.subject) {
     case Subject::Node:
         _present = command.verb == Verb::Present;
         return "ok";
     case Subject::Open:
-        _openError = command.verb == Verb::Fail ? command.error : 0;
+        _openFaults = plan;
         return "ok";
     case Subject::Read:
-        _readFaults = {command.verb, command.error, command.quantity, command.calls};
+        _readFaults = plan;
         return "ok";
     case Subject::Write:
-        _writeFaults = {command.verb, command.error, command.quantity, command.calls};
+        _writeFaults = plan;
+        return "ok";
+    case Subject::Ioctl:
+        _ioctlFaults = plan;
+        return "ok";
+    case Subject::Close:
+        _closeFaults = plan;
+        return "ok";
+    case Subject::Latency:
+        _latency = std::chrono::milliseconds(command.quantity);
         return "ok";
     case Subject::Timeout:
         _timeoutIsError = command.verb == Verb::Error;
@@ -298,13 +354,13 @@ std::string Node::execute(const Command &command)
         setCable(command.verb == Verb::In);
         return "ok";
     case Subject::Merge:
-        startMerge(command.quantity);
+        startMerge(command.quantity, now);
         return "ok";
     case Subject::Split:
         _pieceSize = command.quantity;
         return "ok";
     case Subject::Inject:
-        return inject(command.data);
+        return inject(command.data, now);
     case Subject::On:
         _triggers.push_back({command.call, command.calls, *command.then});
         return "ok";
@@ -328,22 +384,22 @@ void Node::setCable(bool in)
 }
 
 // What an unfinished merge has gathered is delivered as it is.
-void Node::startMerge(std::uint32_t transfers)
+void Node::startMerge(std::uint32_t transfers, Time now)
 {
     _toMerge = transfers;
     if (_merged.empty())
         return;
-    _transfers.push_back(std::move(_merged));
+    queueTransfer(std::move(_merged), now);
     _merged.clear();
     serveReads();
 }
 
-std::string Node::inject(const std::string &transfer)
+std::string Node::inject(const std::string &transfer, Time now)
 {
     if (_transfers.size() >= maxInjectedTransfers)
         return "error: " + std::to_string(maxInjectedTransfers) +
                " transfers wait for the device; it should be: read them first";
-    transferFromHost(transfer);
+    transferFromHost(transfer, now);
     return "ok";
 }
 
@@ -352,9 +408,10 @@ void Node::reset()
     _present = true;
     _cableIn = true;
     _timeoutIsError = _timeoutIsErrorAtStart;
-    _openError = 0;
-    _readFaults = FaultPlan();
-    _writeFaults = FaultPlan();
+    _latency = std::chrono::milliseconds(0);
+    for (FaultPlan *plan :
+         {&_openFaults, &_readFaults, &_writeFaults, &_ioctlFaults, &_closeFaults})
+        *plan = FaultPlan();
     _triggers.clear();
     _counters = Counters();
     _transfers.clear();
@@ -381,7 +438,27 @@ std::string Node::status() const
 
 void Node::advance(Time now)
 {
-    const auto endReads = [&](const WaitingRead &read) {
+    endJourneys(now);
+    serveReads();
+    endReads(now);
+    endWrites(now);
+}
+
+void Node::endJourneys(Time now)
+{
+    const auto end = [now](std::optional<Time> &onTheWayUntil) {
+        if (onTheWayUntil && *onTheWayUntil <= now)
+            onTheWayUntil.reset();
+    };
+    for (UnreadTransfer &transfer : _transfers)
+        end(transfer.onTheWayUntil);
+    for (WaitingWrite &write : _waitingWrites)
+        end(write.onTheWayUntil);
+}
+
+void Node::endReads(Time now)
+{
+    const auto end = [&](const WaitingRead &read) {
         if (read.deadline > now)
             return false;
         if (_timeoutIsError)
@@ -390,15 +467,19 @@ void Node::advance(Time now)
             answer(read.call, 0);
         return true;
     };
-    const auto endWrites = [&](const WaitingWrite &write) {
+    _waitingReads.erase(std::remove_if(_waitingReads.begin(), _waitingReads.end(), end),
+                        _waitingReads.end());
+}
+
+void Node::endWrites(Time now)
+{
+    const auto end = [&](const WaitingWrite &write) {
         if (write.deadline > now)
             return false;
         refuse(write.call, ETIMEDOUT);
         return true;
     };
-    _waitingReads.erase(std::remove_if(_waitingReads.begin(), _waitingReads.end(), endReads),
-                        _waitingReads.end());
-    _waitingWrites.erase(std::remove_if(_waitingWrites.begin(), _waitingWrites.end(), endWrites),
+    _waitingWrites.erase(std::remove_if(_waitingWrites.begin(), _waitingWrites.end(), end),
                          _waitingWrites.end());
 }
 
@@ -411,8 +492,12 @@ std::optional<Node::Time> Node::nextDeadline() const
     };
     for (const WaitingRead &read : _waitingReads)
         consider(read.deadline);
-    for (const WaitingWrite &write : _waitingWrites)
+    for (const WaitingWrite &write : _waitingWrites) {
         consider(write.deadline);
+        consider(write.onTheWayUntil.value_or(write.deadline));
+    }
+    if (!_transfers.empty() && _transfers.front().onTheWayUntil)
+        consider(*_transfers.front().onTheWayUntil);
     return next;
 }
 

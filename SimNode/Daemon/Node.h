@@ -36,10 +36,8 @@ public:
     /// Read and write time-out of a new descriptor.
     static constexpr std::uint32_t defaultTimeout = 2000; // ms
 
-    /// Handles are counted from `firstHandle`; it should differ from one daemon to the next, so
-    /// that a descriptor left from the one before is told apart. `timeoutIsError` chooses what a
-    /// read returns after its time-out: -1 with ETIMEDOUT, or 0.
-    explicit Node(std::uint32_t firstHandle, bool timeoutIsError = false);
+    /// `timeoutIsError` chooses what a read returns after its time-out: -1 with ETIMEDOUT, or 0.
+    explicit Node(bool timeoutIsError = false);
 
     // -- device side
 
@@ -48,8 +46,10 @@ public:
     void submit(CallId call, const DeviceRequest &request, const std::string &data, Time now);
     /// The calling thread no longer waits: nothing more happens for this call.
     void abandon(CallId call);
-    /// The descriptor was closed. Calls that are still waiting go on.
+    /// The last copy of the descriptor was closed. Calls that are still waiting go on.
     void release(std::uint32_t handle);
+    /// Whether a read on this descriptor would get a transfer at once.
+    bool isReadable(std::uint32_t handle) const;
     /// Takes the replies of all calls that have ended since the last call.
     std::vector<Reply> takeReplies();
 
@@ -65,20 +65,21 @@ public:
     void hostLeft();
     /// Whether there is room for one more transfer of the host.
     bool takesTransfers() const;
-    /// Takes in one transfer of the host and serves waiting reads; an empty one is ignored.
-    void transferFromHost(const std::string &transfer);
+    /// Takes in one transfer of the host and serves waiting reads, after the latency where one is
+    /// set; an empty transfer is ignored.
+    void transferFromHost(const std::string &transfer, Time now);
     /// The next transfer to the host, or null; it stays until hostTookTransfer() or its time-out.
-    const std::string *transferForHost() const;
+    const std::string *transferForHost(Time now) const;
     /// Ends the write of the transfer that transferForHost() returned.
     void hostTookTransfer();
 
     // -- control and time
 
     /// Carries out one command and returns its answer: "ok", "ok <text>" or "error: <why>".
-    std::string execute(const Command &command);
-    /// Ends the calls whose time is over.
+    std::string execute(const Command &command, Time now);
+    /// Ends the calls whose time is over, and delivers the transfers whose latency is.
     void advance(Time now);
-    /// When advance() has something to do next; nothing while no call waits for a time-out.
+    /// When advance() has something to do next; nothing while nothing waits for a time.
     std::optional<Time> nextDeadline() const;
 
 private:
@@ -108,11 +109,19 @@ private:
         bool silent;
     };
 
+    // In transfers, `onTheWayUntil` holds nothing once its time has come.
     struct WaitingWrite
     {
         CallId call;
         std::string transfer;
         Time deadline;
+        std::optional<Time> onTheWayUntil;
+    };
+
+    struct UnreadTransfer
+    {
+        std::string bytes;
+        std::optional<Time> onTheWayUntil;
     };
 
     struct Trigger
@@ -131,29 +140,35 @@ private:
 
     void answer(CallId call, std::int64_t result, std::string data = {}, std::uint32_t handle = 0);
     void refuse(CallId call, int error);
-    void submitOpen(CallId call, std::uint32_t flags);
+    void submitOpen(CallId call, const DeviceRequest &request, Time now);
     void submitRead(CallId call, const Descriptor &descriptor, std::size_t size, Time now);
     void submitWrite(CallId call, const Descriptor &descriptor, const std::string &data, Time now);
-    void submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest &request);
+    void submitIoctl(CallId call, Descriptor &descriptor, const DeviceRequest &request, Time now);
+    void submitClose(CallId call, Time now);
     void submitToDescriptor(CallId call, const DeviceRequest &request, const std::string &data,
                             Time now);
-    void runTriggers(Call call);
+    void runTriggers(Call call, Time now);
     void serveReads();
+    bool hasArrivedTransfer() const;
+    std::optional<Time> arrivalOf(Time sent) const;
+    void queueTransfer(std::string bytes, Time now);
     std::string takePiece(std::size_t size);
-    void startMerge(std::uint32_t transfers);
-    std::string inject(const std::string &transfer);
+    void startMerge(std::uint32_t transfers, Time now);
+    std::string inject(const std::string &transfer, Time now);
     void setCable(bool in);
+    void endJourneys(Time now);
+    void endReads(Time now);
+    void endWrites(Time now);
     void reset();
     std::string status() const;
 
-    std::uint32_t _nextHandle;
     std::map<std::uint32_t, Descriptor> _descriptors;
     std::vector<Reply> _replies;
     std::deque<WaitingRead> _waitingReads;
     std::deque<WaitingWrite> _waitingWrites;
 
-    std::deque<std::string> _transfers; // from the host, not yet read
-    std::size_t _readOffset = 0;        // into the first of them
+    std::deque<UnreadTransfer> _transfers; // from the host
+    std::size_t _readOffset = 0;           // into the first of them
     std::string _merged;
     std::uint32_t _toMerge = 0;
     std::uint32_t _pieceSize = 0; // 0: whole transfers
@@ -163,9 +178,12 @@ private:
     bool _hostConnected = false;
     bool _timeoutIsErrorAtStart;
     bool _timeoutIsError;
-    int _openError = 0;
+    std::chrono::milliseconds _latency{0};
+    FaultPlan _openFaults;
     FaultPlan _readFaults;
     FaultPlan _writeFaults;
+    FaultPlan _ioctlFaults;
+    FaultPlan _closeFaults;
     std::vector<Trigger> _triggers;
     Counters _counters;
     std::uint32_t _readTimeout = defaultTimeout;

@@ -2,13 +2,19 @@
 #include "Program.h"
 
 #include "DeviceProtocol.h"
+#include "FileDescriptor.h"
 
+#include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <map>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace simnode {
@@ -46,6 +52,34 @@ Environment programEnvironment(const std::string &directory, const std::string &
     return environment;
 }
 
+// The loader runs a program without a library that it cannot load, and says so in passing.
+void requireLoadable(const std::string &library)
+{
+    void *handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr)
+        throw std::runtime_error(std::string("cannot load the preload library: ") + dlerror() +
+                                 "; build it anew, or set SIMNODE_PRELOAD to another");
+    dlclose(handle);
+}
+
+bool isTakenAsOne(const std::string &path)
+{
+    return path.find_first_of(" :") == std::string::npos;
+}
+
+std::filesystem::path makeLinkFolder(const std::string &preloadLibrary)
+{
+    std::string name = (std::filesystem::temp_directory_path() / "simnode-preload.XXXXXX").string();
+    if (!isTakenAsOne(name))
+        throw std::runtime_error("the loader takes no path with a blank or a colon, such as " +
+                                 preloadLibrary +
+                                 "; set TMPDIR to a folder without, for a link to it");
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("cannot make a folder " + name + " for a link to " +
+                                 preloadLibrary + ": " + std::strerror(errno));
+    return name;
+}
+
 std::vector<char *> pointersTo(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
@@ -56,27 +90,45 @@ std::vector<char *> pointersTo(std::vector<std::string> &texts)
     return pointers;
 }
 
-class SpawnAttributes
+// In the child, which has one thread and ends with this call. Writes the errno of a program that
+// cannot be started.
+[[noreturn]] void becomeProgram(char *const *arguments, char *const *environment, pid_t parent,
+                                int errorPipe)
 {
-public:
     // The daemon blocks the signals it waits for; the program starts with none blocked.
-    SpawnAttributes()
-    {
-        sigset_t none;
-        sigemptyset(&none);
-        posix_spawnattr_init(&_attributes);
-        posix_spawnattr_setsigmask(&_attributes, &none);
-        posix_spawnattr_setflags(&_attributes, POSIX_SPAWN_SETSIGMASK);
-    }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&_attributes); }
-    SpawnAttributes(const SpawnAttributes &) = delete;
-    SpawnAttributes &operator=(const SpawnAttributes &) = delete;
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    // Without its node the program has nothing left to do, however the daemon ended. One that ended
+    // before this call sends no signal any more.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == parent)
+        execvpe(arguments[0], arguments, environment);
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = write(errorPipe, &error, sizeof(error));
+    _exit(EXIT_FAILURE);
+}
 
-    const posix_spawnattr_t *get() const { return &_attributes; }
-
-private:
-    posix_spawnattr_t _attributes;
-};
+// Negative, and errno set, if the program cannot be started.
+pid_t forkProgram(char *const *arguments, char *const *environment)
+{
+    std::array<int, 2> ends;
+    if (pipe2(ends.data(), O_CLOEXEC) != 0)
+        return -1;
+    const FileDescriptor reader(ends[0]);
+    FileDescriptor writer(ends[1]);
+    const pid_t parent = getpid();
+    const pid_t process = fork();
+    if (process == 0)
+        becomeProgram(arguments, environment, parent, writer.get());
+    writer.reset();
+    int error = 0;
+    if (process < 0 || read(reader.get(), &error, sizeof(error)) != sizeof(error))
+        return process;
+    waitpid(process, nullptr, 0);
+    errno = error;
+    return -1;
+}
 
 } // namespace
 
@@ -96,6 +148,23 @@ std::string findPreloadLibrary()
                              here.string() + "; set SIMNODE_PRELOAD to its path");
 }
 
+PreloadPath::PreloadPath(const std::string &preloadLibrary) : _path(preloadLibrary)
+{
+    requireLoadable(preloadLibrary);
+    if (isTakenAsOne(preloadLibrary))
+        return;
+    _linkFolder = makeLinkFolder(preloadLibrary);
+    _path = _linkFolder / preloadFileName;
+    std::filesystem::create_symlink(preloadLibrary, _path);
+}
+
+PreloadPath::~PreloadPath()
+{
+    std::error_code ignored;
+    if (!_linkFolder.empty())
+        std::filesystem::remove_all(_linkFolder, ignored);
+}
+
 pid_t startProgram(const std::vector<std::string> &commandLine, const std::string &directory,
                    const std::string &preloadLibrary)
 {
@@ -103,12 +172,9 @@ pid_t startProgram(const std::vector<std::string> &commandLine, const std::strin
     std::vector<std::string> environment;
     for (const auto &[name, value] : programEnvironment(directory, preloadLibrary))
         environment.push_back(std::string(name).append("=").append(value));
-    const SpawnAttributes attributes;
-    pid_t process = 0;
-    const int error = posix_spawnp(&process, commandLine.front().c_str(), nullptr, attributes.get(),
-                                   pointersTo(arguments).data(), pointersTo(environment).data());
-    if (error != 0)
-        throw CannotRun("cannot run " + commandLine.front() + ": " + std::strerror(error));
+    const pid_t process = forkProgram(pointersTo(arguments).data(), pointersTo(environment).data());
+    if (process < 0)
+        throw CannotRun("cannot run " + commandLine.front() + ": " + std::strerror(errno));
     return process;
 }
 

@@ -10,7 +10,7 @@ void ScriptRunner::run(Node &node, Node::Time now)
         if (command.subject == Subject::Wait)
             _resumeAt = now + std::chrono::milliseconds(command.quantity);
         else
-            node.execute(command);
+            node.execute(command, now);
     }
 }
 

@@ -2,12 +2,13 @@
 #include "Server.h"
 
 #include "DeviceProtocol.h"
+#include "PollTimeout.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -15,12 +16,25 @@ namespace simnode {
 
 namespace {
 
-constexpr std::size_t maxConnections = 800; // below the usual limit of 1024 descriptors
+// Together below the usual limit of 1024 descriptors. Control clients may stay without a word, so
+// they have a bound of their own that leaves the device its room.
+constexpr std::size_t maxDeviceConnections = 600;
+constexpr std::size_t maxControlConnections = 200;
+constexpr std::size_t maxRefusedHosts = 16;
+
+// The system is out of descriptors or memory: asking again at once would only take its time.
+constexpr std::chrono::milliseconds acceptPause{100};
+
+// As a transfer of its own, before the connection ends.
+constexpr std::string_view hostRefusal = "another host is connected";
+
 constexpr std::size_t maxPacketSize = 3 * maxTransferSize; // `inject` takes two digits a byte
 
 // A small buffer, so that a host that does not read soon stops the device as the bus would. The
 // kernel doubles the value; the largest transfer still fits.
 constexpr int hostSendBufferSize = static_cast<int>(maxTransferSize) / 2 + 1024;
+
+constexpr int callEvents = POLLIN | POLLRDHUP;
 
 Node::Time now()
 {
@@ -38,6 +52,11 @@ bool wouldBlock(int error)
 }
 
 } // namespace
+
+bool Server::isOfDevice(Role role)
+{
+    return role == Role::Device || role == Role::Descriptor;
+}
 
 Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
     : _directory(directory),
@@ -57,8 +76,11 @@ Server::Server(const NodeDirectory &directory, Node &node, ScriptRunner &script)
 bool Server::serveOnce(int signals)
 {
     PollSet polled = pollSet(signals);
-    if (poll(polled.entries.data(), polled.entries.size(), pollTimeout()) < 0)
-        return errno != EINTR && errno != EAGAIN;
+    if (poll(polled.entries.data(), polled.entries.size(), waitTime()) < 0) {
+        if (errno == EINTR || errno == EAGAIN)
+            return false;
+        throw std::runtime_error(std::string("cannot wait for events: ") + std::strerror(errno));
+    }
 
     for (std::size_t i = 0; i < polled.devices.size(); ++i)
         serve(polled.devices[i], polled.events(polled.firstDevice() + i));
@@ -68,9 +90,11 @@ bool Server::serveOnce(int signals)
     for (std::size_t i = 0; i < polled.controls.size(); ++i)
         serve(polled.controls[i], polled.events(PollSet::firstControl + i));
     if (polled.events(PollSet::controlListener) != 0)
-        accept(_controlListener, Role::Control);
+        acceptCaller(_controlListener, Role::Control);
     if (polled.events(PollSet::deviceListener) != 0)
-        accept(_deviceListener, Role::Device);
+        acceptCaller(_deviceListener, Role::Device);
+    if (polled.events(PollSet::directory) != 0)
+        _directory.checkIsThere();
     _script.run(_node, now());
     settle();
     return polled.events(PollSet::signals) != 0;
@@ -82,67 +106,117 @@ Server::PollSet Server::pollSet(int signals) const
     const auto add = [&set](const FileDescriptor &socket, int events) {
         set.entries.push_back({socket.get(), static_cast<short>(events | POLLRDHUP), 0});
     };
-    const int whileThereIsRoom = _connections.size() < maxConnections ? POLLIN : 0;
+    const bool accepts = now() >= _acceptAgain;
     set.entries.push_back({signals, POLLIN, 0});
-    add(_deviceListener, whileThereIsRoom);
-    add(_controlListener, whileThereIsRoom);
+    set.entries.push_back({_directory.watch(), POLLIN, 0});
+    add(_deviceListener, accepts && hasRoomFor(Role::Device) ? POLLIN : 0);
+    add(_controlListener, accepts && hasRoomFor(Role::Control) ? POLLIN : 0);
     for (const auto &[id, connection] : _connections) {
-        if (connection.role == Role::Control) {
+        if (!isOfDevice(connection.role)) {
             set.controls.push_back(id);
             add(connection.socket, POLLIN);
         }
     }
     const int fromHost = _node.takesTransfers() ? POLLIN : 0;
-    const int toHost = _node.transferForHost() != nullptr ? POLLOUT : 0;
-    add(_hostListener, POLLIN);
+    const int toHost = _node.transferForHost(now()) != nullptr ? POLLOUT : 0;
+    add(_hostListener, accepts ? POLLIN : 0);
     add(_host, fromHost | toHost);
     for (const auto &[id, connection] : _connections) {
-        if (connection.role != Role::Control) {
+        if (isOfDevice(connection.role)) {
             set.devices.push_back(id);
-            add(connection.socket, POLLIN);
+            // Its own side is shut down for reading, which POLLIN and POLLRDHUP would tell for
+            // ever.
+            const bool isDescriptor = connection.role == Role::Descriptor;
+            set.entries.push_back(
+                {connection.socket.get(), short(isDescriptor ? 0 : callEvents), 0});
         }
     }
     return set;
 }
 
-// In ms, rounded up: woken too early the loop would spin until the deadline.
-int Server::pollTimeout() const
+int Server::waitTime() const
 {
-    const std::optional<Node::Time> deadlines[] = {_node.nextDeadline(), _script.nextDeadline()};
-    int timeout = -1;
-    for (const std::optional<Node::Time> &deadline : deadlines) {
-        if (!deadline)
-            continue;
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now()).count();
-        const int wait = static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
-        timeout = timeout < 0 ? wait : std::min(timeout, wait);
+    int time = -1;
+    for (const std::optional<Node::Time> &deadline :
+         {_node.nextDeadline(), _script.nextDeadline(), acceptDeadline()}) {
+        if (deadline)
+            time = time < 0 ? pollTimeout(*deadline) : std::min(time, pollTimeout(*deadline));
     }
-    return timeout;
+    return time;
 }
 
-void Server::accept(const FileDescriptor &listener, Role role)
+std::optional<Node::Time> Server::acceptDeadline() const
+{
+    return now() < _acceptAgain ? std::optional<Node::Time>(_acceptAgain) : std::nullopt;
+}
+
+bool Server::hasRoomFor(Role role) const
+{
+    const auto count = [this](Role counted) {
+        const auto found = _counts.find(counted);
+        return found == _counts.end() ? 0 : found->second;
+    };
+    switch (role) {
+    case Role::Control:
+        return count(Role::Control) < maxControlConnections;
+    case Role::RefusedHost:
+        return count(Role::RefusedHost) < maxRefusedHosts;
+    case Role::Device:
+    case Role::Descriptor:
+        break;
+    }
+    return count(Role::Device) + count(Role::Descriptor) < maxDeviceConnections;
+}
+
+// Who cannot be accepted waits in the listener's queue, and is asked for after a pause.
+FileDescriptor Server::accept(const FileDescriptor &listener)
 {
     FileDescriptor socket(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.isOpen())
-        return;
+    if (!socket.isOpen() && !wouldBlock(errno) && errno != EINTR && errno != ECONNABORTED)
+        _acceptAgain = now() + acceptPause;
+    return socket;
+}
+
+void Server::acceptCaller(const FileDescriptor &listener, Role role)
+{
+    FileDescriptor socket = accept(listener);
+    if (socket.isOpen())
+        add(std::move(socket), role);
+}
+
+void Server::add(FileDescriptor socket, Role role)
+{
     Connection connection;
     connection.socket = std::move(socket);
     connection.role = role;
     _connections.emplace(_nextId++, std::move(connection));
+    ++_counts[role];
 }
 
 void Server::acceptHost()
 {
-    FileDescriptor socket(
-        accept4(_hostListener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.isOpen())
+    FileDescriptor socket = accept(_hostListener);
+    if (!socket.isOpen() || !_node.acceptsHost())
         return;
-    if (_host.isOpen() || !_node.acceptsHost())
+    if (_host.isOpen()) {
+        refuseHost(std::move(socket));
         return;
+    }
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &hostSendBufferSize, sizeof(int));
     _host = std::move(socket);
     _node.hostArrived();
     settle();
+}
+
+// The connection stays until the other end closes it: what that has sent meanwhile would else make
+// it miss the text.
+void Server::refuseHost(FileDescriptor socket)
+{
+    if (send(socket.get(), hostRefusal.data(), hostRefusal.size(), MSG_NOSIGNAL) < 0 ||
+        !hasRoomFor(Role::RefusedHost))
+        return;
+    shutdown(socket.get(), SHUT_WR);
+    add(std::move(socket), Role::RefusedHost);
 }
 
 void Server::serveHost(short events)
@@ -162,7 +236,7 @@ void Server::takeTransfer()
                      size, maxTransferSize);
         dropHost();
     } else if (size >= 0) {
-        _node.transferFromHost(_buffer.substr(0, static_cast<std::size_t>(size)));
+        _node.transferFromHost(_buffer.substr(0, static_cast<std::size_t>(size)), now());
     }
 }
 
@@ -201,6 +275,7 @@ void Server::serveDevice(ConnectionId id, std::string_view packet)
         return;
     }
     std::memcpy(&request, packet.data(), sizeof(request));
+    _connections.at(id).handle = request.handle;
     _node.submit(id, request, std::string(packet.substr(sizeof(request))), now());
 }
 
@@ -208,7 +283,7 @@ void Server::serveControl(ConnectionId id, std::string_view packet)
 {
     const ParsedCommand parsed = parseCommand(packet);
     const std::string answer =
-        parsed.command ? _node.execute(*parsed.command) : "error: " + parsed.error;
+        parsed.command ? _node.execute(*parsed.command, now()) : "error: " + parsed.error;
     settle();
     const ssize_t sent =
         send(_connections.at(id).socket.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
@@ -222,8 +297,20 @@ void Server::end(ConnectionId id)
     if (found->second.role == Role::Device)
         _node.abandon(id);
     else if (found->second.role == Role::Descriptor)
-        _node.release(found->second.handle);
-    _connections.erase(found);
+        release(found->second.handle);
+    forget(found);
+}
+
+void Server::release(std::uint32_t handle)
+{
+    _node.release(handle);
+    _readable.erase(handle);
+}
+
+void Server::forget(Connections::iterator connection)
+{
+    --_counts[connection->second.role];
+    _connections.erase(connection);
 }
 
 void Server::dropHost()
@@ -240,6 +327,7 @@ void Server::settle()
     sendTransfers();
     _node.advance(now());
     sendReplies();
+    showWaitingTransfers();
 }
 
 // With the cable out the socket's name stays and refuses connections.
@@ -255,7 +343,7 @@ void Server::followCable()
 
 void Server::sendTransfers()
 {
-    while (const std::string *transfer = _node.transferForHost()) {
+    while (const std::string *transfer = _node.transferForHost(now())) {
         if (send(_host.get(), transfer->data(), transfer->size(), MSG_NOSIGNAL) >= 0) {
             _node.hostTookTransfer();
         } else {
@@ -268,29 +356,50 @@ void Server::sendTransfers()
 
 void Server::sendReplies()
 {
-    for (const Node::Reply &reply : _node.takeReplies())
-        sendReply(reply);
+    for (Node::Reply &reply : _node.takeReplies())
+        sendReply(std::move(reply));
 }
 
-void Server::sendReply(const Node::Reply &reply)
+void Server::sendReply(Node::Reply reply)
 {
     const auto found = _connections.find(reply.call);
     if (found == _connections.end())
         return;
-    iovec parts[2] = {{const_cast<DeviceReply *>(&reply.header), sizeof(reply.header)},
-                      {const_cast<char *>(reply.data.data()), reply.data.size()}};
+    const std::uint32_t handle = found->second.handle;
+    reply.header.isDrained = _readable.count(handle) != 0 && !_node.isReadable(handle) ? 1 : 0;
+    iovec parts[2] = {{&reply.header, sizeof(reply.header)},
+                      {reply.data.data(), reply.data.size()}};
     msghdr message = {};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
+    if (reply.header.handle != 0)
+        becomeDescriptor(found->second);
     const bool isSent = sendmsg(found->second.socket.get(), &message, MSG_NOSIGNAL) >= 0;
-    if (reply.header.handle == 0) {
-        _connections.erase(found);
-        return;
-    }
-    found->second.role = Role::Descriptor;
-    found->second.handle = reply.header.handle;
-    if (!isSent)
+    if (isSent && reply.header.isDrained != 0)
+        _readable.erase(handle);
+    if (!isSent || reply.header.handle == 0)
         end(reply.call);
+}
+
+// What a program sends here on its own, around the preload library, is to fail and not to be lost.
+void Server::becomeDescriptor(Connection &connection)
+{
+    --_counts[Role::Device];
+    ++_counts[Role::Descriptor];
+    connection.role = Role::Descriptor;
+    shutdown(connection.socket.get(), SHUT_RD);
+}
+
+// An empty packet makes a descriptor readable for poll and its like, until a reply takes it back.
+void Server::showWaitingTransfers()
+{
+    for (const auto &[id, connection] : _connections) {
+        const bool isNew = connection.role == Role::Descriptor &&
+                           _readable.count(connection.handle) == 0 &&
+                           _node.isReadable(connection.handle);
+        if (isNew && send(connection.socket.get(), "", 0, MSG_NOSIGNAL) == 0)
+            _readable.insert(connection.handle);
+    }
 }
 
 } // namespace simnode

@@ -7,23 +7,22 @@
 #include "Server.h"
 #include "SimNodeControl.h"
 
-#include <CLI/CLI.hpp>
+#include <ProgramOptions.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <random>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 
 namespace {
 
 using namespace simnode;
+using programoptions::exitUsage;
 
 constexpr int exitFailure = 1;
-constexpr int exitUsage = 2;
 constexpr int exitCannotRun = 127; // as a shell
 
 struct Options
@@ -89,7 +88,7 @@ struct Daemon
     explicit Daemon(const Options &options)
         : script(loadScript(options.scriptPath)),
           directory(options.directory),
-          node(std::random_device()(), options.timeoutResult == "error"),
+          node(options.timeoutResult == "error"),
           server(directory, node, script)
     {
     }
@@ -104,6 +103,7 @@ struct Daemon
 int serve(const Options &options)
 {
     Daemon daemon(options);
+    daemon.directory.keep();
     std::cout << "simnode ready in " << daemon.directory.path() << std::endl;
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
@@ -132,9 +132,11 @@ std::optional<int> exitStatus(pid_t program)
 
 int run(const Options &options)
 {
-    const std::string preloadLibrary = findPreloadLibrary();
+    const PreloadPath preloadLibrary(findPreloadLibrary());
     Daemon daemon(options);
-    const pid_t program = startProgram(options.words, daemon.directory.path(), preloadLibrary);
+    const pid_t program =
+        startProgram(options.words, daemon.directory.path(), preloadLibrary.get());
+    daemon.directory.keep();
     for (;;) {
         if (!daemon.server.serveOnce(daemon.signals.descriptor()))
             continue;
@@ -160,54 +162,47 @@ int control(const Options &options)
 void addNodeOptions(CLI::App *command, Options &options)
 {
     command->add_option("--script", options.scriptPath, "Commands to execute from the start")
-        ->check(CLI::ExistingFile)
         ->type_name("FILE");
-    command
-        ->add_option("--timeout-result", options.timeoutResult,
-                     "What a read returns after its time-out: 0, or -1 with ETIMEDOUT")
-        ->check(CLI::IsMember({"zero", "error"}))
-        ->capture_default_str();
-}
-
-std::string whyNoFolder(const std::string &path)
-{
-    return path.empty() ? "the folder's name is empty; it should be the path of a folder" : "";
+    programoptions::addChoice(*command, "--timeout-result", options.timeoutResult,
+                              {"zero", "error"},
+                              "What a read returns after its time-out: 0, or -1 with ETIMEDOUT");
 }
 
 CLI::Option *addDirectoryOption(CLI::App *command, Options &options, const std::string &help)
 {
-    return command->add_option("--dir", options.directory, help)
-        ->check(whyNoFolder)
-        ->type_name("DIR");
+    const auto take = [&options](const std::string &text) {
+        if (text.empty())
+            programoptions::refuse("--dir", "the path of a folder", text);
+        options.directory = text;
+    };
+    return command->add_option_function<std::string>("--dir", take, help)->type_name("DIR");
 }
 
-CLI::App *addServe(CLI::App &application, Options &options)
+void addServe(CLI::App &application, Options &options)
 {
     CLI::App *command = application.add_subcommand("serve", "Run the node until SIGINT or SIGTERM");
     addDirectoryOption(command, options, "Folder of the node's sockets")->required();
     addNodeOptions(command, options);
-    return command;
 }
 
-CLI::App *addRun(CLI::App &application, Options &options)
+void addRun(CLI::App &application, Options &options)
 {
     CLI::App *command = application.add_subcommand(
         "run", "Run a program with a node of its own: run [OPTIONS] -- PROGRAM ARG...");
-    addDirectoryOption(command, options,
-                       "Folder of the node's sockets; by default a new one, removed at the end");
+    addDirectoryOption(command, options, "Folder of the node's sockets")
+        ->default_str("a new one, removed at the end");
     addNodeOptions(command, options);
     command->add_option("PROGRAM", options.words, "The program and its arguments, after --")
         ->required();
-    return command;
 }
 
-CLI::App *addControl(CLI::App &application, Options &options)
+void addControl(CLI::App &application, Options &options)
 {
     CLI::App *command = application.add_subcommand("control", "Send one command to a running node");
     addDirectoryOption(command, options, "Folder of the node's sockets")->required();
     command->add_option("COMMAND", options.words, "The command's words, for example: read fail EIO")
         ->required();
-    return command;
+    command->footer("Commands, which man simnode explains:\n" + commandUsages());
 }
 
 int dispatch(const CLI::App &application, const Options &options)
@@ -223,17 +218,13 @@ int parseAndDispatch(int argc, char **argv)
 {
     Options options;
     CLI::App application("A simulated /dev/brn7200 for machines without the hardware", "simnode");
-    application.failure_message(CLI::FailureMessage::help);
+    programoptions::prepare(application);
     addServe(application, options);
     addRun(application, options);
     addControl(application, options);
-    try {
-        application.parse(argc, argv);
-        // Not left to the parser, which would hide a misspelt subcommand behind a missing one.
-        if (application.get_subcommands().empty())
-            throw CLI::RequiredError("A subcommand");
-    } catch (const CLI::ParseError &error) {
-        return application.exit(error) == 0 ? EXIT_SUCCESS : exitUsage;
+    if (const auto ending = programoptions::parse(application, {argv, argv + argc})) {
+        ending->print();
+        return ending->status;
     }
     return dispatch(application, options);
 }

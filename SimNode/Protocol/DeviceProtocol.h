@@ -16,21 +16,27 @@ constexpr const char *hostSocketName = "host";
 constexpr const char *controlSocketName = "control";
 
 constexpr std::size_t maxTransferSize = 65536;
-constexpr std::uint32_t protocolVersion = 1;
+constexpr std::uint32_t protocolVersion = 2;
 
 constexpr std::uint32_t setWriteTimeoutRequest = 0x5301;
 constexpr std::uint32_t setReadTimeoutRequest = 0x5302;
 
-enum class Call : std::uint32_t { Open = 1, Read = 2, Write = 3, Ioctl = 4 };
+// What the program's end of a descriptor is bound to, in the abstract namespace and with the handle
+// in eight hexadecimal digits behind it: so a copy that came from another program tells its handle.
+constexpr char descriptorNamePrefix[] = "\0simnode-";
+
+enum class Call : std::uint32_t { Open = 1, Read = 2, Write = 3, Ioctl = 4, Close = 5 };
 
 // Each system call goes over a connection of its own. The connection of an `open` that succeeds
 // stays and is the program's descriptor; the connection of any other call ends with the call, and
 // its early end tells the daemon that the calling thread was cancelled, interrupted or killed.
+// On a descriptor's connection the daemon sends nothing but an empty packet while a transfer waits,
+// by which poll and its like see it.
 struct DeviceRequest
 {
     std::uint32_t version;
     Call call;
-    std::uint32_t handle;   // from the reply to Open; 0 in Open itself
+    std::uint32_t handle;   // of the descriptor, chosen by the program that opens it; not 0
     std::uint32_t argument; // Open: flags; Read: size of the buffer; Ioctl: request
     std::uint32_t value;    // Ioctl: argument
 };
@@ -38,11 +44,12 @@ struct DeviceRequest
 struct DeviceReply
 {
     std::int32_t result;
-    std::int32_t error; // errno where result is -1
-    std::uint32_t handle;
+    std::int32_t error;      // errno where result is -1
+    std::uint32_t handle;    // of the descriptor that is open now; 0 after any other call
+    std::uint32_t isDrained; // 1: no transfer waits any more, the empty packet is to be taken out
 };
 
-static_assert(sizeof(DeviceRequest) == 20 && sizeof(DeviceReply) == 12, "the same on any machine");
+static_assert(sizeof(DeviceRequest) == 20 && sizeof(DeviceReply) == 16, "the same on any machine");
 
 } // namespace simnode
 

@@ -24,14 +24,14 @@ inline Outcome outcome(const Node::Reply &reply)
 class Bench
 {
 public:
-    explicit Bench(bool timeoutIsError = false) : node(100, timeoutIsError)
+    explicit Bench(bool timeoutIsError = false) : node(timeoutIsError)
     {
         handle = open().header.handle;
     }
 
     Node::Reply open(std::uint32_t flags = readWrite)
     {
-        return replyTo(submit({protocolVersion, Call::Open, 0, flags, 0}));
+        return replyTo(submit({protocolVersion, Call::Open, ++_lastHandle, flags, 0}));
     }
 
     Node::CallId submit(const DeviceRequest &request, const std::string &data = {})
@@ -55,6 +55,8 @@ public:
         return submit({protocolVersion, Call::Ioctl, handle, request, value});
     }
 
+    Node::CallId close() { return submit({protocolVersion, Call::Close, handle, 0, 0}); }
+
     void pass(std::chrono::milliseconds time)
     {
         now += time;
@@ -70,14 +72,16 @@ public:
     // The reply's call is 0 if there is none.
     Node::Reply replyTo(Node::CallId call)
     {
-        return hasReplyTo(call) ? _replies.at(call) : Node::Reply{0, {-2, 0, 0}, {}};
+        return hasReplyTo(call) ? _replies.at(call) : Node::Reply{0, {-2, 0, 0, 0}, {}};
     }
 
-    std::string command(const char *line) { return node.execute(*parseCommand(line).command); }
+    std::string command(const char *line) { return node.execute(*parseCommand(line).command, now); }
+
+    void transferFromHost(const std::string &transfer) { node.transferFromHost(transfer, now); }
 
     std::string takeTransfer()
     {
-        const std::string *transfer = node.transferForHost();
+        const std::string *transfer = node.transferForHost(now);
         if (transfer == nullptr)
             return "(none)";
         const std::string taken = *transfer;
@@ -97,6 +101,7 @@ private:
     }
 
     Node::CallId _lastCall = 0;
+    std::uint32_t _lastHandle = 100;
     std::map<Node::CallId, Node::Reply> _replies;
 };
 

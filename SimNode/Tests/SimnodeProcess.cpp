@@ -67,7 +67,9 @@ Probe::Probe(const QString &directory, const QStringList &calls)
 {
     QProcessEnvironment environment = cleanEnvironment();
     environment.insert(directoryVariable, directory);
-    environment.insert("LD_PRELOAD", SIMNODE_PRELOAD_LIBRARY);
+    const QString library = _link.filePath("preload.so");
+    QFile::link(SIMNODE_PRELOAD_LIBRARY, library);
+    environment.insert("LD_PRELOAD", library);
     QString options = environment.value("ASAN_OPTIONS");
     options += (options.isEmpty() ? "" : ":") + QString("verify_asan_link_order=0");
     environment.insert("ASAN_OPTIONS", options);

@@ -55,6 +55,10 @@ public:
     QByteArray output();
 
     ForkedProcess process;
+
+private:
+    // The loader takes no path with a blank or a colon, which the build folder's may have.
+    QTemporaryDir _link;
 };
 
 bool waitForStatus(const QString &directory, const char *key, const char *value);

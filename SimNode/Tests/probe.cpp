@@ -11,10 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr const char *inheritedNode = "SIMNODE_PROBE_NODE";
 
 int node = -1;
 
@@ -35,14 +38,27 @@ void perform(const char *call)
         tell(call, write(node, "x", 1));
     else if (std::strcmp(call, "close") == 0)
         tell(call, close(node));
+    else if (std::strcmp(call, "inherit") == 0)
+        node = std::atoi(std::getenv(inheritedNode));
     else
         tell("timeout", ioctl(node, simnode::setReadTimeoutRequest, std::atoi(call)));
+}
+
+// Keeps the node open for the program that it becomes.
+void becomeOther(char **commandLine)
+{
+    setenv(inheritedNode, std::to_string(node).c_str(), 1);
+    execvp(commandLine[0], commandLine);
+    tell("exec", -1);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    for (int i = 1; i < argc; ++i)
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "exec") == 0)
+            becomeOther(argv + i + 1);
         perform(argv[i]);
+    }
 }

@@ -48,6 +48,9 @@ void TestCommand::everyCommandOfTheTableIsUnderstood_data()
     row("node missing", Subject::Node, Verb::Missing);
     row("node present", Subject::Node, Verb::Present);
     row("open fail EBUSY", Subject::Open, Verb::Fail);
+    row("open fail EBUSY 2", Subject::Open, Verb::Fail);
+    row("open stuck", Subject::Open, Verb::Stuck);
+    row("open stuck 3", Subject::Open, Verb::Stuck);
     row("open ok", Subject::Open, Verb::Ok);
     row("read stuck", Subject::Read, Verb::Stuck);
     row("read stuck 2", Subject::Read, Verb::Stuck);
@@ -59,6 +62,11 @@ void TestCommand::everyCommandOfTheTableIsUnderstood_data()
     row("write short 4", Subject::Write, Verb::Short);
     row("write zero", Subject::Write, Verb::Zero);
     row("write ok", Subject::Write, Verb::Ok);
+    row("ioctl fail EIO", Subject::Ioctl, Verb::Fail);
+    row("ioctl ok", Subject::Ioctl, Verb::Ok);
+    row("close fail EIO 1", Subject::Close, Verb::Fail);
+    row("close ok", Subject::Close, Verb::Ok);
+    row("latency 20", Subject::Latency);
     row("timeout zero", Subject::Timeout, Verb::Zero);
     row("timeout error", Subject::Timeout, Verb::Error);
     row("merge 2", Subject::Merge);
@@ -110,6 +118,7 @@ void TestCommand::quantitiesAreTakenAsGiven()
     QCOMPARE(parsed("merge 3").quantity, 3u);
     QCOMPARE(parsed("split 65536").quantity, 65536u);
     QCOMPARE(parsed("wait 2500").quantity, 2500u);
+    QCOMPARE(parsed("latency 15").quantity, 15u);
 }
 
 void TestCommand::injectedBytesAreReadFromHexadecimal()
@@ -168,9 +177,11 @@ void TestCommand::faultyCommandsSayWhyAndHowItShouldBe_data()
     row("inject", "a word is missing", "inject HEX");
     row("inject abc", "two hexadecimal digits", "inject HEX");
     row("inject 0g", "'0g' is no hexadecimal byte", "inject HEX");
-    row("on read 1", "a word is missing", "on open|read|write K COMMAND");
-    row("on close 1 status", "'close' is no call", "on open|read|write K COMMAND");
-    row("on read 0 status", "'0' is no number from 1", "on open|read|write K COMMAND");
+    row("on read 1", "a word is missing", "on open|read|write|ioctl|close K COMMAND");
+    row("on poll 1 status", "'poll' is no call", "on open|read|write|ioctl|close K COMMAND");
+    row("ioctl stuck", "'stuck' does not follow 'ioctl'", "ioctl fail ERRNO [N] | ioctl ok");
+    row("latency", "a word is missing", "latency MS");
+    row("on read 0 status", "'0' is no number from 1", "on open|read|write|ioctl|close K COMMAND");
     row("on read 1 fly", "'fly' is no command", "node, open, read");
     row("on read 1 wait 5", "'wait' cannot follow 'on'", "a line of its own");
     row("wait", "a word is missing", "wait MS");

@@ -19,7 +19,7 @@ class TestContractControl : public ContractTest
 
 private slots:
     void theHostIsSeenPluggedWhileConnected();
-    void aSecondHostIsTurnedAway();
+    void aSecondHostIsTold();
     void aHostMayComeBackAtOnce();
     void unreadTransfersAreDroppedWhenTheHostGoes();
     void thePulledCableClosesAndRefusesTheHost();
@@ -27,6 +27,9 @@ private slots:
     void stuckReadsNeverAnswer();
     void stuckWritesNeverAnswer();
     void writeCanFailOrBeShortOrZero();
+    void anOpenCanBlock();
+    void ioctlAndCloseCanFail();
+    void transfersTakeTheirLatencyBothWays();
     void transfersCanBeMerged();
     void transfersCanBeSplit();
     void transfersCanBeInjectedWithoutAHost();
@@ -46,12 +49,14 @@ void TestContractControl::theHostIsSeenPluggedWhileConnected()
     QVERIFY(waitForStatus("host", "0"));
 }
 
-void TestContractControl::aSecondHostIsTurnedAway()
+void TestContractControl::aSecondHostIsTold()
 {
     DeviceNode node;
     HostSocket first(_directory);
     QVERIFY(waitForStatus("host", "1"));
     HostSocket second(_directory);
+    second.trySend("not lost on the way to the text");
+    QCOMPARE(second.receive(), std::string("another host is connected"));
     QCOMPARE(second.receive(), std::string("(closed)"));
     QCOMPARE(node.write("x"), Outcome(1, 0));
     QCOMPARE(first.receive(), std::string("x"));
@@ -167,6 +172,51 @@ void TestContractControl::writeCanFailOrBeShortOrZero()
     QCOMPARE(control("write ok"), std::string("ok"));
     QCOMPARE(node.write("kept"), Outcome(4, 0));
     QCOMPARE(host.receive(), std::string("kept"));
+}
+
+void TestContractControl::anOpenCanBlock()
+{
+    QCOMPARE(control("open stuck 1"), std::string("ok"));
+    Child stuck([] { return DeviceNode().fd(); });
+    QVERIFY(waitForStatus("opens", "1"));
+    DeviceNode node;
+    QVERIFY(node.fd() >= 0);
+    node.setReadTimeout(20);
+    QCOMPARE(node.readOutcome(), Outcome(0, 0));
+    QVERIFY(stuck.isRunning());
+    QCOMPARE(_control->statusValue("descriptors"), std::string("1"));
+}
+
+void TestContractControl::ioctlAndCloseCanFail()
+{
+    DeviceNode node;
+    QCOMPARE(control("ioctl fail EIO 1"), std::string("ok"));
+    QCOMPARE(node.setReadTimeout(20), Outcome(-1, EIO));
+    QCOMPARE(node.setReadTimeout(20), Outcome(0, 0));
+    QCOMPARE(control("close fail EINTR 1"), std::string("ok"));
+    const int other = open(nodePath, O_RDWR);
+    QCOMPARE(outcomeOf([&] { return close(other); }), Outcome(-1, EINTR));
+    QVERIFY(waitForStatus("descriptors", "1"));
+    QCOMPARE(outcomeOf([&] { return close(other); }), Outcome(-1, EBADF));
+}
+
+void TestContractControl::transfersTakeTheirLatencyBothWays()
+{
+    constexpr qint64 latency = 60;
+    DeviceNode node;
+    HostSocket host(_directory);
+    QVERIFY(waitForStatus("host", "1"));
+    QCOMPARE(control("latency " + std::to_string(latency)), std::string("ok"));
+    QElapsedTimer timer;
+    timer.start();
+    QCOMPARE(node.write("up"), Outcome(2, 0));
+    QCOMPARE(host.receive(), std::string("up"));
+    const qint64 up = timer.restart();
+    QVERIFY(host.send("down"));
+    QCOMPARE(node.read(), std::string("down"));
+    const qint64 down = timer.elapsed();
+    QVERIFY2(up >= latency - 1, qPrintable(QString::number(up)));
+    QVERIFY2(down >= latency - 1, qPrintable(QString::number(down)));
 }
 
 void TestContractControl::transfersCanBeMerged()

@@ -19,6 +19,15 @@ void *writeForEver(void *node)
     return nullptr;
 }
 
+// Cancelled when the close begins.
+void *closeWhenCancelled(void *node)
+{
+    pthread_cancel(pthread_self());
+    close(*static_cast<int *>(node));
+    pthread_testcancel();
+    return nullptr;
+}
+
 bool cancels(pthread_t thread)
 {
     void *result = nullptr;
@@ -40,6 +49,7 @@ class TestContractKilledTransfers : public ContractTest
 
 private slots:
     void cancelledThreadsLeaveNothingBehind();
+    void aCancelledThreadEndsItsClose();
 };
 
 void TestContractKilledTransfers::cancelledThreadsLeaveNothingBehind()
@@ -62,6 +72,20 @@ void TestContractKilledTransfers::cancelledThreadsLeaveNothingBehind()
     QCOMPARE(node.read(), std::string("kept"));
     QCOMPARE(node.write("first"), Outcome(5, 0));
     QCOMPARE(host.receive(), std::string("first"));
+}
+
+void TestContractKilledTransfers::aCancelledThreadEndsItsClose()
+{
+    const int lowest = lowestFreeDescriptor();
+    int node = open(nodePath, O_RDWR);
+    QVERIFY(node >= 0);
+    pthread_t closer;
+    QCOMPARE(pthread_create(&closer, nullptr, closeWhenCancelled, &node), 0);
+    void *result = nullptr;
+    QCOMPARE(pthread_join(closer, &result), 0);
+    QVERIFY(result == PTHREAD_CANCELED);
+    QCOMPARE(lowestFreeDescriptor(), lowest);
+    QVERIFY(waitForStatus("descriptors", "0"));
 }
 
 QTEST_GUILESS_MAIN(TestContractKilledTransfers)

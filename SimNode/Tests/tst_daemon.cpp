@@ -9,8 +9,46 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace simnode;
+
+namespace {
+
+// The fields of /proc/PID/stat behind the program's name.
+QList<QByteArray> statusOf(qint64 process)
+{
+    QFile file("/proc/" + QString::number(process) + "/stat");
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("cannot read %s", qPrintable(file.fileName()));
+    const QByteArray text = file.readAll();
+    return text.mid(text.lastIndexOf(')') + 2).split(' ');
+}
+
+bool waitsForEvents(qint64 process)
+{
+    return statusOf(process)[0] == "S";
+}
+
+// Milliseconds of the processor.
+qint64 timeUsedBy(qint64 process)
+{
+    const QList<QByteArray> fields = statusOf(process);
+    return (fields[11].toLongLong() + fields[12].toLongLong()) * 1000 / sysconf(_SC_CLK_TCK);
+}
+
+// With as many descriptors as it has open the process gets no further one.
+rlimit limitReachedBy(qint64 process, rlimit limit)
+{
+    limit.rlim_cur =
+        static_cast<rlim_t>(entriesOf("/proc/" + QString::number(process) + "/fd").size());
+    return limit;
+}
+
+} // namespace
 
 /// `simnode serve`: its folder, its script, and what meets its sockets.
 class TestDaemon : public QObject
@@ -25,11 +63,23 @@ private slots:
     void theSocketsOfACrashedDaemonAreReplaced();
     void aFolderWithTooLongANameIsRefused();
     void aFolderThatCannotBeMadeIsRefused();
+    void aFolderThatOthersMayWriteIsRefused_data();
+    void aFolderThatOthersMayWriteIsRefused();
+    void aFolderOfAnotherUserIsRefused();
+    void theSocketsAreForTheUserOnly_data();
+    void theSocketsAreForTheUserOnly();
+    void nothingIsLeftBehindWhenTheStartFails();
     void filesThatAreNoSocketsAreNotRemoved();
+    void aDaemonWhoseFolderIsGoneSaysSo_data();
+    void aDaemonWhoseFolderIsGoneSaysSo();
+    void anOlderDaemonLeavesTheSocketsOfANewerOneAlone();
+    void clientsThatCannotBeAcceptedCostNoTime();
+    void idleControlClientsLeaveRoomForTheDevice();
     void theScriptRunsBeforeTheNodeIsReady();
     void waitInAScriptDelaysTheLinesBehindIt();
     void aFaultyScriptIsAWrongCommandLine();
     void theTimeoutResultCanBeChosenAtStart();
+    void aDescriptorKeptAcrossExecIsTheNode();
     void aDeadDaemonEndsAWaitingCallWithAnError();
     void anotherDaemonDoesNotKnowOldDescriptors();
     void hostTransfersBeyondTheLimitEndTheConnection();
@@ -113,6 +163,167 @@ void TestDaemon::aFolderThatCannotBeMadeIsRefused()
     QVERIFY2(result.errors.contains("No such file or directory"), result.errors);
 }
 
+void TestDaemon::aFolderThatOthersMayWriteIsRefused_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("group") << 0770;
+    QTest::newRow("all") << 0702;
+    QTest::newRow("all, but for the files of others") << 01777;
+}
+
+void TestDaemon::aFolderThatOthersMayWriteIsRefused()
+{
+    QFETCH(int, mode);
+    QTemporaryDir folder;
+    QCOMPARE(chmod(folder.path().toUtf8(), static_cast<mode_t>(mode)), 0);
+    const Result result = runSimnode({"run", "--dir", folder.path(), "--", "true"});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.errors.contains("others may write into the folder"), result.errors);
+    QCOMPARE(entriesOf(folder.path()), QStringList());
+}
+
+void TestDaemon::aFolderOfAnotherUserIsRefused()
+{
+    QTemporaryDir folder;
+    const bool isRoot = geteuid() == 0;
+    QVERIFY(!isRoot || chown(folder.path().toUtf8(), 65534, 65534) == 0);
+    const QString foreign = isRoot ? folder.path() : "/usr";
+    const Result result = runSimnode({"run", "--dir", foreign, "--", "true"});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.errors.contains(foreign.toUtf8() + " belongs to another user"), result.errors);
+}
+
+void TestDaemon::theSocketsAreForTheUserOnly_data()
+{
+    QTest::addColumn<int>("mask");
+    QTest::newRow("a mask that forbids nothing") << 0;
+    QTest::newRow("a mask that forbids everything") << 0777;
+}
+
+void TestDaemon::theSocketsAreForTheUserOnly()
+{
+    QFETCH(int, mask);
+    QTemporaryDir folder;
+    const QString directory = folder.filePath("new");
+    const mode_t before = umask(static_cast<mode_t>(mask));
+    Daemon daemon(directory);
+    umask(before);
+    QVERIFY(daemon.isReady());
+    SimNodeControl control(directory.toStdString());
+    QCOMPARE(control.command("cable out"), std::string("ok"));
+    QCOMPARE(control.command("cable in"), std::string("ok"));
+    const auto modeOf = [](const QString &path) {
+        struct stat status = {};
+        return stat(path.toUtf8(), &status) == 0 ? static_cast<int>(status.st_mode & 07777) : -1;
+    };
+    QCOMPARE(modeOf(directory), 0700);
+    QCOMPARE(entriesOf(directory), (QStringList{"control", "device", "host"}));
+    for (const QString &name : entriesOf(directory))
+        QCOMPARE(modeOf(directory + "/" + name), 0600);
+}
+
+void TestDaemon::nothingIsLeftBehindWhenTheStartFails()
+{
+    QTemporaryDir folder;
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("TMPDIR", folder.path());
+    for (const QStringList &arguments :
+         {QStringList{"serve", "--dir", folder.filePath(QString(100, 'x'))},
+          QStringList{"run", "--dir", folder.filePath("new"), "--", "/no/such/program"},
+          QStringList{"run", "--", "/no/such/program"}}) {
+        QVERIFY(runSimnode(arguments, environment).exitCode > 0);
+        QCOMPARE(entriesOf(folder.path()), QStringList());
+    }
+    QTemporaryDir deep(folder.filePath(QString(100, 'x') + "-XXXXXX"));
+    environment.insert("TMPDIR", deep.path());
+    QCOMPARE(runSimnode({"run", "--", "true"}, environment).exitCode, 1);
+    QCOMPARE(entriesOf(deep.path()), QStringList());
+}
+
+void TestDaemon::aDaemonWhoseFolderIsGoneSaysSo_data()
+{
+    QTest::addColumn<bool>("isMoved");
+    QTest::newRow("removed") << false;
+    QTest::newRow("moved") << true;
+}
+
+void TestDaemon::aDaemonWhoseFolderIsGoneSaysSo()
+{
+    QFETCH(bool, isMoved);
+    QTemporaryDir folder;
+    const QString directory = folder.filePath("node");
+    Daemon daemon(directory);
+    QVERIFY(daemon.isReady());
+    QVERIFY(isMoved ? QDir().rename(directory, folder.filePath("moved"))
+                    : QDir(directory).removeRecursively());
+    const Result result = finish(daemon.process);
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.errors.contains(directory.toUtf8() + " was removed or moved"), result.errors);
+}
+
+void TestDaemon::anOlderDaemonLeavesTheSocketsOfANewerOneAlone()
+{
+    QTemporaryDir folder;
+    const QString directory = folder.filePath("node");
+    Daemon older(directory);
+    QVERIFY(older.isReady());
+    const auto process = static_cast<pid_t>(older.process.processId());
+    QCOMPARE(kill(process, SIGSTOP), 0);
+    QVERIFY(QDir(directory).removeRecursively());
+    Daemon newer(directory);
+    QVERIFY(newer.isReady());
+    QCOMPARE(kill(process, SIGTERM), 0);
+    QCOMPARE(kill(process, SIGCONT), 0);
+    QVERIFY(older.process.waitForFinished(waitTime));
+    QCOMPARE(entriesOf(directory), (QStringList{"control", "device", "host"}));
+    QVERIFY(waitForStatus(directory, "node", "present"));
+}
+
+void TestDaemon::clientsThatCannotBeAcceptedCostNoTime()
+{
+    QTemporaryDir folder;
+    Daemon daemon(folder.path());
+    QVERIFY(daemon.isReady());
+    const auto process = static_cast<pid_t>(daemon.process.processId());
+    SimNodeControl accepted(folder.path().toStdString());
+    QCOMPARE(accepted.command("reset"), std::string("ok"));
+    rlimit before = {};
+    QCOMPARE(prlimit(process, RLIMIT_NOFILE, nullptr, &before), 0);
+    const rlimit noMore = limitReachedBy(process, before);
+    QCOMPARE(prlimit(process, RLIMIT_NOFILE, &noMore, nullptr), 0);
+
+    SimNodeControl waiting(folder.path().toStdString());
+    HostSocket host(folder.path().toStdString());
+    const qint64 usedBefore = timeUsedBy(process);
+    constexpr int period = 500; // ms
+    QTest::qWait(period);
+    const qint64 used = timeUsedBy(process) - usedBefore;
+    QVERIFY2(used < period / 5, qPrintable(QString::number(used)));
+    QCOMPARE(accepted.command("reset"), std::string("ok"));
+
+    QCOMPARE(prlimit(process, RLIMIT_NOFILE, &before, nullptr), 0);
+    QCOMPARE(waiting.command("reset"), std::string("ok"));
+    QVERIFY(waitForStatus(folder.path(), "host", "1"));
+}
+
+void TestDaemon::idleControlClientsLeaveRoomForTheDevice()
+{
+    QTemporaryDir folder;
+    Daemon daemon(folder.path());
+    QVERIFY(daemon.isReady());
+    constexpr std::size_t clients = 850; // below the limit of 1024 descriptors here
+    std::vector<std::unique_ptr<SimNodeControl>> idle;
+    idle.reserve(clients);
+    while (idle.size() < clients)
+        idle.push_back(std::make_unique<SimNodeControl>(folder.path().toStdString()));
+    QVERIFY(QTest::qWaitFor([&] { return waitsForEvents(daemon.process.processId()); }, waitTime));
+    QCOMPARE(Probe(folder.path(), {"open", "10", "read", "close"}).output(),
+             QByteArray("open 0 -\ntimeout 0 -\nread 0 -\nclose 0 -\n"));
+    QCOMPARE(idle.front()->command("reset"), std::string("ok"));
+    idle.erase(idle.begin(), idle.end() - 1);
+    QCOMPARE(idle.back()->command("reset"), std::string("ok"));
+}
+
 void TestDaemon::filesThatAreNoSocketsAreNotRemoved()
 {
     QTemporaryDir folder;
@@ -175,6 +386,18 @@ void TestDaemon::theTimeoutResultCanBeChosenAtStart()
              QByteArray("open 0 -\ntimeout 0 -\nread 0 -\n"));
     QCOMPARE(runSimnode(QStringList{"run", "--timeout-result", "error"} + calls).output,
              QByteArray("open 0 -\ntimeout 0 -\nread -1 ETIMEDOUT\n"));
+}
+
+void TestDaemon::aDescriptorKeptAcrossExecIsTheNode()
+{
+    QTemporaryDir folder;
+    const QString script = writeFile(folder, "script", "inject 616263\n");
+    Daemon daemon(folder.filePath("node"), {"--script", script});
+    QVERIFY(daemon.isReady());
+    Probe probe(folder.filePath("node"), QStringList{"open", "exec"} + wordsToRun(SIMNODE_PROBE) +
+                                             QStringList{"inherit", "20", "read", "read", "close"});
+    QCOMPARE(probe.output(), QByteArray("open 0 -\ntimeout 0 -\nread 3 -\nread 0 -\nclose 0 -\n"));
+    QVERIFY(waitForStatus(folder.filePath("node"), "descriptors", "0"));
 }
 
 void TestDaemon::aDeadDaemonEndsAWaitingCallWithAnError()

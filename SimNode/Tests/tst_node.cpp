@@ -4,7 +4,6 @@
 #include <QtTest>
 
 #include <cerrno>
-#include <set>
 
 using namespace simnode;
 using namespace std::chrono_literals;
@@ -19,6 +18,7 @@ private slots:
     void unknownCallsAreRefused();
     void unknownHandlesMeanThatTheDeviceIsGone();
     void handlesAreNeverZeroAndNeverInUseTwice();
+    void aDescriptorIsReadableWhileAReadWouldGetATransfer();
     void descriptorsOpenedForOneDirectionRefuseTheOther();
     void readsWaitForTheirTimeoutToTheMillisecond();
     void readTimeoutsEndAsChosen();
@@ -55,7 +55,7 @@ void TestNode::unknownCallsAreRefused()
 void TestNode::unknownHandlesMeanThatTheDeviceIsGone()
 {
     Bench bench;
-    for (const Call call : {Call::Read, Call::Write, Call::Ioctl}) {
+    for (const Call call : {Call::Read, Call::Write, Call::Ioctl, Call::Close}) {
         const DeviceRequest request = {protocolVersion, call, bench.handle + 1, 0, 0};
         QCOMPARE(outcome(bench.replyTo(bench.submit(request))), Outcome(-1, ENODEV));
     }
@@ -63,13 +63,34 @@ void TestNode::unknownHandlesMeanThatTheDeviceIsGone()
 
 void TestNode::handlesAreNeverZeroAndNeverInUseTwice()
 {
-    Node node(0xffffffff);
-    std::set<std::uint32_t> handles;
-    for (Node::CallId call = 1; call <= 3; ++call)
-        node.submit(call, {protocolVersion, Call::Open, 0, readWrite, 0}, {}, {});
-    for (const Node::Reply &reply : node.takeReplies())
-        handles.insert(reply.header.handle);
-    QCOMPARE(handles, (std::set<std::uint32_t>{0xffffffff, 1, 2}));
+    Bench bench;
+    for (const std::uint32_t handle : {std::uint32_t(0), bench.handle}) {
+        const DeviceRequest request = {protocolVersion, Call::Open, handle, readWrite, 0};
+        QCOMPARE(outcome(bench.replyTo(bench.submit(request))), Outcome(-1, EPROTO));
+    }
+    bench.node.release(bench.handle);
+    const DeviceRequest again = {protocolVersion, Call::Open, bench.handle, readWrite, 0};
+    QCOMPARE(bench.replyTo(bench.submit(again)).header.handle, bench.handle);
+}
+
+void TestNode::aDescriptorIsReadableWhileAReadWouldGetATransfer()
+{
+    Bench bench;
+    const std::uint32_t writer = bench.open(O_WRONLY).header.handle;
+    QVERIFY(!bench.node.isReadable(bench.handle));
+    bench.transferFromHost("abc");
+    QVERIFY(bench.node.isReadable(bench.handle));
+    QVERIFY(!bench.node.isReadable(writer));
+    QVERIFY(!bench.node.isReadable(writer + 1));
+    bench.command("read silent");
+    QVERIFY(!bench.node.isReadable(bench.handle));
+    bench.command("read fail EIO");
+    QVERIFY(bench.node.isReadable(bench.handle));
+    bench.command("read ok");
+    bench.read(2);
+    QVERIFY(bench.node.isReadable(bench.handle));
+    bench.read(2);
+    QVERIFY(!bench.node.isReadable(bench.handle));
 }
 
 void TestNode::descriptorsOpenedForOneDirectionRefuseTheOther()
@@ -119,15 +140,15 @@ void TestNode::readsTimedOutLeaveLaterTransfersAlone()
     Bench bench;
     bench.read();
     bench.pass(2000ms);
-    bench.node.transferFromHost("late");
+    bench.transferFromHost("late");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("late"));
 }
 
 void TestNode::transfersAreReadInPiecesThatNeverSpanTwo()
 {
     Bench bench;
-    bench.node.transferFromHost("abcde");
-    bench.node.transferFromHost("fg");
+    bench.transferFromHost("abcde");
+    bench.transferFromHost("fg");
     QCOMPARE(bench.replyTo(bench.read(3)).data, std::string("abc"));
     QCOMPARE(bench.replyTo(bench.read(3)).data, std::string("de"));
     const Node::Reply last = bench.replyTo(bench.read(3));
@@ -140,10 +161,10 @@ void TestNode::waitingReadsAreServedInTheirOrder()
     Bench bench;
     const Node::CallId first = bench.read();
     const Node::CallId second = bench.read();
-    bench.node.transferFromHost("1");
+    bench.transferFromHost("1");
     QCOMPARE(bench.replyTo(first).data, std::string("1"));
     QVERIFY(!bench.hasReplyTo(second));
-    bench.node.transferFromHost("2");
+    bench.transferFromHost("2");
     QCOMPARE(bench.replyTo(second).data, std::string("2"));
 }
 
@@ -152,7 +173,7 @@ void TestNode::silentReadsLetLaterReadsPass()
     Bench bench;
     bench.command("read silent 1");
     const Node::CallId silent = bench.read();
-    bench.node.transferFromHost("x");
+    bench.transferFromHost("x");
     QVERIFY(!bench.hasReplyTo(silent));
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("x"));
     bench.pass(2000ms);
@@ -164,7 +185,7 @@ void TestNode::abandonedReadsTakeNothing()
     Bench bench;
     const Node::CallId call = bench.read();
     bench.node.abandon(call);
-    bench.node.transferFromHost("x");
+    bench.transferFromHost("x");
     bench.pass(5000ms);
     QVERIFY(!bench.hasReplyTo(call));
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("x"));
@@ -184,7 +205,7 @@ void TestNode::waitingCallsSurviveTheCloseOfTheirDescriptor()
     Bench bench;
     const Node::CallId call = bench.read();
     bench.node.release(bench.handle);
-    bench.node.transferFromHost("x");
+    bench.transferFromHost("x");
     QCOMPARE(bench.replyTo(call).data, std::string("x"));
     QCOMPARE(outcome(bench.replyTo(bench.read())), Outcome(-1, ENODEV));
 }
@@ -242,7 +263,7 @@ void TestNode::aFewUnreadTransfersStopTheHost()
     Bench bench;
     int taken = 0;
     for (; bench.node.takesTransfers() && taken < 100; ++taken)
-        bench.node.transferFromHost("x");
+        bench.transferFromHost("x");
     QVERIFY(taken >= 1 && taken < 10);
     bench.read();
     QVERIFY(bench.node.takesTransfers());

@@ -17,6 +17,11 @@ class TestNodeCommands : public QObject
 private slots:
     void faultsEndAfterTheirNumberOfCalls();
     void laterFaultsReplaceEarlierOnes();
+    void opensCanBeStuckOrFail();
+    void ioctlsAndClosesCanFail();
+    void latencyHoldsTransfersOfTheHostBack();
+    void latencyHoldsTransfersToTheHostBack();
+    void aLatencyBeyondTheTimeoutEndsTheWrite();
     void mergedTransfersArriveAsOne();
     void anUnfinishedMergeIsDeliveredByTheNextMergeCommand();
     void splitTransfersArriveInPieces();
@@ -54,17 +59,95 @@ void TestNodeCommands::laterFaultsReplaceEarlierOnes()
     QVERIFY(!bench.hasReplyTo(bench.read()));
 }
 
+void TestNodeCommands::opensCanBeStuckOrFail()
+{
+    Bench bench;
+    bench.command("open stuck 1");
+    QCOMPARE(bench.open().call, Node::CallId(0));
+    QCOMPARE(outcome(bench.open()), Outcome(0, 0));
+    bench.command("open fail EBUSY 2");
+    QCOMPARE(outcome(bench.open()), Outcome(-1, EBUSY));
+    bench.command("node missing");
+    QCOMPARE(outcome(bench.open()), Outcome(-1, ENOENT));
+    bench.command("node present");
+    QCOMPARE(outcome(bench.open()), Outcome(-1, EBUSY));
+    QCOMPARE(outcome(bench.open()), Outcome(0, 0));
+}
+
+void TestNodeCommands::ioctlsAndClosesCanFail()
+{
+    Bench bench;
+    bench.command("ioctl fail EIO 1");
+    QCOMPARE(outcome(bench.replyTo(bench.ioctl(setReadTimeoutRequest, 7))), Outcome(-1, EIO));
+    QVERIFY(bench.command("status").find("read_timeout=2000") != std::string::npos);
+    QCOMPARE(outcome(bench.replyTo(bench.ioctl(setReadTimeoutRequest, 7))), Outcome(0, 0));
+    bench.command("on close 2 close fail EINTR 1");
+    QCOMPARE(outcome(bench.replyTo(bench.close())), Outcome(0, 0));
+    QCOMPARE(outcome(bench.replyTo(bench.close())), Outcome(-1, EINTR));
+    QCOMPARE(outcome(bench.replyTo(bench.close())), Outcome(0, 0));
+}
+
+void TestNodeCommands::latencyHoldsTransfersOfTheHostBack()
+{
+    Bench bench;
+    bench.command("latency 30");
+    const Node::CallId call = bench.read();
+    bench.transferFromHost("a");
+    bench.pass(10ms);
+    bench.transferFromHost("b");
+    bench.pass(19ms);
+    QVERIFY(!bench.hasReplyTo(call));
+    QVERIFY(!bench.node.isReadable(bench.handle));
+    QVERIFY(bench.node.nextDeadline() == bench.now + 1ms);
+    bench.pass(1ms);
+    QCOMPARE(bench.replyTo(call).data, std::string("a"));
+    QVERIFY(bench.node.nextDeadline() == bench.now + 10ms);
+    bench.pass(10ms);
+    QVERIFY(bench.node.isReadable(bench.handle));
+    QCOMPARE(bench.replyTo(bench.read()).data, std::string("b"));
+    QVERIFY(!bench.node.nextDeadline());
+    bench.command("latency 0");
+    bench.transferFromHost("c");
+    QCOMPARE(bench.replyTo(bench.read()).data, std::string("c"));
+}
+
+void TestNodeCommands::latencyHoldsTransfersToTheHostBack()
+{
+    Bench bench;
+    bench.node.hostArrived();
+    bench.command("latency 30");
+    const Node::CallId call = bench.write("abc");
+    bench.pass(29ms);
+    QCOMPARE(bench.takeTransfer(), std::string("(none)"));
+    QVERIFY(bench.node.nextDeadline() == bench.now + 1ms);
+    bench.pass(1ms);
+    QCOMPARE(bench.takeTransfer(), std::string("abc"));
+    QCOMPARE(outcome(bench.replyTo(call)), Outcome(3, 0));
+}
+
+void TestNodeCommands::aLatencyBeyondTheTimeoutEndsTheWrite()
+{
+    Bench bench;
+    bench.node.hostArrived();
+    bench.command("latency 3000");
+    const Node::CallId call = bench.write("abc");
+    bench.pass(2000ms);
+    QCOMPARE(outcome(bench.replyTo(call)), Outcome(-1, ETIMEDOUT));
+    bench.pass(1000ms);
+    QCOMPARE(bench.takeTransfer(), std::string("(none)"));
+}
+
 void TestNodeCommands::mergedTransfersArriveAsOne()
 {
     Bench bench;
     bench.command("merge 3");
     const Node::CallId call = bench.read();
-    bench.node.transferFromHost("a");
-    bench.node.transferFromHost("b");
+    bench.transferFromHost("a");
+    bench.transferFromHost("b");
     QVERIFY(!bench.hasReplyTo(call));
-    bench.node.transferFromHost("c");
+    bench.transferFromHost("c");
     QCOMPARE(bench.replyTo(call).data, std::string("abc"));
-    bench.node.transferFromHost("d");
+    bench.transferFromHost("d");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("d"));
 }
 
@@ -72,10 +155,10 @@ void TestNodeCommands::anUnfinishedMergeIsDeliveredByTheNextMergeCommand()
 {
     Bench bench;
     bench.command("merge 3");
-    bench.node.transferFromHost("a");
+    bench.transferFromHost("a");
     bench.command("merge 0");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("a"));
-    bench.node.transferFromHost("b");
+    bench.transferFromHost("b");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("b"));
 }
 
@@ -83,11 +166,11 @@ void TestNodeCommands::splitTransfersArriveInPieces()
 {
     Bench bench;
     bench.command("split 2");
-    bench.node.transferFromHost("abcde");
+    bench.transferFromHost("abcde");
     for (const char *expected : {"ab", "cd"})
         QCOMPARE(bench.replyTo(bench.read()).data, std::string(expected));
     bench.command("split 0");
-    bench.node.transferFromHost("fghij");
+    bench.transferFromHost("fghij");
     for (const char *expected : {"e", "fghij"})
         QCOMPARE(bench.replyTo(bench.read()).data, std::string(expected));
 }
@@ -96,17 +179,17 @@ void TestNodeCommands::transfersOfAHostThatLeftAreDropped()
 {
     Bench bench;
     bench.node.hostArrived();
-    bench.node.transferFromHost("abc");
-    bench.node.transferFromHost("def");
+    bench.transferFromHost("abc");
+    bench.transferFromHost("def");
     QCOMPARE(bench.replyTo(bench.read(1)).data, std::string("a"));
     bench.command("merge 2");
-    bench.node.transferFromHost("ghi");
+    bench.transferFromHost("ghi");
     bench.node.hostLeft();
     bench.command("merge 0");
     const Node::CallId call = bench.read();
     QVERIFY(!bench.hasReplyTo(call));
     bench.node.hostArrived();
-    bench.node.transferFromHost("new");
+    bench.transferFromHost("new");
     QCOMPARE(bench.replyTo(call).data, std::string("new"));
 }
 
@@ -126,7 +209,7 @@ void TestNodeCommands::triggersRunBeforeTheirCallIsServed()
     bench.command("on read 2 read fail EIO 1");
     bench.command("on open 1 node missing");
     bench.command("on write 1 write zero");
-    bench.node.transferFromHost("x");
+    bench.transferFromHost("x");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("x"));
     QCOMPARE(outcome(bench.replyTo(bench.read())), Outcome(-1, EIO));
     QVERIFY(!bench.hasReplyTo(bench.read()));
@@ -167,7 +250,7 @@ void TestNodeCommands::resetRestoresTheStart()
     const Node::CallId call = bench.read();
     bench.pass(2000ms);
     QCOMPARE(outcome(bench.replyTo(call)), Outcome(-1, ETIMEDOUT));
-    bench.node.transferFromHost("whole");
+    bench.transferFromHost("whole");
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("whole"));
     QVERIFY(!bench.hasReplyTo(bench.write("x")));
 }
@@ -187,7 +270,7 @@ void TestNodeCommands::statusTellsCountersAndTimeouts()
     bench.read();
     bench.read();
     bench.pass(11ms);
-    bench.node.transferFromHost("x");
+    bench.transferFromHost("x");
     QCOMPARE(bench.command("status"),
              std::string("ok node=missing cable=in host=1 opens=2 reads=2 writes=1 pending=1 "
                          "read_timeout=11 write_timeout=12 descriptors=1"));

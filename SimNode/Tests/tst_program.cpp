@@ -7,6 +7,21 @@
 
 using namespace simnode;
 
+namespace {
+
+// The kernel's letter for what the process does; 0 if there is none of this number.
+char stateOf(const QByteArray &process)
+{
+    QFile file("/proc/" + process + "/stat");
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = file.readAll();
+    const int name = text.lastIndexOf(')');
+    return name < 0 ? '\0' : text[name + 2];
+}
+
+} // namespace
+
 /// `simnode run` and `simnode control`, the command line, and the preload library.
 class TestProgram : public QObject
 {
@@ -19,14 +34,20 @@ private slots:
     void runRemovesOnlyAFolderOfItsOwn();
     void runExtendsTheEnvironment();
     void runPassesSignalsOn();
+    void noProgramOutlivesItsKilledDaemon();
     void runFindsTheInstalledPreloadLibrary();
     void runTakesThePreloadLibraryFromTheEnvironment();
     void runWithoutAPreloadLibrarySaysSo();
+    void runServesItsProgramFromAFolderWithABlankAndAColon();
+    void runRefusesWhereItCanMakeNoPathThatTheLoaderTakes();
+    void runRefusesALibraryThatCannotBeLoaded();
     void controlTellsTheAnswerByItsExitStatus();
     void controlWithoutADaemonFails();
     void wrongCommandLinesSayHowTheyShouldBe_data();
     void wrongCommandLinesSayHowTheyShouldBe();
     void helpIsNoError();
+    void theHelpOfControlListsTheCommands();
+    void versionIsNoError();
     void thePreloadLibraryExportsTheWrappedNamesOnly();
     void thePreloadLibraryNeedsTheCLibraryOnly();
 };
@@ -78,13 +99,17 @@ void TestProgram::runRemovesOnlyAFolderOfItsOwn()
 
 void TestProgram::runExtendsTheEnvironment()
 {
+    QTemporaryDir folder;
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
     QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
     environment.insert("LD_PRELOAD", "libdl.so.2");
     environment.insert("ASAN_OPTIONS", "verify_asan_link_order=0:halt_on_error=1");
     const Result result =
         runSimnode({"run", "--", "sh", "-c", "echo $LD_PRELOAD; echo $ASAN_OPTIONS"}, environment);
     QCOMPARE(result.output,
-             QByteArray("libdl.so.2:" SIMNODE_PRELOAD_LIBRARY
+             QByteArray("libdl.so.2:" + library.toUtf8() +
                         "\nverify_asan_link_order=0:halt_on_error=1:verify_asan_link_order=0\n"));
 }
 
@@ -104,6 +129,25 @@ void TestProgram::runPassesSignalsOn()
         QCOMPARE(result.exitCode, signal == SIGINT ? 3 : 4);
         QCOMPARE(result.output, QByteArray(signal == SIGINT ? "INT\n" : "TERM\n"));
     }
+}
+
+void TestProgram::noProgramOutlivesItsKilledDaemon()
+{
+    ForkedProcess process;
+    process.setProcessEnvironment(cleanEnvironment());
+    startBuilt(
+        process, SIMNODE_EXECUTABLE,
+        {"run", "--", "sh", "-c", "trap '' TERM HUP INT; echo $$; while :; do sleep 0.05; done"});
+    QVERIFY(process.waitForReadyRead(waitTime));
+    const QByteArray program = process.readLine().trimmed();
+    QVERIFY2(stateOf(program) != 0, program);
+    process.kill();
+    QVERIFY(process.waitForFinished(waitTime));
+    const bool isEnded =
+        QTest::qWaitFor([&] { return stateOf(program) == 0 || stateOf(program) == 'Z'; }, waitTime);
+    if (!isEnded)
+        kill(program.toInt(), SIGKILL);
+    QVERIFY(isEnded);
 }
 
 void TestProgram::runFindsTheInstalledPreloadLibrary()
@@ -143,6 +187,48 @@ void TestProgram::runWithoutAPreloadLibrarySaysSo()
     QVERIFY2(result.errors.contains("set SIMNODE_PRELOAD"), result.errors);
 }
 
+void TestProgram::runServesItsProgramFromAFolderWithABlankAndAColon()
+{
+    QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
+    QTemporaryDir links;
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
+    environment.insert("TMPDIR", links.path());
+    const Result result = runSimnode(QStringList{"run", "--"} + wordsToRun(SIMNODE_PROBE) +
+                                         QStringList{"open", "close"},
+                                     environment);
+    QCOMPARE(result.errors, QByteArray());
+    QCOMPARE(result.output, QByteArray("open 0 -\nclose 0 -\n"));
+    QCOMPARE(entriesOf(links.path()), QStringList());
+}
+
+void TestProgram::runRefusesWhereItCanMakeNoPathThatTheLoaderTakes()
+{
+    QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
+    const QString library = folder.filePath("preload.so");
+    QVERIFY(QFile::copy(SIMNODE_PRELOAD_LIBRARY, library));
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", library);
+    environment.insert("TMPDIR", folder.path());
+    const Result result = runSimnode({"run", "--", "echo", "ran"}, environment);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.output, QByteArray());
+    QVERIFY2(result.errors.contains("set TMPDIR to a folder without"), result.errors);
+}
+
+void TestProgram::runRefusesALibraryThatCannotBeLoaded()
+{
+    QTemporaryDir folder;
+    QProcessEnvironment environment = cleanEnvironment();
+    environment.insert("SIMNODE_PRELOAD", writeFile(folder, "broken.so", "no library"));
+    const Result result = runSimnode({"run", "--", "echo", "ran"}, environment);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.output, QByteArray());
+    QVERIFY2(result.errors.contains("cannot load the preload library"), result.errors);
+}
+
 void TestProgram::controlTellsTheAnswerByItsExitStatus()
 {
     QTemporaryDir folder;
@@ -171,17 +257,23 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
     const auto row = [](const char *name, const QStringList &arguments, const char *why) {
         QTest::newRow(name) << arguments << QByteArray(why);
     };
-    row("no command", {}, "subcommand is required");
-    row("unknown command", {"fly"}, "fly");
-    row("unknown option", {"serve", "--dir", "x", "--fly"}, "--fly");
-    row("serve without a folder", {"serve"}, "--dir is required");
-    for (const char *command : {"serve", "run", "control"})
-        row(qPrintable(QString(command) + " with an empty folder"), {command, "--dir", "", "x"},
-            "--dir: the folder's name is empty; it should be the path of a folder");
-    row("run without a program", {"run"}, "PROGRAM is required");
-    row("control without a folder", {"control", "status"}, "--dir is required");
-    row("control without a command", {"control", "--dir", "x"}, "COMMAND is required");
-    row("unknown result", {"run", "--timeout-result", "two", "--", "true"}, "two not in");
+    row("no command", {},
+        "simnode: the command is missing, it should be one of serve, run, control");
+    row("unknown command", {"fly"},
+        "simnode: there is no command \"fly\", it should be one of serve, run, control");
+    row("unknown option", {"serve", "--dir", "x", "--fly"},
+        "simnode: there is no option \"--fly\"");
+    row("misspelt option", {"serve", "--dirr", "x"}, "simnode: there is no option \"--dirr\"");
+    row("serve without a folder", {"serve"}, "simnode: --dir is missing");
+    const char noFolder[] = "simnode: --dir needs the path of a folder, not \"\"";
+    row("serve with an empty folder", {"serve", "--dir", ""}, noFolder);
+    row("run with an empty folder", {"run", "--dir", "", "x"}, noFolder);
+    row("control with an empty folder", {"control", "--dir", "", "x"}, noFolder);
+    row("run without a program", {"run"}, "simnode: PROGRAM is missing");
+    row("control without a folder", {"control", "status"}, "simnode: --dir is missing");
+    row("control without a command", {"control", "--dir", "x"}, "simnode: COMMAND is missing");
+    row("unknown result", {"run", "--timeout-result", "two", "--", "true"},
+        "simnode: --timeout-result needs zero or error, not \"two\"");
 }
 
 void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
@@ -190,15 +282,33 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
     QFETCH(QByteArray, why);
     const Result result = runSimnode(arguments);
     QCOMPARE(result.exitCode, 2);
-    QVERIFY2(result.errors.contains(why), result.errors);
-    QVERIFY2(result.errors.contains("Usage: simnode"), result.errors);
+    const QString command = arguments.value(0) == "fly" ? QString() : arguments.value(0);
+    const QString name = ("simnode " + command).trimmed();
+    QCOMPARE(result.errors, why + ("\nTry \"" + name + " --help\".\n").toUtf8());
 }
 
 void TestProgram::helpIsNoError()
 {
     const Result result = runSimnode({"run", "--help"});
     QCOMPARE(result.exitCode, 0);
-    QVERIFY2(result.output.contains("--timeout-result"), result.output);
+    QVERIFY2(result.output.contains("--timeout-result zero|error"), result.output);
+    QVERIFY2(result.output.contains("by default zero"), result.output);
+}
+
+void TestProgram::versionIsNoError()
+{
+    const Result result = runSimnode({"--version"});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.output, QByteArray("simnode " PROJECT_VERSION "\n"));
+}
+
+void TestProgram::theHelpOfControlListsTheCommands()
+{
+    const Result result = runSimnode({"control", "--help"});
+    QCOMPARE(result.exitCode, 0);
+    for (const char *usage : {"on open|read|write|ioctl|close K COMMAND...", "open stuck [N]",
+                              "ioctl fail ERRNO [N]", "close fail ERRNO [N]", "latency MS"})
+        QVERIFY2(result.output.contains(QByteArray(usage) + "\n"), result.output);
 }
 
 void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
@@ -212,10 +322,15 @@ void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
     names.sort();
     QStringList expected{"__open64_2", "__open_2", "__openat64_2", "__openat_2", "__read_chk",
                          "close",      "ioctl",    "open",         "open64",     "openat",
-                         "openat64",   "read",     "write"};
+                         "openat64",   "read",     "write",        "dup",        "dup2",
+                         "dup3",       "fcntl",    "fcntl64",      "recvmsg",    "recvmmsg"};
 #if __TIMESIZE == 32
-    expected.prepend("__ioctl_time64");
+    expected << "__ioctl_time64"
+             << "__fcntl_time64"
+             << "__recvmsg64"
+             << "__recvmmsg64";
 #endif
+    expected.sort();
     QCOMPARE(names, expected);
 }
 

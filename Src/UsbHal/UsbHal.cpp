@@ -7,29 +7,53 @@
 #include <iostream>
 #include <new>
 
+using namespace usbhal_errors;
+
 namespace {
 
 constexpr quint32 largestMaxClients = 5;
 constexpr quint32 defaultMainLoopPeriod = 100; // ms
-constexpr int timerStopPolls = 25;
-constexpr unsigned long timerStopPause = 20; // ms
-constexpr qint64 killableSlice = 100;        // ms
-constexpr int destructionTimeout = 10000;    // ms
+constexpr int destructionTimeout = 10000;      // ms
 
-const char *const errorTexts[] = {
-    "No error",
-    "Peer received message with wrong size !",
-    "Peer received message with wrong ID !",
-    "Could not allocate memory !",
-    "Tried to open a port already opened !",
-    "Too many clients connected !",
-    "Tried to close a not opened port !",
-    "Driver not initialized !",
-    "Failed to close driver !",
-    "Peer received message for a not opened port !",
-    "Buffer overflow !",
+// What the log has behind an error's text; a close of a port that is not open is too common to log.
+enum class Detail { NotLogged, None, Parameter, Port };
+
+struct ErrorRow
+{
+    int code;
+    const char *text;
+    Detail detail;
 };
-constexpr int errorCount = sizeof errorTexts / sizeof errorTexts[0];
+
+constexpr ErrorRow errors[] = {
+    {NoError, "No error", Detail::NotLogged},
+    {WrongSize, "Peer received message with wrong size !", Detail::Parameter},
+    {WrongId, "Peer received message with wrong ID !", Detail::Parameter},
+    {NoMemory, "Could not allocate memory !", Detail::Parameter},
+    {PortAlreadyOpen, "Tried to open a port already opened !", Detail::Parameter},
+    {TooManyClients, "Too many clients connected !", Detail::Parameter},
+    {PortNotOpen, "Tried to close a not opened port !", Detail::NotLogged},
+    {NotInitialized, "Driver not initialized !", Detail::None},
+    {CloseFailed, "Failed to close driver !", Detail::Parameter},
+    {NotOpenedPort, "Peer received message for a not opened port !", Detail::Port},
+    {BufferOverflow, "Buffer overflow !", Detail::Port},
+};
+
+constexpr bool areInOrder()
+{
+    for (int code = NoError; code <= BufferOverflow; ++code) {
+        if (errors[code].code != code)
+            return false;
+    }
+    return true;
+}
+static_assert(sizeof errors / sizeof errors[0] == BufferOverflow + 1 && areInOrder());
+
+// The error's row, null for a code that is none.
+const ErrorRow *findError(int code)
+{
+    return code >= NoError && code <= BufferOverflow ? &errors[code] : nullptr;
+}
 
 // Of the thread object, which is never destroyed: Qt aborts the process when the object of a
 // running thread is, the process may end in that thread, and other threads may still call the core.
@@ -37,7 +61,7 @@ alignas(WorkerThread) unsigned char threadStorage[sizeof(WorkerThread)];
 
 } // namespace
 
-thread_local int UsbHAL::emissionDepth = 0;
+thread_local int UsbHAL::_emissionDepth = 0;
 WorkerThread &UsbHAL::_connectedThread = *new (threadStorage) WorkerThread;
 
 UsbHAL::UsbHAL(const QList<QSharedPointer<AbstractDriver>> &drivers) : _drivers(drivers)
@@ -56,40 +80,16 @@ UsbHAL::~UsbHAL()
     waitForDisconnected(destructionTimeout);
 }
 
-void UsbHAL::retire()
-{
-    logLine("~UsbHAL", {"UsbHAL::~UsbHAL"});
-    {
-        const CheckedLocker locker(&_mutex);
-        _retired = true;
-    }
-    stop();
-}
-
-bool UsbHAL::isInHandler() const
-{
-    return emissionDepth > 0 || isConnectedThread();
-}
-
-// Whether the core may be destroyed now: neither beneath frames of its own nor beside its own
-// thread, which alone may stop its timer.
-bool UsbHAL::isDestroyable() const
-{
-    const QThread *const owner = thread();
-    return !isInHandler() && !(isRunning() && _connectedThread.belongsTo(this)) &&
-           (!owner || owner == QThread::currentThread() || owner->isFinished());
-}
-
 void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
 {
-    // A kill within QWaitCondition::wait() would leave both its locks in disorder. A handler that
-    // waits in the communication thread can be killed between two slices of its wait.
+    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
     const CancellationBlocker blocker;
-    const bool killable = isConnectedThread();
-    const qint64 slice = killable ? qMin(msecs, killableSlice) : msecs;
-    condition.wait(&_mutex, static_cast<unsigned long>(slice));
-    if (killable)
-        CancellationBlocker::letCancel();
+    const bool inHandler = isConnectedThread();
+    if (inHandler)
+        _handlerWait = &condition;
+    condition.wait(&_mutex, static_cast<unsigned long>(msecs));
+    if (inHandler)
+        _handlerWait = nullptr;
 }
 
 void UsbHAL::getDefaultSetup(ParamHal &param) const
@@ -127,47 +127,10 @@ bool UsbHAL::setupConfig(const ParamHal &param)
     return true;
 }
 
-void UsbHAL::stop()
-{
-    CheckedLocker locker(&_mutex);
-    ++_stops;
-    _setMainLoopTimer(0);
-    if (isConnectedThread())
-        _askThreadToEnd();
-    else
-        _endCommunication(locker);
-    _updateStatus(DriverState::DISCONNECTED, locker);
-}
-
-void UsbHAL::_endCommunication(QMutexLocker &locker)
-{
-    ++_stopsInProgress;
-    for (int i = 0; _mainLoopActive && i < timerStopPolls; ++i)
-        _pause(timerStopPause, locker);
-    _askThreadToEnd();
-    _endThread(locker);
-    --_stopsInProgress;
-    _stopEndedCond.wakeAll();
-}
-
-void UsbHAL::_askThreadToEnd()
-{
-    logLine("stop", {"watchdog stopped"});
-    if (_hwDriver)
-        _hwDriver->cancelPendingIo();
-    _running = false;
-    _startPending = false;
-}
-
 DriverState UsbHAL::status() const
 {
     const CheckedLocker locker(&_mutex);
     return _driverState;
-}
-
-bool UsbHAL::isRunning() const
-{
-    return _connectedThread.isRunning();
 }
 
 bool UsbHAL::isHost() const
@@ -189,7 +152,8 @@ quint32 UsbHAL::nbClients() const
 
 const char *UsbHAL::getErrorStr(int code) const
 {
-    return code >= 0 && code < errorCount ? errorTexts[code] : "";
+    const ErrorRow *const row = findError(code);
+    return row ? row->text : "";
 }
 
 QString UsbHAL::getSocketStateStr(SocketState state) const
@@ -246,25 +210,13 @@ void UsbHAL::_emitError(int code, void *data, QMutexLocker &locker)
 
 void UsbHAL::_onError(int num, void *data)
 {
-    const char *const text = getErrorStr(num);
+    const ErrorRow *const row = findError(num);
+    if (!row || row->detail == Detail::NotLogged)
+        return;
     const int value = static_cast<int>(reinterpret_cast<qintptr>(data));
-    switch (num) {
-    case Error::WrongSize:
-    case Error::WrongId:
-    case Error::NoMemory:
-    case Error::PortAlreadyOpen:
-    case Error::TooManyClients:
-    case Error::CloseFailed:
-        logLine("_onError", {text, " Param = ", value});
-        break;
-    case Error::NotInitialized:
-        logLine("_onError", {text});
-        break;
-    case Error::NotOpenedPort:
-    case Error::BufferOverflow:
-        logLine("_onError", {text, " on port #", value});
-        break;
-    default: // a close of a port that is not open is too common to log
-        break;
-    }
+    if (row->detail == Detail::None)
+        logLine("_onError", {row->text});
+    else
+        logLine("_onError",
+                {row->text, row->detail == Detail::Port ? " on port #" : " Param = ", value});
 }

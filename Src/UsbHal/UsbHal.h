@@ -3,8 +3,11 @@
 #define USBHAL_H
 
 #include "AbstractDriver.h"
+#include "CancellationBlocker.h"
+#include "MainLoopTimer.h"
 #include "UsbHalIntf.h"
 #include "threadsafety.h"
+#include "usb_messages.h"
 #include "workerthread.h"
 
 #include <QElapsedTimer>
@@ -12,76 +15,27 @@
 #include <QList>
 #include <QQueue>
 #include <QSharedPointer>
-#include <QTimer>
 #include <QWaitCondition>
 
 #include <atomic>
-#include <cstring>
-#include <optional>
+#include <sys/types.h>
 
-/**
- * The messages of the wire: how they are framed, cut and shown. These functions do no I/O, take no
- * lock and log nothing; any thread may call them.
- *
- * Data message: magic (4) + length (5 digits, counts id and payload) + id (4 digits) + payload.
- */
-namespace usb_messages {
-
-extern const QByteArray magicNumber;
-extern const QByteArray devNoData;
-extern const QByteArray waitSend;
-extern const QByteArray deviceConn;
-extern const QByteArray deviceDisc; // reserved: neither sent nor recognised
-
-constexpr char magic[] = "FADA";
-constexpr int magicSize = sizeof magic - 1;
-constexpr int lengthWidth = 5;
-constexpr int idWidth = 4;
-constexpr int prefixSize = magicSize + lengthWidth; ///< 9: what the length field does not count
-constexpr int headerSize = prefixSize + idWidth;    ///< 13
-constexpr int maxReadSizeWidth = 5;
-constexpr int defaultPayloadLimit = 487;        ///< payload bytes while no driver is chosen
-constexpr int largestPayload = 99999 - idWidth; ///< what the length field can count
-
-/** Why received bytes are not a data message. */
-enum class Fault { None, NotValid, WrongSize, InvalidId };
-
-/** A data message at the start of received bytes; payload points into them. */
-struct DataMessage
-{
-    Fault fault = Fault::None;
-    int size = 0; ///< bytes that the message takes, 0 when that cannot be told
-    UsbConnID port = 0;
-    const char *payload = nullptr;
-    int payloadSize = 0;
+/** The codes of error(); what each of them says is in UsbHal.cpp. */
+namespace usbhal_errors {
+enum Error {
+    NoError,
+    WrongSize,
+    WrongId,
+    NoMemory,
+    PortAlreadyOpen,
+    TooManyClients,
+    PortNotOpen,
+    NotInitialized,
+    CloseFailed,
+    NotOpenedPort,
+    BufferOverflow
 };
-
-/** Value of a field that holds decimal digits only; nothing for any other content. */
-std::optional<int> parseDecimal(const char *field, int width);
-
-/** Frames size bytes of payload for a port. */
-QByteArray frameData(UsbConnID port, const char *payload, int size);
-
-/** Whether the bytes begin as a data message does. */
-inline bool hasMagicNumber(const QByteArray &bytes)
-{
-    // At a size that the compiler knows it is one comparison.
-    return bytes.size() >= magicSize && std::memcmp(bytes.constData(), magic, magicSize) == 0;
-}
-
-/** Cuts and checks the data message that the bytes begin with. */
-DataMessage cutData(const QByteArray &bytes);
-
-/** The message that tells the host how many bytes the device takes in one read. */
-QByteArray frameMaxReadSize(quint32 size);
-
-/** The number that the last bytes of a max read size message hold; nothing unless above 0. */
-std::optional<int> parseMaxReadSize(const QByteArray &bytes);
-
-/** Both ends of a message that is not valid, without white space; empty when not worth showing. */
-QString excerpt(const QByteArray &bytes);
-
-} // namespace usb_messages
+} // namespace usbhal_errors
 
 /** Appends without the copy that Qt's lists take, which costs two atomic operations. */
 inline void appendMoved(QList<QByteArray> &list, QByteArray bytes)
@@ -140,14 +94,19 @@ public:
 
     void watchdog(bool enable);
 
-    /** Stops the core for good: from now on openConnection fails with code 7. */
-    void retire();
+    /**
+     * Stops the core for good: from now on openConnection fails with code 7. Returns whether its
+     * thread is gone; a second call only looks.
+     */
+    bool retire();
     /** Whether the caller runs in this core's communication thread. */
     bool isConnectedThread() const;
     /** Whether the caller was called by a signal of a core, whose frames it must not destroy. */
     bool isInHandler() const;
-    /** Whether the caller may destroy the core, once it is stopped. */
+    /** Whether the caller may destroy the core, once its thread is gone. */
     bool isDestroyable() const;
+    /** Whether this process, not one that it was forked from, last started the communication. */
+    bool hasStartedHere() const;
 
 signals: // documented in UsbHALIntf, which relays them
     void connected();
@@ -167,20 +126,17 @@ private slots:
 protected:
     friend class WorkerThread;
 
+    using Error = usbhal_errors::Error;
     using ReadQueue = QQueue<QByteArray>;
 
-    // The codes of error(), as getErrorStr() knows them.
-    enum Error {
-        WrongSize = 1,
-        WrongId,
-        NoMemory,
-        PortAlreadyOpen,
-        TooManyClients,
-        PortNotOpen,
-        NotInitialized,
-        CloseFailed,
-        NotOpenedPort,
-        BufferOverflow
+    // What the communication thread is at; see _changeCommunication().
+    enum class Communication {
+        Ended,      // there is none, and another may be started
+        Running,    // it communicates
+        Ending,     // it has been asked to end, or ends by itself
+        Restarting, // so, too, but a handler in it has opened a port since: it is to begin anew
+        Killed,     // a kill has been sent, and strikes where the thread can be cancelled
+        Finishing   // it has left the core; Qt still finishes it, and may call clients' destructors
     };
 
     // The two halves of a cycle: the device reads in the first, the host writes in it.
@@ -201,17 +157,13 @@ protected:
     void _onConnected(QMutexLocker &locker) REQUIRES(_mutex);
     void _onDisconnected(QMutexLocker &locker) REQUIRES(_mutex);
     void _emitError(int code, void *data, QMutexLocker &locker) REQUIRES(_mutex);
-    void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
-    void _askThreadToEnd() REQUIRES(_mutex);
+    bool _releaseDriver() REQUIRES(_mutex);
+    void _releaseDriverOrReport(const char *function, const char *closed, const char *refused,
+                                QMutexLocker &locker) REQUIRES(_mutex);
     quint32 _nbClients() const REQUIRES(_mutex) { return _clientCount; }
 
     // Ports (UsbHal_ports.cpp)
     bool _canClose(int port) const REQUIRES(_mutex);
-    bool _isEnding() const REQUIRES(_mutex);
-    bool _isCommunicating() const REQUIRES(_mutex);
-    bool _waitForEnding(QMutexLocker &locker) REQUIRES(_mutex);
-    bool _startCommunication() REQUIRES(_mutex);
-    bool _startThread() REQUIRES(_mutex);
     bool _prepareReadQueue(int port) REQUIRES(_mutex);
     void _discardReadQueue(int port) REQUIRES(_mutex);
     bool _closeConnection(int port, QMutexLocker &locker) REQUIRES(_mutex);
@@ -234,6 +186,8 @@ protected:
     ReadQueue *_openQueue(int port) const REQUIRES(_mutex);
     bool _isUsable(int port) const REQUIRES(_mutex);
     ReadQueue *_readableQueue(int port) const REQUIRES(_mutex);
+    QByteArray _takeHead(int port, ReadQueue &queue) REQUIRES(_mutex);
+    QByteArray _takePart(int port, ReadQueue &queue, int size) REQUIRES(_mutex);
     int _nbBytesReceived(int port) const REQUIRES(_mutex);
     quint32 _nbBytesWaitingToBeRead() const REQUIRES(_mutex) { return _totalBytesWaitingRead; }
     void _clearReadFifo() REQUIRES(_mutex);
@@ -245,17 +199,41 @@ protected:
     void _clearWriteFifo() REQUIRES(_mutex);
     int _clearWriteFifoForPort(int port) REQUIRES(_mutex);
 
-    // Communication thread and watchdog (UsbHal_thread.cpp)
+    // Start and end of the communication (UsbHal_lifecycle.cpp)
+    void _changeCommunication(Communication state) REQUIRES(_mutex);
+    bool _isCommunicating() const REQUIRES(_mutex);
+    bool _hasToEnd() const REQUIRES(_mutex);
+    bool _waitForEnding() REQUIRES(_mutex);
+    bool _startCommunication() REQUIRES(_mutex);
+    bool _startThread() REQUIRES(_mutex);
+    void _beginRun() REQUIRES(_mutex);
+    void _beginEnding() REQUIRES(_mutex);
+    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
+    void _endOfConnectedThread();
+    void _onThreadGone();
+    void _stopMainLoop() REQUIRES(_mutex);
+    void _endCommunication(QMutexLocker &locker) REQUIRES(_mutex);
+    void _askThreadToEnd() REQUIRES(_mutex);
+    bool _endThread() REQUIRES(_mutex);
+    bool _waitForEnd(qint64 msecs) REQUIRES(_mutex);
+    void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
+    void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _replaceThread(quint32 stops, QMutexLocker &locker) REQUIRES(_mutex);
+    void _releaseDriverOfDeadThread() REQUIRES(_mutex);
+
+    // Watchdog (UsbHal_watchdog.cpp)
+    bool _isWatchdogDue() const REQUIRES(_mutex);
+    void _resetWatchdog() REQUIRES(_mutex);
+
+    // Communication thread (UsbHal_thread.cpp)
     void *_connectedFunc(void *arg);
     void _communicate(QMutexLocker &locker) REQUIRES(_mutex);
     bool _openAnyDriver(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
     bool _reportFailedOpens(Session &session) REQUIRES(_mutex);
     AbstractDriver *_open(QMutexLocker &locker) REQUIRES(_mutex);
     bool _closeDriver() REQUIRES(_mutex);
-    bool _releaseDriver() REQUIRES(_mutex);
     bool _runCycles(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
-    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _writeAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsHost(QMutexLocker &locker) REQUIRES(_mutex);
@@ -278,31 +256,17 @@ protected:
     bool _tryReopen(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
     bool _isReopenHopeless(const Session &session) const REQUIRES(_mutex);
     void _grantWriters() REQUIRES(_mutex);
-    void _endOfConnectedThread();
-    void _endThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _stopWorkerThread(unsigned long time) REQUIRES(_mutex);
-    bool _waitForThread(QMutexLocker &locker, unsigned long time) REQUIRES(_mutex);
-    bool _isWatchdogDue() const REQUIRES(_mutex);
-    void _resetWatchdog() REQUIRES(_mutex);
-    void _restartStuckThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _releaseDriverOfDeadThread() REQUIRES(_mutex);
-    void _beginCommunication() REQUIRES(_mutex);
-    void _setMainLoopTimer(quint32 period);
-    void _applyMainLoopPeriod();
-    void _retireMainLoopTimer();
 
     /**
-     * Waits on a condition until reached() holds, at most msecs ms; 0 or less only looks. Called
-     * with the mutex held; returns whether reached() holds.
+     * Waits on a condition until reached() holds, at most msecs ms; 0 or less only looks. In the
+     * communication thread the wait is over, too, when that has to end. Called with the mutex held;
+     * returns whether reached() holds.
      */
     template <typename Predicate>
     bool _waitUntil(QWaitCondition &condition, qint64 msecs, Predicate reached) const
         REQUIRES(_mutex);
 
-    /**
-     * Waits on a condition with the mutex held, at most msecs ms; shorter in the communication
-     * thread, which may be killed.
-     */
+    /** Waits on a condition with the mutex held, at most msecs ms, or for less. */
     void _waitOn(QWaitCondition &condition, qint64 msecs) const REQUIRES(_mutex);
 
     /**
@@ -317,7 +281,7 @@ protected:
     static void _emitUnlocked(QMutexLocker &locker, Emission emission);
 
     static WorkerThread &_connectedThread;
-    static thread_local int emissionDepth; // handlers of this thread that are on its stack
+    static thread_local int _emissionDepth; // handlers of this thread that are on its stack
 
     QList<int> _reserved; // keeps its place in the object, unused
     bool _maxSizeExchanged GUARDED_BY(_mutex) = false;
@@ -334,7 +298,7 @@ protected:
     QHash<int, QSharedPointer<ReadQueue>> _readQueues GUARDED_BY(_mutex);
     QList<QByteArray> _writeFifo GUARDED_BY(_mutex);
     QHash<int, SocketState> _socketStates GUARDED_BY(_mutex);
-    QTimer _mainLoopTimer;
+    MainLoopTimer _mainLoopTimer;
     QElapsedTimer _mainLoopClock GUARDED_BY(_mutex);
     bool _forceLowLevelDisconnection GUARDED_BY(_mutex) = false;
     QWaitCondition _writeAllowedCond;
@@ -356,17 +320,16 @@ protected:
     quint32 _lastMaxReadSize GUARDED_BY(_mutex) = 0;
     QByteArray _maxReadSizeMessage GUARDED_BY(_mutex);
 
-    QWaitCondition _stopEndedCond;
-    quint32 _stopsInProgress GUARDED_BY(_mutex) = 0;
-    // So far, so that the watchdog and the receive path notice one.
-    quint32 _stops GUARDED_BY(_mutex) = 0;
-    // A handler in the ending thread opened a port: start once more.
-    bool _startPending GUARDED_BY(_mutex) = false;
+    Communication _communication GUARDED_BY(_mutex) = Communication::Ended;
+    QWaitCondition _communicationCond; // woken when it, or what else a start waits for, changes
+    mutable QWaitCondition *_handlerWait GUARDED_BY(_mutex) = nullptr; // of the thread's handler
+    quint32 _runs GUARDED_BY(_mutex) = 0;  // so far, so that a waiter tells one from the next
+    quint32 _stops GUARDED_BY(_mutex) = 0; // so far, so that others notice one
+    quint32 _stopsInProgress GUARDED_BY(_mutex) = 0; // and restarts, for which openers wait
+    quint32 _endWaits GUARDED_BY(_mutex) = 0;        // threads that wait for the thread's end
     bool _retired GUARDED_BY(_mutex) = false;
-    // The timer belongs to the core's thread; the others see it through these.
-    std::atomic<int> _mainLoopPeriod{0}; // as asked for, ms; 0: stopped
-    std::atomic<bool> _mainLoopActive{false};
-    std::atomic<bool> _mainLoopChangePosted{false};
+    std::atomic<pid_t> _process{0};                        // that last started the thread
+    QHash<int, QByteArray> _partlyRead GUARDED_BY(_mutex); // what heads point into, by port
 };
 
 // Not checked: the predicate asks for the mutex by the name it has where the predicate was written.
@@ -378,7 +341,7 @@ bool UsbHAL::_waitUntil(QWaitCondition &condition, qint64 msecs,
     timer.start();
     while (!reached()) {
         const qint64 left = msecs - timer.elapsed();
-        if (left <= 0)
+        if (left <= 0 || _hasToEnd())
             return false;
         _waitOn(condition, left);
     }
@@ -398,8 +361,8 @@ void UsbHAL::_emitUnlocked(QMutexLocker &locker, Emission emission)
 {
     struct Handlers
     {
-        Handlers() { ++emissionDepth; }
-        ~Handlers() { --emissionDepth; }
+        Handlers() { ++_emissionDepth; }
+        ~Handlers() { --_emissionDepth; }
         // A kill amid Qt's delivery would leave the receiver's event loop deaf, and one in a
         // handler would unwind through a client's destructors.
         const CancellationBlocker blocker;

@@ -68,7 +68,7 @@ UsbHALIntf::~UsbHALIntf() = default;
 // right to its device and log.
 void UsbHALIntf::_endProcess()
 {
-    if (!_freed && _process == ::getpid())
+    if (!_freed && (_process == ::getpid() || _hal->hasStartedHere()))
         _hal->retire();
 }
 
@@ -76,12 +76,13 @@ void UsbHALIntf::freeMem()
 {
     if (_freed)
         return;
-    if (_hal->isRunning())
-        _hal->stop();
-    if (!_hal->isDestroyable())
-        return;
-    _freed = true;
-    delete _hal;
+    if (!_hal->isDestroyable()) {
+        if (_hal->isRunning())
+            _hal->stop();
+    } else if (_hal->retire()) {
+        _freed = true;
+        delete _hal;
+    }
 }
 
 void UsbHALIntf::_relaySignals()

@@ -107,9 +107,11 @@ public:
 
     /**
      * Opens a port, 0 to 9999; the first open starts the communication with the host. Other numbers
-     * are not refused, but what is written to them reaches no host whole. While an earlier stop()
-     * is under way it waits for that, at most threadStopTimeout ms, and fails with code 7 when the
-     * stop takes longer. Returns false after emitting error() with code 3, 4, 5 or 7.
+     * are not refused, but what is written to them reaches no host whole. While an earlier
+     * communication ends it waits for that, at most threadStopTimeout ms, and fails with code 7
+     * when it takes longer. The communication thread cannot wait for itself: there it fails with
+     * code 7 at once while another thread's stop() waits, and in destructors that run at the
+     * thread's end. Returns false after emitting error() with code 3, 4, 5 or 7.
      */
     bool openConnection(int port);
 
@@ -170,12 +172,13 @@ public:
      */
     QByteArray read(int port, unsigned int maxSize);
 
-    /** Always empty; call read() once for each readyRead() instead. Takes no lock. */
+    /** Always empty; call read() until it returns nothing instead. Takes no lock. */
     QByteArray readAll(int port);
 
     /**
      * Waits until no message waits to be written, at most msecs ms. Nothing wakes it: when one does
-     * at the call, it takes all of msecs. Polling bytesToWrite() is quicker.
+     * at the call, it takes all of msecs. Polling bytesToWrite() is quicker. As all waits it ends
+     * early, without what it waits for, in a handler whose thread has to end.
      */
     void flush(int msecs);
 
@@ -212,11 +215,12 @@ public:
      * port that is not open starts the communication again. Waits for the communication thread, at
      * most threadStopTimeout ms, and kills it after that, which may take 3 s; before it up to half
      * a second for the watchdog's timer. In a handler that runs in the communication thread it only
-     * asks: the thread ends when the handler returns.
+     * asks: the thread ends when the handler returns, the rest of what the host sent in the same
+     * transfer is dropped, and waits of that handler end.
      */
     void stop();
 
-    /** Whether the communication thread runs. Takes no lock. */
+    /** Whether the communication thread runs. */
     bool isRunning() const;
 
     /**
@@ -249,7 +253,12 @@ signals:
     void connected(int port);
     /** A port was closed, cut off by the far side, or lost with the link. */
     void disconnected(int port);
-    /** A message was received for a port; emitted once for each message. */
+    /**
+     * A message was received for a port; emitted once for each message. The first one of a
+     * connection is announced before the link is CONNECTED, when it cannot be read yet: a handler
+     * reads until read() returns nothing, since with one read for each signal it would stay a
+     * message behind.
+     */
     void readyRead(int port);
     /** Relayed for clients that connect to it; never emitted at present. */
     void readyRead();
@@ -260,7 +269,7 @@ signals:
      * - 4: the port is open already, also after a stop()
      * - 5: as many ports are open as ParamHal::maxClients allows
      * - 6: the port to be closed is not open
-     * - 7: not configured, a stop() that takes too long, or no thread to be had
+     * - 7: not configured, a communication that takes too long to end, or no thread to be had
      * - 8: the driver refused to close
      */
     void error(int num, void *data);

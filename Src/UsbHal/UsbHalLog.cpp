@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: MIT
-// With words of 32 bits the C library's time ends in 2038, unless it is asked for the longer one.
-#define _FILE_OFFSET_BITS 64
-#define _TIME_BITS 64
-
 #include "UsbHalLog.h"
 
-#include "workerthread.h"
+#include "CancellationBlocker.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -13,11 +9,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <ctime>
 #include <iostream>
-#include <iterator>
-#include <limits>
 #include <memory>
 
 namespace {
@@ -26,87 +18,6 @@ constexpr int defaultMaxLines = 500;
 constexpr int largestMaxLines = 20000;
 constexpr int lastFileIndex = 30000;
 constexpr int lockPollPeriod = 10; // ms
-
-void append(LogLine &line, QLatin1String text)
-{
-    line.append(text.data(), text.size());
-}
-
-void append(LogLine &line, const QString &text)
-{
-    const QByteArray utf8 = text.toUtf8();
-    line.append(utf8.constData(), utf8.size());
-}
-
-bool isAscii(char c)
-{
-    return static_cast<unsigned char>(c) < 0x80;
-}
-
-void appendNumber(LogLine &line, qint64 number)
-{
-    char digits[std::numeric_limits<qint64>::digits10 + 1];
-    char *first = std::end(digits);
-    qint64 rest = qAbs(number);
-    do {
-        *--first = static_cast<char>('0' + rest % 10);
-        rest /= 10;
-    } while (rest != 0);
-    if (number < 0)
-        line.append('-');
-    line.append(first, static_cast<int>(std::end(digits) - first));
-}
-
-// "dd-MM-yyyy hh:mm:ss:". Each thread makes it once a second: it takes longer than all the rest of
-// a line, and asks for the file of the time zone. Without Qt, whose calendar is gone before the
-// last line of a process.
-QLatin1String dateOf(time_t second)
-{
-    struct Date
-    {
-        time_t second = -1;
-        size_t size = 0;
-        char text[32] = {};
-    };
-    static thread_local Date date;
-    if (date.second != second) {
-        tm local = {};
-        tzset(); // localtime_r need not notice that the time zone has changed
-        localtime_r(&second, &local);
-        date.size = std::strftime(date.text, sizeof date.text, "%d-%m-%Y %H:%M:%S:", &local);
-        date.second = second;
-    }
-    return QLatin1String(date.text, static_cast<int>(date.size));
-}
-
-void appendTimestamp(LogLine &line)
-{
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    append(line, dateOf(now.tv_sec));
-    for (long unit = 100000000; unit >= 1000000; unit /= 10) // the digits of the milliseconds
-        line.append(static_cast<char>('0' + now.tv_nsec / unit % 10));
-}
-
-qint32 currentThreadId()
-{
-    return static_cast<qint32>(reinterpret_cast<quintptr>(QThread::currentThreadId()));
-}
-
-void compose(LogLine &line, const LogPart &function, unsigned int number, LogText text)
-{
-    appendTimestamp(line);
-    append(line, QLatin1String(" [THREAD "));
-    appendNumber(line, currentThreadId());
-    append(line, QLatin1String("] ["));
-    function.appendTo(line);
-    line.append(':');
-    appendNumber(line, number);
-    append(line, QLatin1String("] "));
-    for (const LogPart &part : text)
-        part.appendTo(line);
-    line.append('\n');
-}
 
 struct DirectoryCloser
 {
@@ -145,7 +56,7 @@ QStringList findFiles(const QString &folder, const QString &prefix, QLatin1Strin
     return paths;
 }
 
-void writeToConsole(const LogPart &function, LogText text)
+void writeToConsole(const LogPart &function, LogPart::List text)
 {
     const QByteArray line =
         "USBHAL] " + function.toString().toLatin1() + " - " + toString(text).toLatin1() + '\n';
@@ -155,41 +66,6 @@ void writeToConsole(const LogPart &function, LogText text)
 }
 
 } // namespace
-
-void LogPart::appendTo(LogLine &line) const
-{
-    if (_kind == Kind::Number)
-        appendNumber(line, _number);
-    else if (_kind == Kind::Ascii ||
-             (_kind == Kind::Received && std::all_of(_bytes, _bytes + _size, isAscii)))
-        line.append(_bytes, _size);
-    else
-        append(line, toString());
-}
-
-QString LogPart::toString() const
-{
-    switch (_kind) {
-    case Kind::Ascii:
-    case Kind::Received:
-        return QString::fromUtf8(_bytes, _size);
-    case Kind::Text:
-        return *_text;
-    case Kind::Number:
-        break;
-    }
-    LogLine digits;
-    appendNumber(digits, _number);
-    return QString::fromLatin1(digits.constData(), digits.size());
-}
-
-QString toString(LogText text)
-{
-    QString joined;
-    for (const LogPart &part : text)
-        joined += part.toString();
-    return joined;
-}
 
 QScopedPointer<UsbHalLog, UsbHalLog::KeptToTheEnd> UsbHalLog::logger;
 
@@ -224,7 +100,7 @@ void UsbHalLog::log(QString function, unsigned int line, QString message)
     log(LogPart(function), line, {message});
 }
 
-void UsbHalLog::log(const LogPart &function, unsigned int line, LogText text)
+void UsbHalLog::log(const LogPart &function, unsigned int line, LogPart::List text)
 {
     // A thread that is killed in the middle of a line would leave the file in disorder; one that
     // writes line after line must be killed between two.
@@ -234,7 +110,7 @@ void UsbHalLog::log(const LogPart &function, unsigned int line, LogText text)
         writeToConsole(function, text);
         return;
     }
-    LogLine composed;
+    LogPart::Line composed;
     compose(composed, function, line, text);
     while (!_logMutex.tryLock(lockPollPeriod))
         blocker.testCancel();
@@ -295,7 +171,7 @@ bool UsbHalLog::_openFile(int index, QIODevice::OpenMode mode)
     return opened;
 }
 
-void UsbHalLog::_append(const LogLine &line)
+void UsbHalLog::_append(const LogPart::Line &line)
 {
     if (_file->isOpen())
         _write(line);
@@ -303,7 +179,7 @@ void UsbHalLog::_append(const LogLine &line)
 }
 
 // A disk that fills up may take the beginning of a line: the next line must not follow on it.
-void UsbHalLog::_write(const LogLine &line)
+void UsbHalLog::_write(const LogPart::Line &line)
 {
     if (_lineCut && _file->write("\n", 1) != 1)
         return;
@@ -316,7 +192,7 @@ void UsbHalLog::_write(const LogLine &line)
  * <name>2.log  full: survives
  * <name>3.log  begun with the line that found the second file full
  */
-void UsbHalLog::_rotate(const LogLine &line)
+void UsbHalLog::_rotate(const LogPart::Line &line)
 {
     const int previousIndex = _fileIndex;
     _fileIndex = _fileIndex < lastFileIndex ? _fileIndex + 1 : 1;
@@ -333,9 +209,9 @@ void UsbHalLog::_rotate(const LogLine &line)
 void UsbHalLog::_stopLogging()
 {
     if (_fileIndex > 1 && _openFile(_fileIndex - 1, QIODevice::Append)) {
-        LogLine line;
+        LogPart::Line line;
         appendTimestamp(line);
-        append(line, QLatin1String("ERROR: couldn't open new log file, stop logging !\n"));
+        LogPart("ERROR: couldn't open new log file, stop logging !\n").appendTo(line);
         _write(line);
         _file->close();
     }
@@ -355,7 +231,7 @@ void UsbHalLog::_removeOldFile(int index)
     _reportingRemoval = false;
 }
 
-void logLine(const char *function, LogText text, unsigned int line)
+void logLine(const char *function, LogPart::List text, unsigned int line)
 {
     UsbHalLog::getInstance()->log(LogPart(function), line, text);
 }

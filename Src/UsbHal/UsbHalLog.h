@@ -2,69 +2,14 @@
 #ifndef USBHALLOG_H
 #define USBHALLOG_H
 
+#include "LogLine.h"
 #include "UsbHalIntf.h"
 #include "threadsafety.h"
 
 #include <QFile>
 #include <QScopedPointer>
-#include <QVarLengthArray>
 
 #include <atomic>
-#include <cstring>
-#include <initializer_list>
-#include <limits>
-#include <type_traits>
-
-/** A line of a log file, in UTF-8. All but the longest are put together on the stack. */
-using LogLine = QVarLengthArray<char, 512>;
-
-/**
- * A part of a line's text. It only refers to what it was made from, which has to outlive it: so a
- * line is put together once, where it is written.
- */
-class LogPart
-{
-public:
-    /** A text of ours, in ASCII, that ends with a zero byte. */
-    LogPart(const char *text)
-        : _kind(Kind::Ascii), _size(static_cast<int>(std::strlen(text))), _bytes(text)
-    {
-    }
-    LogPart(const QString &text) : _kind(Kind::Text), _text(&text) {}
-    /** Received bytes: up to the first zero byte, at most limit bytes. */
-    LogPart(const QByteArray &bytes, int limit = std::numeric_limits<int>::max())
-        : _kind(Kind::Received),
-          _size(static_cast<int>(
-              strnlen(bytes.constData(), static_cast<size_t>(qMin(bytes.size(), limit))))),
-          _bytes(bytes.constData())
-    {
-    }
-    /** A number, shown in decimal. */
-    template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer>>>
-    LogPart(Integer number) : _kind(Kind::Number), _number(number)
-    {
-    }
-    LogPart(bool value) : LogPart(value ? "true" : "false") {}
-
-    void appendTo(LogLine &line) const;
-    QString toString() const;
-
-private:
-    enum class Kind { Ascii, Received, Text, Number };
-
-    Kind _kind;
-    int _size = 0; // of the bytes
-    union {
-        const char *_bytes;
-        const QString *_text;
-        qint64 _number;
-    };
-};
-
-/** The parts of a line's text, in their order. */
-using LogText = std::initializer_list<LogPart>;
-
-QString toString(LogText text);
 
 /**
  * The process-wide trace: lines go to standard output until a log file is open, then to numbered
@@ -96,7 +41,7 @@ public:
      * room for is lost.
      */
     void log(QString function, unsigned int line, QString message);
-    void log(const LogPart &function, unsigned int line, LogText text);
+    void log(const LogPart &function, unsigned int line, LogPart::List text);
 
     /** Takes the number of lines of one file from the configuration. Always returns false. */
     bool setupConfig(const ParamHal &param);
@@ -112,9 +57,9 @@ private:
     void _createLogDir() REQUIRES(_logMutex);
     void _keepPreviousFiles() REQUIRES(_logMutex);
     bool _openFile(int index, QIODevice::OpenMode mode) REQUIRES(_logMutex);
-    void _append(const LogLine &line) REQUIRES(_logMutex);
-    void _write(const LogLine &line) REQUIRES(_logMutex);
-    void _rotate(const LogLine &line) REQUIRES(_logMutex);
+    void _append(const LogPart::Line &line) REQUIRES(_logMutex);
+    void _write(const LogPart::Line &line) REQUIRES(_logMutex);
+    void _rotate(const LogPart::Line &line) REQUIRES(_logMutex);
     void _stopLogging() REQUIRES(_logMutex);
     void _removeOldFile(int index) REQUIRES(_logMutex);
 
@@ -140,6 +85,6 @@ private:
 };
 
 /** Logs a text with the caller's source line. */
-void logLine(const char *function, LogText text, unsigned int line = __builtin_LINE());
+void logLine(const char *function, LogPart::List text, unsigned int line = __builtin_LINE());
 
 #endif

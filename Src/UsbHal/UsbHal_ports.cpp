@@ -25,7 +25,7 @@ bool UsbHAL::openConnection(UsbConnID port)
 {
     CheckedLocker locker(&_mutex);
     logLine("openConnection", {"opening driver"});
-    const bool ready = _waitForEnding(locker);
+    const bool ready = _waitForEnding();
     if (_openQueue(port)) {
         _emitError(Error::PortAlreadyOpen, portParameter(port), locker);
         return false;
@@ -86,64 +86,6 @@ bool UsbHAL::_canClose(int port) const
            _socketStates.value(port, SocketState::CLOSED) != SocketState::CLOSED;
 }
 
-bool UsbHAL::_isCommunicating() const
-{
-    return (_running || _startPending) && _connectedThread.belongsTo(this) &&
-           _connectedThread.isRunning();
-}
-
-// Whether a stop is under way or the thread, asked to end, has not ended yet.
-bool UsbHAL::_isEnding() const
-{
-    return _stopsInProgress != 0 || (!_isCommunicating() && _connectedThread.isRunning());
-}
-
-// A port that is opened while the communication ends would die with it. Returns whether the
-// communication goes on or can be started afresh.
-bool UsbHAL::_waitForEnding(QMutexLocker &locker)
-{
-    if (isConnectedThread())
-        return _stopsInProgress == 0;
-    QElapsedTimer timer;
-    timer.start();
-    _waitUntil(_stopEndedCond, _param.threadStopTimeout,
-               [this]() REQUIRES(_mutex) { return _stopsInProgress == 0; });
-    const qint64 left = qMax<qint64>(_param.threadStopTimeout - timer.elapsed(), 0);
-    if (_isEnding())
-        _waitForThread(locker, static_cast<unsigned long>(left));
-    return !_isEnding();
-}
-
-bool UsbHAL::_startCommunication()
-{
-    _clearWriteFifo();
-    _clearReadFifo();
-    if (!_configured || _retired)
-        return false;
-    logLine("openConnection", {"start communication thread"});
-    if (!_startThread())
-        return false;
-    _resetWatchdog();
-    connect(&_mainLoopTimer, &QTimer::timeout, this, &UsbHAL::_mainLoop, Qt::UniqueConnection);
-    _setMainLoopTimer(_param.mainLoopPeriod);
-    _mainLoopClock.start();
-    return true;
-}
-
-// Returns false when the thread runs for another core or cannot be started.
-bool UsbHAL::_startThread()
-{
-    if (isConnectedThread()) {
-        _startPending = true;
-        return true;
-    }
-    if (!_connectedThread.startFor(this))
-        return false;
-    _beginCommunication();
-    _forceLowLevelDisconnection = false;
-    return true;
-}
-
 // Gives the port an empty queue. Returns false when there is no memory for it.
 bool UsbHAL::_prepareReadQueue(int port)
 {
@@ -163,6 +105,7 @@ void UsbHAL::_discardReadQueue(int port)
     ReadQueue *const queue = _readQueue(port);
     while (!queue->isEmpty())
         _totalBytesWaitingRead -= textLength(queue->dequeue());
+    _partlyRead.remove(port);
 }
 
 bool UsbHAL::_closeConnection(int port, QMutexLocker &locker)

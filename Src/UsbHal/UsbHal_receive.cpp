@@ -22,18 +22,11 @@ bool hasRoom(const QQueue<QByteArray> &queue, int size)
     return qint64(queue.size()) + size <= readQueueBound;
 }
 
-// What has waited behind many messages has left the processor's cache by the time it is read.
-void prefetchLater(QQueue<QByteArray> &queue)
-{
-    constexpr int ahead = 4; // messages
-    if (!queue.isEmpty())
-        __builtin_prefetch(queue[qMin(ahead, queue.size() - 1)].data_ptr());
-}
-
 } // namespace
 
 bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
 {
+    const quint32 stops = _stops;
     QByteArray rest = QByteArray::fromRawData(buffer.constData(), buffer.size());
     for (;;) {
         unsigned int consumed = 0;
@@ -44,8 +37,9 @@ bool UsbHAL::_processAllMessages(const QByteArray &buffer, QMutexLocker &locker)
         rest.setRawData(rest.constData() + consumed, static_cast<uint>(left));
         logLine("_processAllMessages", {"Remaining frame size : ", left});
         logLine("_processAllMessages", {"Message: ", LogPart(rest, shownBytes)});
-        if (!accepted)
-            return false;
+        // What follows a stop would bring the link up again, and reach ports that are opened anew.
+        if (!accepted || _stops != stops)
+            return accepted;
     }
 }
 
@@ -162,18 +156,33 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
     ReadQueue *const queue = _readableQueue(port);
     if (!queue)
         return QByteArray();
-    QByteArray &head = queue->head();
-    QByteArray result;
-    if (maxSize < static_cast<unsigned int>(head.size())) {
-        result = head.left(static_cast<int>(maxSize));
-        head.remove(0, static_cast<int>(maxSize));
-    } else {
-        result = queue->dequeue();
-        prefetchLater(*queue);
-    }
+    const bool wholeHead = maxSize >= static_cast<unsigned int>(queue->head().size());
+    const QByteArray result =
+        wholeHead ? _takeHead(port, *queue) : _takePart(port, *queue, static_cast<int>(maxSize));
     _totalBytesWaitingRead -= static_cast<quint32>(result.size());
     if (isLogged(result.size()))
         logLine("read", {"Message read for client #", port, "of size ", result.size()});
+    return result;
+}
+
+QByteArray UsbHAL::_takeHead(int port, ReadQueue &queue)
+{
+    const QByteArray head = queue.dequeue();
+    if (!_partlyRead.contains(port))
+        return head;
+    const QByteArray rest(head.constData(), head.size());
+    _partlyRead.remove(port);
+    return rest;
+}
+
+// Copies what it returns and nothing else: what is left of the head becomes a view into the whole.
+QByteArray UsbHAL::_takePart(int port, ReadQueue &queue, int size)
+{
+    QByteArray &head = queue.head();
+    if (!_partlyRead.contains(port))
+        _partlyRead.insert(port, head);
+    const QByteArray result(head.constData(), size);
+    head.setRawData(head.constData() + size, static_cast<uint>(head.size() - size));
     return result;
 }
 
@@ -183,8 +192,10 @@ QByteArray UsbHAL::peek(int port, unsigned int maxSize) const
     const ReadQueue *const queue = _readableQueue(port);
     if (!queue)
         return QByteArray();
-    const auto size = static_cast<unsigned int>(queue->head().size());
-    return queue->head().left(static_cast<int>(qMin(maxSize, size)));
+    const QByteArray &head = queue->head();
+    const int size = static_cast<int>(qMin(maxSize, static_cast<unsigned int>(head.size())));
+    // A view must not get out: what it points into goes with its last byte.
+    return _partlyRead.contains(port) ? QByteArray(head.constData(), size) : head.left(size);
 }
 
 QByteArray UsbHAL::readAll(int /*port*/)
@@ -245,5 +256,6 @@ void UsbHAL::_clearReadFifo()
         if (queue)
             queue->clear();
     }
+    _partlyRead.clear();
     _totalBytesWaitingRead = 0;
 }

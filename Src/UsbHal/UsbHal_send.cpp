@@ -80,7 +80,7 @@ void UsbHAL::_waitForWritePermission()
     for (;;) {
         const bool full = static_cast<quint32>(_writeFifo.size()) >= _param.maxWriteFifoSize;
         const qint64 left = writeWaitTimeout - timer.elapsed();
-        if (!(full || _peerBusy) || left <= 0)
+        if (!(full || _peerBusy) || left <= 0 || _hasToEnd())
             return;
         QStringList reasons;
         if (full)

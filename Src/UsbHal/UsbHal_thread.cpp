@@ -6,7 +6,6 @@
 
 #include <limits>
 
-#include <QAbstractEventDispatcher>
 #include <QThread>
 
 using namespace usb_messages;
@@ -15,13 +14,11 @@ namespace {
 
 constexpr unsigned long transferPause = 10; // ms, after each read and write
 constexpr unsigned long reopenPause = 1000; // ms
-constexpr unsigned long killTimeout = 3000; // ms
+constexpr unsigned long noDriverPause = 1;  // ms
 constexpr quint32 openFailuresLogged = 50;  // failed opens in a row before they are logged
 constexpr quint32 hostReopenFailures = 49;  // failed reopens in a row that the host takes
 constexpr quint32 hostHandshakePasses = 20; // passes that the host's handshake may take
 constexpr quint64 delayFactor = 30;         // unread bytes, in units of the max read size
-constexpr int timerEndPolls = 500;
-constexpr unsigned long timerEndPause = 1; // ms
 
 } // namespace
 
@@ -31,9 +28,8 @@ void *UsbHAL::_connectedFunc(void * /*arg*/)
 {
     CheckedLocker locker(&_mutex);
     _communicate(locker);
-    while (_startPending) {
-        _startPending = false;
-        _running = true;
+    while (_communication == Communication::Restarting) {
+        _beginRun();
         _communicate(locker);
     }
     return nullptr;
@@ -66,6 +62,8 @@ bool UsbHAL::_openAnyDriver(Session &session, QMutexLocker &locker)
         }
         if (++session.failedOpens > openFailuresLogged && !_reportFailedOpens(session))
             return false;
+        if (_drivers.isEmpty()) // whose opens else give the pace, and the mutex to others
+            _pause(noDriverPause, locker);
     }
     return true;
 }
@@ -98,38 +96,6 @@ bool UsbHAL::_runCycles(Session &session, QMutexLocker &locker)
         _grantWriters();
     }
     return true;
-}
-
-void UsbHAL::_leaveThread(QMutexLocker &locker)
-{
-    if (_releaseDriver()) {
-        logLine("_connectedFunc", {"USB driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", {"Could not close USB driver !"});
-    }
-    _running = false;
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _maxSizeExchanged = false;
-}
-
-void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
-{
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _onDisconnected(locker);
-    _running = false;
-}
-
-void UsbHAL::_endOfConnectedThread()
-{
-    CheckedLocker locker(&_mutex);
-    logLine("_endOfConnectedThread", {"clean exit of communication thread"});
-    if (_mainLoopPeriod != 0)
-        _setMainLoopTimer(0);
-    // The thread that owns the timer may itself wait for this one, in a stop.
-    for (int i = 0; _mainLoopActive && _stopsInProgress == 0 && i < timerEndPolls; ++i)
-        _pause(timerEndPause, locker);
-    logLine("_endOfConnectedThread", {"watchdog stopped"});
 }
 
 // ---- the driver ----
@@ -165,6 +131,16 @@ bool UsbHAL::_releaseDriver()
     _hwDriver = nullptr;
     _driverOpened = false;
     return true;
+}
+
+// Says how the release went, a refusal also by the error signal.
+void UsbHAL::_releaseDriverOrReport(const char *function, const char *closed, const char *refused,
+                                    QMutexLocker &locker)
+{
+    const bool released = _releaseDriver();
+    if (!released)
+        _emitError(Error::CloseFailed, nullptr, locker);
+    logLine(function, {released ? closed : refused});
 }
 
 bool UsbHAL::_readBlock(QByteArray &block, QMutexLocker &locker)
@@ -393,12 +369,8 @@ void UsbHAL::_resetLink(QMutexLocker &locker)
 // Returns false when the host role gives up.
 bool UsbHAL::_reopenAfterLoss(Session &session, QMutexLocker &locker)
 {
-    if (_releaseDriver()) {
-        logLine("_connectedFunc", {"UsbHAL driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("_connectedFunc", {"Could not close USB driver !"});
-    }
+    _releaseDriverOrReport("_connectedFunc", "UsbHAL driver closed", "Could not close USB driver !",
+                           locker);
     if (session.handshakeFailed && _nbClients() == 0) {
         logLine("_connectedFunc", {"failed to setup handshake with device, leaving thread"});
         return false;
@@ -436,161 +408,4 @@ bool UsbHAL::_isReopenHopeless(const Session &session) const
         return false;
     logLine("_connectedFunc", {"failed to open driver !"});
     return true;
-}
-
-// ---- the watchdog, in the core's own thread ----
-
-void UsbHAL::watchdog(bool /*enable*/) {}
-
-void UsbHAL::_mainLoop()
-{
-    CheckedLocker locker(&_mutex);
-    if (!_isWatchdogDue())
-        return;
-    const auto progress = static_cast<qint32>(_loopCounter - _lastLoopCounter);
-    if (progress > 0) {
-        _lastLoopCounter = _loopCounter;
-        _watchdogErrors = 0;
-    } else if (++_watchdogErrors > _param.maxWatchdogErrors) {
-        _restartStuckThread(locker);
-    }
-    _mainLoopClock.restart();
-}
-
-bool UsbHAL::_isWatchdogDue() const
-{
-    // A tick of a timer that was stopped meanwhile must not restart what stop() has ended.
-    if (_mainLoopPeriod == 0 || !_driverOpened)
-        return false;
-    // Rounded: a precise timer may fire a fraction of a millisecond early.
-    if ((_mainLoopClock.nsecsElapsed() + 500000) / 1000000 < _param.mainLoopPeriod)
-        return false;
-    return !(_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _handshaking);
-}
-
-void UsbHAL::_resetWatchdog()
-{
-    _watchdogErrors = 0;
-    _loopCounter = 0;
-    _lastLoopCounter = 0;
-}
-
-void UsbHAL::_restartStuckThread(QMutexLocker &locker)
-{
-    logLine("_mainLoop", {"watchdog errors: ", _watchdogErrors});
-    logLine("_mainLoop", {"max watchdog errors: ", _param.maxWatchdogErrors});
-    const quint32 stops = _stops;
-    if (_hwDriver)
-        _hwDriver->cancelPendingIo();
-    if (isHost())
-        _running = false;
-    if (!_waitForThread(locker, _param.threadStopTimeout) && _stops == stops)
-        _stopWorkerThread(killTimeout);
-    // Nothing here may touch what a stop() has ended during the waits and handlers.
-    if (_stops == stops)
-        _updateStatus(DriverState::DISCONNECTED, locker);
-    if (_stops == stops)
-        _changeAllSocketsState(SocketState::DISCONNECTED, locker);
-    if (_stops != stops) {
-        _releaseDriverOfDeadThread();
-    } else if (_connectedThread.startFor(this)) {
-        _beginCommunication();
-        _resetWatchdog();
-    }
-}
-
-void UsbHAL::_stopWorkerThread(unsigned long time)
-{
-    {
-        const QMutexLocker logLocker(UsbHalLog::getInstance()->getLogMutex());
-        if (_connectedThread.belongsTo(this))
-            _connectedThread.terminate();
-    }
-    // The thread may have to pass the mutex to reach a point where it can be cancelled.
-    _mutex.unlock();
-    const bool ended = !_connectedThread.belongsTo(this) || _connectedThread.wait(time);
-    _mutex.lock();
-    logLine("_stopWorkerThread", {ended ? "communication thread did not stop -> killed"
-                                        : "ERROR: could not stop communication thread !"});
-}
-
-// A stop() that found the thread killed has left the driver to whoever killed it.
-void UsbHAL::_releaseDriverOfDeadThread()
-{
-    if (!_running && !_connectedThread.isRunning())
-        _releaseDriver();
-}
-
-// The state of a communication whose thread was just started: it waits for the mutex, so it cannot
-// see the state of before.
-void UsbHAL::_beginCommunication()
-{
-    _nextAction = firstHalf;
-    _running = true;
-    _startPending = false;
-}
-
-// Waits for the thread after it was asked to end, and kills it when it does not.
-void UsbHAL::_endThread(QMutexLocker &locker)
-{
-    if (_waitForThread(locker, _param.threadStopTimeout)) {
-        logLine("stop", {"communication thread stopped"});
-        return;
-    }
-    logLine("stop", {"communication thread still running"});
-    _stopWorkerThread(killTimeout);
-    if (_releaseDriver()) {
-        logLine("stop", {"USB driver closed"});
-    } else {
-        _emitError(Error::CloseFailed, nullptr, locker);
-        logLine("stop", {"ERROR: could not close USB driver !"});
-    }
-}
-
-bool UsbHAL::isConnectedThread() const
-{
-    return QThread::currentThread() == &_connectedThread && _connectedThread.belongsTo(this);
-}
-
-// Returns whether the thread has ended, or never ran for this core.
-bool UsbHAL::_waitForThread(QMutexLocker &locker, unsigned long time)
-{
-    if (!_connectedThread.belongsTo(this))
-        return true;
-    bool ended = false;
-    _runUnlocked(locker, [&] { ended = _connectedThread.wait(time); });
-    return ended;
-}
-
-// In the core's thread as it ends: from no other could the timer be stopped.
-void UsbHAL::_retireMainLoopTimer()
-{
-    _mainLoopPeriod = 0;
-    _applyMainLoopPeriod();
-}
-
-// Starts the timer, or stops it with a period of 0, in the thread that it belongs to.
-void UsbHAL::_setMainLoopTimer(quint32 period)
-{
-    _mainLoopPeriod = static_cast<int>(qMin<quint32>(period, std::numeric_limits<int>::max()));
-    if (QThread::currentThread() == thread())
-        _applyMainLoopPeriod();
-    else if (!_mainLoopChangePosted.exchange(true))
-        QMetaObject::invokeMethod(this, &UsbHAL::_applyMainLoopPeriod, Qt::QueuedConnection);
-}
-
-void UsbHAL::_applyMainLoopPeriod()
-{
-    _mainLoopChangePosted = false;
-    const int period = _mainLoopPeriod;
-    if (period == 0) {
-        _mainLoopTimer.stop();
-    } else if (QAbstractEventDispatcher::instance()) {
-        connect(thread(), &QThread::finished, this, &UsbHAL::_retireMainLoopTimer,
-                Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
-        _mainLoopTimer.setTimerType(Qt::PreciseTimer);
-        _mainLoopTimer.setSingleShot(false);
-        _mainLoopTimer.start(period);
-    }
-    _mainLoopActive = _mainLoopTimer.isActive();
 }

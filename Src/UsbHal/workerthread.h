@@ -2,41 +2,14 @@
 #ifndef WORKERTHREAD_H
 #define WORKERTHREAD_H
 
+#include <QSemaphore>
 #include <QThread>
 
 #include <atomic>
-#include <pthread.h>
 
 class UsbHAL;
 
-/**
- * While it lives, a kill of the thread that made it waits. For code that must not be left halfway;
- * every thread may use it, and one within another.
- */
-class CancellationBlocker
-{
-public:
-    CancellationBlocker() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_formerState); }
-    ~CancellationBlocker() { pthread_setcancelstate(_formerState, nullptr); }
-    Q_DISABLE_COPY(CancellationBlocker)
-
-    /** Lets a kill that waits happen here, unless an outer blocker holds it off. */
-    void testCancel() const { _testCancelIn(_formerState); }
-    /** Lets a kill that waits happen here, whatever holds it off. */
-    static void letCancel() { _testCancelIn(PTHREAD_CANCEL_ENABLE); }
-
-private:
-    static void _testCancelIn(int state)
-    {
-        pthread_setcancelstate(state, nullptr);
-        pthread_testcancel();
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }
-
-    int _formerState = PTHREAD_CANCEL_ENABLE;
-};
-
-/** Thread that runs the communication function of a core. */
+/** Thread that runs the communication function of a core, one core's at a time. */
 class WorkerThread : public QThread
 {
     Q_OBJECT
@@ -46,13 +19,16 @@ public:
     ~WorkerThread() override;
 
     /**
-     * Starts the thread for a core, from any thread. Returns false while it runs already and when
-     * the system has no thread to give.
+     * Starts the thread for a core, from any thread. Returns false while it belongs to a core and
+     * when the system has no thread to give.
      */
     bool startFor(UsbHAL *owner);
 
-    /** Whether the thread runs, or last ran, for this core. May be called from any thread. */
-    bool belongsTo(const UsbHAL *core) const { return _owner == core; }
+    /** Gives the thread free for the next start; for the core that it belongs to, at its end. */
+    void release() { _owner = nullptr; }
+
+    /** The core whose thread the caller runs in, from the thread's first step to its last. */
+    static UsbHAL *currentOwner();
 
 signals:
     /** Never emitted. */
@@ -62,8 +38,11 @@ protected:
     void run() override;
 
 private:
+    struct LastAct;
+
     std::atomic<UsbHAL *> _owner{nullptr};
     void *_arg = nullptr;
+    QSemaphore _entered;
 };
 
 #endif

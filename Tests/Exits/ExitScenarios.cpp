@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "ExitScenarios.h"
 
+#include <QFile>
+
 #include <SimNodeControl.h>
 
 #include <QElapsedTimer>
@@ -39,6 +41,13 @@ void runExitScenario(const std::string &name, const QString &folder)
 QString logFolder()
 {
     return logFolderInUse;
+}
+
+QByteArray logText()
+{
+    QFile log(logFolder() + "/UsbHal1.log");
+    check(log.open(QIODevice::ReadOnly), "there is no log");
+    return log.readAll();
 }
 
 UsbHALIntf *facade()

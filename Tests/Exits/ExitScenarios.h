@@ -22,6 +22,8 @@ ExitScenarios stuckScenarios();
 void runExitScenario(const std::string &name, const QString &folder);
 
 QString logFolder();
+/** What the log holds, of the one file that these clients fill. */
+QByteArray logText();
 
 constexpr int linkTimeout = 20000; // ms
 

@@ -3,8 +3,6 @@
 // Clients that fork without exec. The child has the library's objects, but none of its threads.
 #include "ExitScenarios.h"
 
-#include <QFile>
-
 #include <atomic>
 #include <cstdlib>
 #include <sys/wait.h>
@@ -52,9 +50,7 @@ void exitCleanly()
 // The log is the parent's, and says nothing of a child's end.
 void expectNoStopInLog()
 {
-    QFile log(logFolder() + "/UsbHal1.log");
-    check(log.open(QIODevice::ReadOnly), "there is no log");
-    const QByteArray lines = log.readAll();
+    const QByteArray lines = logText();
     check(!lines.contains("[stop:") && !lines.contains("[~UsbHAL:"), "a child wrote into the log");
 }
 
@@ -127,6 +123,16 @@ ExitScenarios forkScenarios()
          }},
         {"fork beside calls", forkBesideCalls},
         {"fork in a handler", forkInHandler},
+        {"fork before the first open",
+         [] {
+             facade();
+             forkChild([] {
+                 configure();
+                 openAndLink();
+                 std::exit(0);
+             });
+             check(logText().contains("communication thread stopped"), "the child did not stop");
+         }},
         {"fork before the first call",
          [] {
              forkChild([] {

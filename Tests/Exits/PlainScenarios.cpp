@@ -32,6 +32,14 @@ void freeAfter(void (*scenario)())
     facade()->freeMem();
 }
 
+void freeWhileLinked()
+{
+    freeAfter(link);
+    const QByteArray lines = logText();
+    check(lines.count("[stop:") == 2, "freeing is not one stop");
+    check(lines.indexOf("[~UsbHAL:") < lines.indexOf("[stop:"), "the end is not told first");
+}
+
 } // namespace
 
 ExitScenarios plainScenarios()
@@ -56,7 +64,7 @@ ExitScenarios plainScenarios()
         {"unread bytes", linkWithUnreadBytes},
         {"never configured and freed", [] { facade()->freeMem(); }},
         {"freed", [] { freeAfter([] { configure(); }); }},
-        {"opened and freed", [] { freeAfter(link); }},
+        {"opened and freed", freeWhileLinked},
         {"stopped and freed", [] { freeAfter(linkAndStop); }},
         {"unread bytes and freed", [] { freeAfter(linkWithUnreadBytes); }},
         {"quick exit, never configured",

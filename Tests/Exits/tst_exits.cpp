@@ -4,7 +4,7 @@
 #include <QTest>
 
 /** Every order in which a client may end without a kill of the communication thread. */
-class Exits : public ExitMatrix
+class ExitsTest : public ExitMatrix
 {
     Q_OBJECT
 
@@ -160,7 +160,10 @@ private slots:
 
     void aClientThatForksAmidCallsExitsCleanly_data()
     {
-        addCells({{"fork beside calls"}, {"fork in a handler"}, {"fork before the first call"}});
+        addCells({{"fork beside calls"},
+                  {"fork in a handler"},
+                  {"fork before the first open"},
+                  {"fork before the first call"}});
     }
     void aClientThatForksAmidCallsExitsCleanly() { expectCleanExit(); }
 
@@ -195,5 +198,5 @@ private slots:
     void aProgramThatLoadsTheLibraryAgainExitsCleanly() { expectCleanExit(EXIT_LOADER_PROGRAM); }
 };
 
-QTEST_GUILESS_MAIN(Exits)
+QTEST_GUILESS_MAIN(ExitsTest)
 #include "tst_exits.moc"

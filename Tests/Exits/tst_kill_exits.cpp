@@ -4,7 +4,7 @@
 #include <QTest>
 
 /** Every order in which a client may end that does not wait for its communication thread. */
-class KillExits : public ExitMatrix
+class KillExitsTest : public ExitMatrix
 {
     Q_OBJECT
 
@@ -42,5 +42,5 @@ private slots:
     void aProgramThatUnloadsTheLibraryExitsCleanly() { expectCleanExit(EXIT_LOADER_PROGRAM); }
 };
 
-QTEST_GUILESS_MAIN(KillExits)
+QTEST_GUILESS_MAIN(KillExitsTest)
 #include "tst_kill_exits.moc"

@@ -20,11 +20,11 @@ const QLatin1String remainingText("Remaining frame size : ");
 } // namespace
 
 extern "C" void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function,
-                                                                    LogText text,
+                                                                    LogPart::List text,
                                                                     unsigned int line);
 
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char * /*function*/, LogText text,
-                                                         unsigned int /*line*/)
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char * /*function*/,
+                                                         LogPart::List text, unsigned int /*line*/)
 {
     LogTally::instance().add(toString(text));
 }

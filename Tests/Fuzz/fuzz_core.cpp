@@ -65,6 +65,9 @@ public:
         setupConfig(param);
     }
 
+    using UsbHAL::_communicationCond;
+    using UsbHAL::_mainLoopTimer;
+
     /** Back to the state of the construction, or of the first read of a thread that waits in it. */
     void reset(bool keepsThread)
     {
@@ -81,6 +84,7 @@ public:
         _clientCount = 0;
         _driverState = DriverState::DISCONNECTED;
         _readQueues.clear();
+        _partlyRead.clear();
         _writeFifo.clear();
         _socketStates.clear();
         _forceLowLevelDisconnection = false;
@@ -515,6 +519,7 @@ public:
     {
         VirtualTime::setPauseDivisor(0);
         VirtualTime::setInstantWaits(true);
+        VirtualTime::keepReal(&_core._communicationCond);
         _core.configure();
         _connectSignals();
     }
@@ -536,6 +541,7 @@ public:
             _waitForThread();
         // What the thread asks of the core's own thread; there is no event loop to consume it.
         QCoreApplication::removePostedEvents(&_core);
+        QCoreApplication::removePostedEvents(&_core._mainLoopTimer);
     }
 
 private:

@@ -9,6 +9,8 @@
 #include <Protocol.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <utility>
@@ -38,12 +40,31 @@ std::string framed(const NoData &)
 
 std::string framed(const MaxReadSize &message)
 {
-    return "DEVICE_NODATA" + std::to_string(100000 + message.bytes).substr(1);
+    const std::string number = std::to_string(message.bytes);
+    return "DEVICE_NODATA" + std::string(5 - std::min<std::size_t>(number.size(), 5), '0') + number;
+}
+
+std::string framed(const UnusableReadSize &message)
+{
+    return "DEVICE_NODATA" + std::string(message.digits);
 }
 
 std::string framed(const DelayRequest &)
 {
     return "DEVICE_WTSEND";
+}
+
+// The size behind the tag of 13 bytes, 0 where it is none.
+std::size_t announcedSize(std::string_view message)
+{
+    const std::string number(message.substr(13));
+    constexpr std::size_t mostDigits = 20; // enough for the largest number
+    const std::size_t begin = number.find_first_not_of('0');
+    if (number.size() < 5 || begin == std::string::npos || number.size() - begin > mostDigits)
+        return 0;
+    errno = 0;
+    const std::size_t size = std::strtoull(number.c_str(), nullptr, 10);
+    return errno == 0 ? size : 0;
 }
 
 // Bytes of the message that the text begins with, 0 when none does.
@@ -52,8 +73,7 @@ std::size_t expectedSize(std::string_view text)
     if (text.substr(0, 13) == "DEVICE_NODATA") {
         const std::string_view behind = text.substr(13);
         const std::size_t width = std::min(behind.find_first_not_of(digits), behind.size());
-        const bool isZero = behind.substr(0, width).find_first_not_of('0') >= width;
-        return width == 0 ? 13 : width == 5 && !isZero ? 18 : 0;
+        return 13 + width;
     }
     if (text == "DEVICE_WTSEND")
         return 13;
@@ -68,11 +88,17 @@ void checkParser(std::string_view transfer)
     const ParsedTransfer parsed = parseTransfer(transfer);
     std::size_t offset = 0;
     for (const Message &message : parsed.messages) {
-        const std::string bytes =
-            std::visit([](const auto &alternative) { return framed(alternative); }, message);
-        require(expectedSize(transfer.substr(offset)) == bytes.size(), "the size of a message");
-        require(transfer.substr(offset, bytes.size()) == bytes, "a message is its bytes");
-        offset += bytes.size();
+        const std::size_t size = expectedSize(transfer.substr(offset));
+        require(size > 0, "a message begins where it was found");
+        const std::string_view bytes = transfer.substr(offset, size);
+        if (const auto *announced = std::get_if<MaxReadSize>(&message)) // zeros may lead it
+            require(announced->bytes == announcedSize(bytes) && announced->bytes > 0, "a size");
+        else
+            require(bytes == std::visit([](const auto &other) { return framed(other); }, message),
+                    "a message is its bytes");
+        require(!std::holds_alternative<UnusableReadSize>(message) || announcedSize(bytes) == 0,
+                "a size that can be used is");
+        offset += size;
     }
     const bool complete = offset == transfer.size();
     require(complete != parsed.fault.has_value(), "a transfer is parsed to its end or has a fault");
@@ -190,9 +216,9 @@ private:
                 ports[std::stoi(std::string(message.substr(9, 4)))].incoming += message.substr(13);
             else
                 isDelayed = message == "DEVICE_WTSEND";
-            if (size == 18 && message[0] == 'D')
-                limit = std::min<std::size_t>(std::stoul(std::string(message.substr(13))),
-                                              transportLimit);
+            const bool isSize = message.substr(0, 13) == "DEVICE_NODATA";
+            if (isSize && announcedSize(message) > 0)
+                limit = std::min(announcedSize(message), transportLimit);
             transfer.remove_prefix(size);
         }
     }

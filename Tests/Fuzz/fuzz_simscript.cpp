@@ -64,24 +64,24 @@ std::string hexOf(std::string_view bytes)
 // The words of a command, from what it was understood as.
 std::string wordsOf(const Command &command)
 {
-    constexpr const char *subjects[] = {"node",  "open",   "read",  "write",  "timeout",
-                                        "cable", "merge",  "split", "inject", "on",
-                                        "wait",  "status", "reset"};
+    constexpr const char *subjects[] = {"node",    "open",    "read",   "write", "ioctl", "close",
+                                        "latency", "timeout", "cable",  "merge", "split", "inject",
+                                        "on",      "wait",    "status", "reset"};
+    constexpr const char *calls[] = {"open", "read", "write", "ioctl", "close"};
     constexpr const char *verbs[] = {"",        " ok",    " missing", " present", " fail", " stuck",
                                      " silent", " short", " zero",    " error",   " out",  " in"};
     const Subject subject = command.subject;
     std::string words = subjects[static_cast<int>(subject)];
     if (subject == Subject::On) {
-        const char *call = command.call == Call::Open   ? " open "
-                           : command.call == Call::Read ? " read "
-                                                        : " write ";
-        return words + call + std::to_string(command.calls) + ' ' + wordsOf(*command.then);
+        const char *call = calls[static_cast<std::size_t>(command.call) - 1];
+        return words + ' ' + call + ' ' + std::to_string(command.calls) + ' ' +
+               wordsOf(*command.then);
     }
     words += verbs[static_cast<int>(command.verb)];
     if (command.error != 0)
         words += std::string(" ") + strerrorname_np(command.error);
     if (command.verb == Verb::Short || subject == Subject::Merge || subject == Subject::Split ||
-        subject == Subject::Wait)
+        subject == Subject::Wait || subject == Subject::Latency)
         words += ' ' + std::to_string(command.quantity);
     if (command.calls > 0)
         words += ' ' + std::to_string(command.calls);
@@ -182,6 +182,12 @@ public:
             break;
         case Subject::Write:
             _plans[Call::Write] = plan;
+            break;
+        case Subject::Ioctl:
+            _plans[Call::Ioctl] = plan;
+            break;
+        case Subject::Close:
+            _plans[Call::Close] = plan;
             break;
         case Subject::Merge:
             _flushMerged();
@@ -316,7 +322,8 @@ class NodeRun
 public:
     NodeRun(FuzzInput &input, const std::vector<Command> &commands)
         : _input(input),
-          _node{input.number(4), input.flag()},
+          _lastHandle(input.number(4)),
+          _node(input.flag()),
           _commands(commands),
           _runner(commands)
     {
@@ -329,8 +336,10 @@ public:
             _act(_input.below(16));
             _endEvent();
         }
-        _pass(longestTime);
-        _endEvent();
+        // The rest of the script may send transfers on their way.
+        while (_next < _commands.size())
+            _passAll();
+        _passAll();
         require(!_node.nextDeadline(), "every call that waits for its time-out has ended");
     }
 
@@ -339,16 +348,23 @@ private:
     {
         Call call;
         std::uint32_t argument;
+        bool isWrong; // the handle of an open, or the request of an ioctl
         std::string data;
         std::optional<Plan> plan; // none: it does not get as far as the faults
     };
+
+    void _passAll()
+    {
+        _pass(longestTime);
+        _endEvent();
+    }
 
     void _act(unsigned action)
     {
         switch (action) {
         case 0:
         case 1:
-            _submit(Call::Open, 0, action == 0 ? O_RDWR : _input.byte());
+            _submit(Call::Open, _newHandle(), action == 0 ? O_RDWR : _input.byte());
             break;
         case 2:
         case 3:
@@ -380,6 +396,14 @@ private:
         default:
             _pass(std::chrono::milliseconds(_input.number(2)));
         }
+    }
+
+    std::uint32_t _newHandle()
+    {
+        do {
+            ++_lastHandle;
+        } while (_lastHandle == 0 || _handles.count(_lastHandle) != 0);
+        return _lastHandle;
     }
 
     std::uint32_t _anyHandle()
@@ -414,10 +438,18 @@ private:
         std::string data;
         if (call == Call::Write) // unlike any other, also when it is cut short
             data = std::to_string(id) + ":" + std::string(_input.shortText());
-        _pending[id] = {call, argument, data, std::nullopt};
+        _pending[id] = {call, argument, _isWrong(request), data, std::nullopt};
         if (_reachesNode(request))
             _pending[id].plan = _model.countCall(call);
         _node.submit(id, request, data, _now);
+    }
+
+    bool _isWrong(const DeviceRequest &request) const
+    {
+        if (request.call == Call::Open)
+            return request.handle == 0 || _handles.count(request.handle) != 0;
+        return request.call == Call::Ioctl && request.argument != setReadTimeoutRequest &&
+               request.argument != setWriteTimeoutRequest;
     }
 
     // Calls on a descriptor that does not allow them are refused before any trigger.
@@ -429,7 +461,8 @@ private:
         if (found == _handles.end())
             return false;
         const std::uint32_t access = found->second & O_ACCMODE;
-        return (request.call == Call::Read && access != O_WRONLY) ||
+        return request.call == Call::Ioctl || request.call == Call::Close ||
+               (request.call == Call::Read && access != O_WRONLY) ||
                (request.call == Call::Write && access != O_RDONLY);
     }
 
@@ -466,12 +499,12 @@ private:
         if (!_node.hostConnected() || !_node.takesTransfers())
             return;
         _model.append(transfer);
-        _node.transferFromHost(std::string(transfer));
+        _node.transferFromHost(std::string(transfer), _now);
     }
 
     void _receiveAsHost()
     {
-        const std::string *waiting = _node.transferForHost();
+        const std::string *waiting = _node.transferForHost(_now);
         if (waiting == nullptr)
             return;
         const std::string transfer = *waiting;
@@ -499,7 +532,7 @@ private:
         if (_commands.empty())
             return;
         const Command &command = _commands[_input.byte() % _commands.size()];
-        const std::string answer = _node.execute(command);
+        const std::string answer = _node.execute(command, _now);
         const bool done = answer.substr(0, 2) == "ok";
         require(done || answer.substr(0, 7) == "error: ", "a command is answered");
         require(done == (command.subject != Subject::Wait), "all but a wait can be executed");
@@ -559,7 +592,7 @@ private:
         require(header.result >= -1, "a call fails with -1");
         require(reply.data.empty() || pending.call == Call::Read, "reads alone have data");
         if (pending.plan)
-            _checkFault(*pending.plan, reply);
+            _checkFault(pending, reply);
         if (header.result < 0)
             return;
         if (pending.call == Call::Open) {
@@ -571,21 +604,25 @@ private:
                     "a read returns what it read");
             _model.take(reply.data);
         } else {
-            require(header.result == 0, "a write that no host took, and an ioctl, return 0");
+            require(header.result == 0, "a write that no host took, an ioctl and a close return 0");
         }
     }
 
-    static void _checkFault(const Plan &plan, const Node::Reply &reply)
+    static void _checkFault(const Pending &pending, const Node::Reply &reply)
     {
+        const Plan &plan = *pending.plan;
         const int error = reply.header.error;
         require(plan.verb != Verb::Stuck, "a call that is stuck never returns");
         require(plan.verb != Verb::Fail || error == plan.error, "a fault fails as it should");
-        require(plan.verb == Verb::Fail || error == 0 || error == ETIMEDOUT,
-                "nothing but a fault and a time-out fails");
+        const int errorOfWrong = pending.call == Call::Open ? EPROTO : ENOTTY;
+        require(plan.verb == Verb::Fail || error == (pending.isWrong ? errorOfWrong : 0) ||
+                    error == ETIMEDOUT,
+                "nothing but a fault, a wrong call and a time-out fails");
         require(plan.verb != Verb::Silent || reply.data.empty(), "a silent read reads nothing");
     }
 
     FuzzInput &_input;
+    std::uint32_t _lastHandle;
     Node _node;
     const std::vector<Command> &_commands;
     ScriptRunner _runner;

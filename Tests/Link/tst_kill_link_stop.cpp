@@ -91,7 +91,7 @@ private slots:
     void aThreadStuckInAnOpenIsKilled();
     void aThreadThatCannotReopenIsKilled();
     void aDriverThatRefusesToCloseAfterTheKillIsReported();
-    void aThreadStuckInAHandlersWaitIsKilled();
+    void aHandlerOfTheErrorMayOpenAgain();
     void aHandlerThatDoesNotReturnIsNotKilled();
     void aThreadMayBeKilledAtAnyMoment();
     void aThreadMayBeKilledAmongLogLines();
@@ -182,25 +182,31 @@ void KillStop::aDriverThatRefusesToCloseAfterTheKillIsReported()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aThreadStuckInAHandlersWaitIsKilled()
+void KillStop::aHandlerOfTheErrorMayOpenAgain()
 {
-    ImpatientProbe core;
+    ImpatientProbe core(5000);
     QVERIFY(core.connectStepwise(1));
-    QSemaphore waiting;
+    core.locked([&](QMutexLocker &) { core._param.threadStopTimeout = 50; });
+    core.driver->blockReads();
+    QVERIFY(core.turn());
+    QVERIFY(core.driver->waitForBlockedCall());
+    core.driver->failCloses(1);
+    int opened = -1;
     const auto handler = QObject::connect(
-        &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
-        [&](int port) {
-            core.read(port, 100);
-            waiting.release();
-            core.waitForReadyRead(port, 600000);
+        &core, &UsbHAL::error, &core,
+        [&](int code) {
+            if (code == 8)
+                opened = core.openConnection(2);
         },
         Qt::DirectConnection);
-    core.driver->feed(dataMessage(1, "data"));
-    QVERIFY(waiting.tryAcquire(1, 5000));
     core.stop();
-    QVERIFY(core.log.contains(killLines[2]));
     QVERIFY(QObject::disconnect(handler));
-    QVERIFY(core.worksAgain(2));
+    QCOMPARE(opened, 1);
+    core.release();
+    core.driver->setIdleHost(true);
+    QVERIFY(core.waitForConnected(5000));
+    QCOMPARE(core.socketStatus(2), SocketState::OPENED);
+    core.locked([&](QMutexLocker &) { core._param.threadStopTimeout = 5000; });
 }
 
 void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
@@ -210,12 +216,14 @@ void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
     QSemaphore entered;
     std::atomic<bool> mayReturn{false};
     std::atomic<bool> returned{false};
+    std::atomic<bool> opened{true};
     const auto handler = QObject::connect(
         &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
         [&] {
             entered.release();
             while (!mayReturn)
                 QThread::msleep(1);
+            opened = core.openConnection(2);
             returned = true;
         },
         Qt::DirectConnection);
@@ -227,6 +235,8 @@ void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
     mayReturn = true;
     QVERIFY(core.waitForEndOfThread());
     QVERIFY(returned);
+    QVERIFY(!opened); // the kill strikes as the handler returns
+    QCOMPARE(core.socketStatus(2), SocketState::CLOSED);
     QVERIFY(QObject::disconnect(handler));
     QVERIFY(core.worksAgain(2));
 }

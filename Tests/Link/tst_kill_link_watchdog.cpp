@@ -4,6 +4,8 @@
 
 #include <SignalRecorder.h>
 
+#include <QSemaphore>
+
 namespace {
 
 const QString killed = "_stopWorkerThread: communication thread did not stop -> killed";
@@ -25,6 +27,8 @@ private slots:
     void aThreadThatSticksAgainIsKilledAgain();
     void aDeviceThatAnswersTheCancelGoesOn();
     void aStopInAHandlerOfTheRestartWins();
+    void aHandlersWaitEndsBeforeTheKill();
+    void aDestructorThatOutlastsTheKillMayCallTheCore();
     void theDefaultsGiveAThreadAboutFourSeconds();
 
 private:
@@ -140,6 +144,55 @@ void KillWatchdog::aStopInAHandlerOfTheRestartWins()
     QVERIFY(!core.isRunning());
     QCOMPARE(core.driver->opens(), 1);
     QVERIFY(!core._running);
+}
+
+void KillWatchdog::aHandlersWaitEndsBeforeTheKill()
+{
+    LinkProbe core;
+    core.setupConfig(_setup(core));
+    QVERIFY(core.connectIdle());
+    std::atomic<int> reached{-1};
+    const auto handler = QObject::connect(
+        &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
+        [&](int port) {
+            core.read(port, 100);
+            reached = core.waitForReadyRead(port, 600000);
+        },
+        Qt::DirectConnection);
+    core.driver->feed(dataMessage(1, "data"));
+    QTRY_COMPARE(int(reached), 0);
+    QVERIFY(QObject::disconnect(handler));
+    QVERIFY(core.log.waitFor(killed));
+    QTRY_COMPARE(core.driver->opens(), 2);
+    QTRY_COMPARE(core.status(), DriverState::CONNECTED);
+}
+
+void KillWatchdog::aDestructorThatOutlastsTheKillMayCallTheCore()
+{
+    LinkProbe core;
+    core.setupConfig(_setup(core));
+    QVERIFY(core.connectIdle());
+    std::atomic<int> answered{-1};
+    QSemaphore handled;
+    QObject::connect(
+        &core, QOverload<int>::of(&UsbHAL::readyRead), &core,
+        [&](int port) {
+            core.read(port, 100);
+            deleteWithThread([&] {
+                core.log.waitFor("_stopWorkerThread: ERROR: could not stop communication thread !",
+                                 1, 20000);
+                answered = core.bytesToWrite();
+                core.release();
+            });
+            handled.release();
+        },
+        Qt::DirectConnection);
+    core.driver->feed(dataMessage(1, "data"));
+    QVERIFY(handled.tryAcquire(1, 5000));
+    core.driver->blockReads();
+    QTRY_COMPARE_WITH_TIMEOUT(int(answered), 0, 30000);
+    QTRY_COMPARE(core.driver->opens(), 2);
+    QTRY_COMPARE(core.status(), DriverState::CONNECTED);
 }
 
 void KillWatchdog::theDefaultsGiveAThreadAboutFourSeconds()

@@ -24,8 +24,6 @@ private slots:
     void cleanup() { QCOMPARE(WarningTrap::take(), QStringList()); }
 
     void everyIdleMessageCarriesTheMaxReadSize();
-    void theMaxReadSizeHasAtLeastFiveDigits_data();
-    void theMaxReadSizeHasAtLeastFiveDigits();
     void aMaxReadSizeOfZeroKeepsTheMessageBare();
     void aNewMaxReadSizeIsAnnounced();
     void theMaxReadSizeIsLoggedOncePerConnection();
@@ -48,29 +46,6 @@ void Idle::everyIdleMessageCarriesTheMaxReadSize()
     const QList<QByteArray> written = core.driver->written();
     QCOMPARE(written.count("DEVICE_NODATA10000"), written.size());
     QCOMPARE(core.log.count(sentLine(10000)), 1);
-}
-
-void Idle::theMaxReadSizeHasAtLeastFiveDigits_data()
-{
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QByteArray>("message");
-    QTest::newRow("one digit") << 1 << QByteArray("DEVICE_NODATA00001");
-    QTest::newRow("three digits") << 487 << QByteArray("DEVICE_NODATA00487");
-    QTest::newRow("five digits") << 99999 << QByteArray("DEVICE_NODATA99999");
-    QTest::newRow("six digits are not cut") << 100000 << QByteArray("DEVICE_NODATA100000");
-}
-
-void Idle::theMaxReadSizeHasAtLeastFiveDigits()
-{
-    QFETCH(int, size);
-    QFETCH(QByteArray, message);
-    LinkProbe core;
-    ParamHal param = core.quietSetup();
-    param.maxReadSize = static_cast<quint32>(size);
-    core.setupConfig(param);
-    QVERIFY(core.connectStepwise());
-    QCOMPARE(core.driver->written(), QList<QByteArray>{message});
-    QVERIFY(core.log.contains(sentLine(size)));
 }
 
 void Idle::aMaxReadSizeOfZeroKeepsTheMessageBare()

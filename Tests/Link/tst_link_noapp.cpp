@@ -2,6 +2,8 @@
 #include "LinkProbe.h"
 #include "WarningTrap.h"
 
+#include <Background.h>
+
 /** A client without a QCoreApplication. */
 class NoApplication : public QObject
 {
@@ -18,6 +20,7 @@ private slots:
     void theLinkWorksAndRecovers();
     void theCommunicationStopsAndStartsAgain();
     void aCoreIsDestroyedWhileItRuns();
+    void aTimerChangeLostWithItsApplicationHoldsNoOtherBack();
 };
 
 void NoApplication::theLinkWorksAndRecovers()
@@ -55,6 +58,20 @@ void NoApplication::aCoreIsDestroyedWhileItRuns()
         QVERIFY(core.connectIdle());
     }
     QCOMPARE(driver->closes(), 1);
+}
+
+void NoApplication::aTimerChangeLostWithItsApplicationHoldsNoOtherBack()
+{
+    LinkProbe core;
+    int argc = 0;
+    {
+        const QCoreApplication application(argc, nullptr);
+        QVERIFY(inBackground([&] { return core.connectIdle(); }).get());
+    }
+    const QCoreApplication application(argc, nullptr);
+    inBackground([&] { core.stop(); }).get();
+    QVERIFY(inBackground([&] { return core.openConnection(2); }).get());
+    QTRY_VERIFY(core._mainLoopTimer.isActive());
 }
 
 QTEST_APPLESS_MAIN(NoApplication)

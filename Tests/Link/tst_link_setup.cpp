@@ -21,8 +21,6 @@ private slots:
 
     void theFirstConfigurationStays();
     void everyFieldIsTakenOver();
-    void theLimitsOfTheConfigurationApply_data();
-    void theLimitsOfTheConfigurationApply();
     void theDriverInUseIsConfigured();
     void withoutADriverInUseNoneIsConfigured();
     void theTimerRunsAtTheConfiguredPeriod_data();
@@ -77,32 +75,6 @@ void Setup::everyFieldIsTakenOver()
     QVERIFY(taken.spareFlag);
     QCOMPARE(taken.spareName, QString("spare"));
     QCOMPARE(taken.maxLogLines, 700);
-}
-
-void Setup::theLimitsOfTheConfigurationApply_data()
-{
-    QTest::addColumn<quint32>("clients");
-    QTest::addColumn<int>("ports");
-    QTest::newRow("none given") << 0u << 5;
-    QTest::newRow("one") << 1u << 1;
-    QTest::newRow("three") << 3u << 3;
-    QTest::newRow("five") << 5u << 5;
-    QTest::newRow("six") << 6u << 5;
-    QTest::newRow("nine") << 9u << 5;
-}
-
-void Setup::theLimitsOfTheConfigurationApply()
-{
-    QFETCH(quint32, clients);
-    QFETCH(int, ports);
-    LinkProbe core;
-    ParamHal param = core.quietSetup();
-    param.maxClients = clients;
-    core.setupConfig(param);
-    for (int port = 1; port <= ports; ++port)
-        QVERIFY(core.openConnection(port));
-    QVERIFY(!core.openConnection(ports + 1));
-    QCOMPARE(core.nbClients(), quint32(ports));
 }
 
 void Setup::theDriverInUseIsConfigured()

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "Disks.h"
+#include "LogFixture.h"
 #include "LogStorm.h"
 
 #include <Background.h>
 #include <Campaign.h>
 #include <ConsoleCapture.h>
-#include <LogLines.h>
 
 #include <QDir>
 #include <QtTest>
@@ -56,7 +56,7 @@ bool openLog(UsbHalLog &log, const QString &folder)
 } // namespace
 
 /** A log on disks that run out of room, of files, or of the permission to write. */
-class LogDisks : public QObject
+class LogDisksTest : public QObject
 {
     Q_OBJECT
 
@@ -75,7 +75,7 @@ private:
     int _casesSkipped = 0;
 };
 
-void LogDisks::init()
+void LogDisksTest::init()
 {
     if (mayMount)
         return;
@@ -85,19 +85,19 @@ void LogDisks::init()
     QTest::qSkip("the system permits this process no mounts of its own", __FILE__, __LINE__);
 }
 
-void LogDisks::cleanup()
+void LogDisksTest::cleanup()
 {
     if (mayMount && !QTest::currentTestFailed())
         ++_casesRun;
 }
 
-void LogDisks::cleanupTestCase()
+void LogDisksTest::cleanupTestCase()
 {
     Campaign::printFigure("log disk cases passed", _casesRun);
     Campaign::printFigure("log disk cases skipped", _casesSkipped);
 }
 
-void LogDisks::aFullDiskTakesLinesAgainWhenThereIsRoom()
+void LogDisksTest::aFullDiskTakesLinesAgainWhenThereIsRoom()
 {
     Disks::SmallDisk disk(diskSize, diskInodes);
     UsbHalLog log;
@@ -131,7 +131,7 @@ void LogDisks::aFullDiskTakesLinesAgainWhenThereIsRoom()
     QVERIFY(Campaign::residentMemory() < memory + memorySlack);
 }
 
-void LogDisks::aDiskWithoutRoomForAFileStopsTheLog()
+void LogDisksTest::aDiskWithoutRoomForAFileStopsTheLog()
 {
     Disks::SmallDisk disk(10000, diskInodes);
     UsbHalLog log;
@@ -153,7 +153,7 @@ void LogDisks::aDiskWithoutRoomForAFileStopsTheLog()
     QVERIFY(log.isLogCreated());
 }
 
-void LogDisks::aLogThatBeginsOnAFullDiskFlowsWhenThereIsRoom()
+void LogDisksTest::aLogThatBeginsOnAFullDiskFlowsWhenThereIsRoom()
 {
     Disks::SmallDisk disk(diskSize, diskInodes);
     disk.fill();
@@ -170,7 +170,7 @@ void LogDisks::aLogThatBeginsOnAFullDiskFlowsWhenThereIsRoom()
     QVERIFY(lines.whole() > 0);
 }
 
-void LogDisks::aFolderThatTurnsReadOnlyStopsTheLogAtTheNextFile()
+void LogDisksTest::aFolderThatTurnsReadOnlyStopsTheLogAtTheNextFile()
 {
     Disks::SmallDisk disk(10000, diskInodes);
     UsbHalLog log;
@@ -195,7 +195,7 @@ void LogDisks::aFolderThatTurnsReadOnlyStopsTheLogAtTheNextFile()
     QVERIFY(log.open(disk.path(), logName));
 }
 
-void LogDisks::aReadOnlyFolderLeavesTheLogOnTheConsole()
+void LogDisksTest::aReadOnlyFolderLeavesTheLogOnTheConsole()
 {
     const Disks::SmallDisk disk(diskSize, diskInodes);
     QFile former(disk.path() + "/UsbHal1.log");
@@ -216,7 +216,7 @@ int main(int argc, char *argv[])
 {
     mayMount = Disks::enterOwnSpace();
     const QCoreApplication application(argc, argv);
-    LogDisks test;
+    LogDisksTest test;
     return QTest::qExec(&test, argc, argv);
 }
 #include "tst_log_disks.moc"

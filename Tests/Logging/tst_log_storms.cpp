@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include "LogFixture.h"
 #include "LogStorm.h"
 
 #include <Background.h>
 #include <Campaign.h>
 #include <ConsoleCapture.h>
-#include <LogFolder.h>
-#include <LogLines.h>
 
 #include <QDir>
 #include <QtTest>
@@ -38,13 +37,6 @@ void watchWrite(const void *data, size_t size)
     if (!bytes.endsWith('\n') || !watcher->take({QString::fromUtf8(bytes).chopped(1)}))
         ++faultyWrites;
     --writesUnderWay;
-}
-
-void limitLines(UsbHalLog &log, int lines)
-{
-    ParamHal param;
-    param.maxLogLines = lines;
-    log.setupConfig(param);
 }
 
 /** The numbered files, while no line is being written. */
@@ -155,7 +147,7 @@ extern "C" Q_DECL_EXPORT int close(int fd)
 }
 
 /** Eight threads that log without a pause, whatever the disk does. */
-class LogStorms : public QObject
+class LogStormsTest : public LogFixture
 {
     Q_OBJECT
 
@@ -171,30 +163,27 @@ private slots:
     void aSlowDiskHoldsUpTheThreadsButLosesNothing();
 };
 
-void LogStorms::cleanup()
+void LogStormsTest::cleanup()
 {
     watcher = nullptr;
     takesDescriptors = false;
     faultyWrites = 0;
 }
 
-void LogStorms::eightThreadsRotateInOrder()
+void LogStormsTest::eightThreadsRotateInOrder()
 {
-    const LogFolder folder;
-    QVERIFY(folder.write("UsbHal7.log", "of the run before\n"));
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(folder->write("UsbHal7.log", "of the run before\n"));
+    QVERIFY(openLog(500));
     StormLines lines;
     watcher = &lines;
     const qint64 count = qint64(Campaign::scaled(1250000)) * LogStorm::threadCount;
-    LogStorm storm(log, count / LogStorm::threadCount);
+    LogStorm storm(*log, count / LogStorm::threadCount);
     QVERIFY(storm.waitForLines(count / 10, 600000));
     const long memory = Campaign::residentMemory();
     const int descriptors = Campaign::openDescriptors();
     int looks = 0;
     for (; storm.lines() < count; ++looks)
-        QVERIFY(numberedFiles(log, folder).size() <= 2);
+        QVERIFY(numberedFiles(*log, *folder).size() <= 2);
     storm.join();
     watcher = nullptr;
     QVERIFY2(faultyWrites == 0, qPrintable(lines.fault()));
@@ -206,7 +195,7 @@ void LogStorms::eightThreadsRotateInOrder()
     if (files > 1)
         names.append(LogFolder::name((files - 2) % 30000 + 1));
     names.sort();
-    QCOMPARE(folder.names(), names);
+    QCOMPARE(folder->names(), names);
     QCOMPARE(Campaign::openDescriptors(), descriptors);
     Campaign::printFigure("log lines of eight threads", lines.whole());
     Campaign::printFigure("log rotations of eight threads", files - 1);
@@ -216,146 +205,126 @@ void LogStorms::eightThreadsRotateInOrder()
     QVERIFY(Campaign::residentMemory() < memory + memorySlack);
 }
 
-void LogStorms::theIndexWrapsUnderEightThreads()
+void LogStormsTest::theIndexWrapsUnderEightThreads()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 1);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(1));
     StormLines lines;
     watcher = &lines;
-    LogStorm storm(log, 30800 / LogStorm::threadCount);
+    LogStorm storm(*log, 30800 / LogStorm::threadCount);
     storm.join();
     watcher = nullptr;
     QVERIFY2(faultyWrites == 0, qPrintable(lines.fault()));
     QCOMPARE(lines.whole(), qint64(30800));
     QVERIFY(lines.isGapless());
     // The file with the highest number stays, beside the two that a rotation leaves.
-    QCOMPARE(folder.names(), QStringList({"UsbHal30000.log", "UsbHal799.log", "UsbHal800.log"}));
+    QCOMPARE(folder->names(), QStringList({"UsbHal30000.log", "UsbHal799.log", "UsbHal800.log"}));
     Campaign::printFigure("log files begun up to the wrap and behind it", lines.whole());
 }
 
-void LogStorms::aRemovedFolderStopsTheLogAtTheNextFile()
+void LogStormsTest::aRemovedFolderStopsTheLogAtTheNextFile()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(500));
     ConsoleCapture console;
     StormLines lines;
     watcher = &lines;
-    LogStorm storm(log, linesEach);
+    LogStorm storm(*log, linesEach);
     QVERIFY(storm.waitForLines(2000));
     {
-        const QMutexLocker locker(log.getLogMutex());
-        QVERIFY(removeWhole(folder));
+        const QMutexLocker locker(log->getLogMutex());
+        QVERIFY(removeWhole(*folder));
     }
     storm.join();
-    expectStoppedLog(log, lines, console);
-    QVERIFY(!QDir(folder.path()).exists());
+    expectStoppedLog(*log, lines, console);
+    QVERIFY(!QDir(folder->path()).exists());
 }
 
-void LogStorms::aRemovedFolderIsMadeAnewByTheNextOpen()
+void LogStormsTest::aRemovedFolderIsMadeAnewByTheNextOpen()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(500));
     ConsoleCapture console;
     {
-        LogStorm storm(log);
+        LogStorm storm(*log);
         for (int i = 0; i < 10; ++i) {
-            QVERIFY(removeWhole(folder));
+            QVERIFY(removeWhole(*folder));
             QVERIFY(storm.waitForLines(1000));
-            QVERIFY(log.open(folder.path(), logName));
+            QVERIFY(openLog());
             QVERIFY(storm.waitForLines(1000));
-            QVERIFY(log.isLogCreated());
-            QVERIFY(numberedFiles(log, folder).size() <= 2);
+            QVERIFY(log->isLogCreated());
+            QVERIFY(numberedFiles(*log, *folder).size() <= 2);
         }
     }
     console.finish();
     StormLines lines;
-    const QStringList names = stormFiles(folder.path());
+    const QStringList names = stormFiles(folder->path());
     for (const QString &name : names)
-        QVERIFY2(lines.take(folder.lines(name)), qPrintable(lines.fault()));
+        QVERIFY2(lines.take(folder->lines(name)), qPrintable(lines.fault()));
     QVERIFY(lines.isGapless());
-    QVERIFY(isUnlocked(log));
+    QVERIFY(isUnlocked(*log));
 }
 
-void LogStorms::rotationsNeedNoMoreDescriptorsThanTheLogHas()
+void LogStormsTest::rotationsNeedNoMoreDescriptorsThanTheLogHas()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(500));
     StormLines lines;
     watcher = &lines;
     {
         const DescriptorLimit limit;
-        LogStorm storm(log, linesEach);
+        LogStorm storm(*log, linesEach);
         storm.join();
     }
     QVERIFY2(faultyWrites == 0, qPrintable(lines.fault()));
     QCOMPARE(lines.whole(), qint64(linesEach) * LogStorm::threadCount);
     QVERIFY(lines.isGapless());
-    QVERIFY(log.isLogCreated());
+    QVERIFY(log->isLogCreated());
 }
 
-void LogStorms::aDescriptorLostAmidARotationStopsTheLog()
+void LogStormsTest::aDescriptorLostAmidARotationStopsTheLog()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, 500);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(500));
     ConsoleCapture console;
     StormLines lines;
     watcher = &lines;
     {
         const DescriptorLimit limit;
         takesDescriptors = true;
-        LogStorm storm(log, linesEach);
+        LogStorm storm(*log, linesEach);
         storm.join();
         takesDescriptors = false;
     }
     QVERIFY(takenDescriptor >= 0);
     QCOMPARE(::close(takenDescriptor), 0);
-    expectStoppedLog(log, lines, console);
+    expectStoppedLog(*log, lines, console);
     QCOMPARE(lines.whole(), qint64(500));
-    QCOMPARE(folder.names(), QStringList("UsbHal1.log"));
+    QCOMPARE(folder->names(), QStringList("UsbHal1.log"));
     // With a descriptor at hand the next open succeeds.
-    QVERIFY(log.open(folder.path(), logName));
-    logNumbers(log, 1, 1);
-    QCOMPARE(folder.names(), QStringList({"UsbHal1.log.keep", "UsbHal2.log", "UsbHal3.log"}));
+    QVERIFY(openLog());
+    logNumbers(*log, 1, 1);
+    QCOMPARE(folder->names(), QStringList({"UsbHal1.log.keep", "UsbHal2.log", "UsbHal3.log"}));
 }
 
-void LogStorms::aLogThatFindsNoDescriptorAtItsOpenGoesToTheConsole()
+void LogStormsTest::aLogThatFindsNoDescriptorAtItsOpenGoesToTheConsole()
 {
-    const LogFolder folder;
-    UsbHalLog log;
     ConsoleCapture console;
     {
         const DescriptorLimit limit;
-        QVERIFY(!log.open(folder.path(), logName));
-        LogStorm storm(log, 100);
+        QVERIFY(!openLog());
+        LogStorm storm(*log, 100);
         storm.join();
     }
     QCOMPARE(consoleLines(console), 100 * LogStorm::threadCount);
-    QVERIFY(isUnlocked(log));
-    QCOMPARE(folder.names(), QStringList());
+    QVERIFY(isUnlocked(*log));
+    QCOMPARE(folder->names(), QStringList());
 }
 
-void LogStorms::aSlowDiskHoldsUpTheThreadsButLosesNothing()
+void LogStormsTest::aSlowDiskHoldsUpTheThreadsButLosesNothing()
 {
-    const LogFolder folder;
-    UsbHalLog log;
-    limitLines(log, linesEach);
-    QVERIFY(log.open(folder.path(), logName));
+    QVERIFY(openLog(linesEach));
     // A pipe is a disk that takes bytes as fast as it is read, and in the meantime none.
-    QCOMPARE(::mkfifo(folder.file(2).toUtf8(), 0600), 0);
-    const int pipe = ::open(folder.file(2).toUtf8(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    QCOMPARE(::mkfifo(folder->file(2).toUtf8(), 0600), 0);
+    const int pipe = ::open(folder->file(2).toUtf8(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     QVERIFY(pipe >= 0);
-    logNumbers(log, 1, linesEach);
-    LogStorm storm(log, linesEach / LogStorm::threadCount);
+    logNumbers(*log, 1, linesEach);
+    LogStorm storm(*log, linesEach / LogStorm::threadCount);
     const long memory = Campaign::residentMemory();
     QByteArray taken;
     int standstills = 0;
@@ -375,10 +344,10 @@ void LogStorms::aSlowDiskHoldsUpTheThreadsButLosesNothing()
     QVERIFY2(lines.take(texts), qPrintable(lines.fault()));
     QCOMPARE(lines.whole(), qint64(linesEach));
     QVERIFY(lines.isGapless());
-    QVERIFY(isUnlocked(log));
+    QVERIFY(isUnlocked(*log));
     QVERIFY(Campaign::residentMemory() < memory + memorySlack);
     Campaign::printFigure("standstills of a slow log disk", standstills);
 }
 
-QTEST_GUILESS_MAIN(LogStorms)
+QTEST_GUILESS_MAIN(LogStormsTest)
 #include "tst_log_storms.moc"

@@ -21,6 +21,8 @@ private slots:
     void messagesAreReadOneByOne();
     void aPartOfAMessageLeavesTheRestAtTheHead();
     void theBytesBeforeAPartReadAreGone();
+    void aPartReadCopiesNothingButThePart();
+    void whatAReadOrAPeekReturnedOutlivesTheMessage();
     void zeroBytesCountLikeAnyOther();
     void aReadOfTheWholeHeadRemovesIt_data();
     void aReadOfTheWholeHeadRemovesIt();
@@ -83,6 +85,44 @@ void MessageReadingTest::theBytesBeforeAPartReadAreGone()
     QCOMPARE(core.read(1, 3), QByteArray("d"));
     QCOMPARE(core.read(1, 3), QByteArray("ef"));
     QCOMPARE(part, QByteArray("abc"));
+}
+
+void MessageReadingTest::aPartReadCopiesNothingButThePart()
+{
+    MessageCore core;
+    QVERIFY(core.start());
+    const QByteArray payload(100000 - 13, 'x');
+    QVERIFY(core.receive(dataMessage(1, payload)));
+    const auto head = [&] {
+        return core.locked([&](QMutexLocker &) {
+            return static_cast<const void *>(core._readQueues.value(1)->constFirst().constData());
+        });
+    };
+    const auto *const first = static_cast<const char *>(head());
+    for (int i = 1; i <= 1000; ++i) {
+        QCOMPARE(core.read(1, 1), QByteArray("x"));
+        QCOMPARE(head(), static_cast<const void *>(first + i));
+    }
+    QCOMPARE(core.read(1, everything), payload.mid(1000));
+    QCOMPARE(core.bytesWaiting(), 0U);
+}
+
+void MessageReadingTest::whatAReadOrAPeekReturnedOutlivesTheMessage()
+{
+    MessageCore core;
+    QVERIFY(core.start());
+    QVERIFY(core.receive(dataMessage(1, "abcdef") + dataMessage(1, "next")));
+    const QByteArray part = core.read(1, 2);
+    const QByteArray seen = core.peek(1, everything);
+    const QByteArray rest = core.read(1, everything);
+    QCOMPARE(core.read(1, 1), QByteArray("n"));
+    QVERIFY(core.closeConnection(1));
+    QVERIFY(core.openConnection(1));
+    QVERIFY(core.receive(dataMessage(1, "after")));
+    QCOMPARE(core.read(1, 2), QByteArray("af"));
+    QCOMPARE(part, QByteArray("ab"));
+    QCOMPARE(seen, QByteArray("cdef"));
+    QCOMPARE(rest, QByteArray("cdef"));
 }
 
 void MessageReadingTest::zeroBytesCountLikeAnyOther()

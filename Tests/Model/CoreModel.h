@@ -6,6 +6,7 @@
 #include "Setup.h"
 #include "Trace.h"
 
+#include <MessageCutter.h>
 #include <UsbHalIntf.h>
 
 #include <QHash>
@@ -136,7 +137,7 @@ private:
     // Reception (CoreModel_receive.cpp)
     bool receive(const QByteArray &buffer);
     bool receiveOne(const QByteArray &rest, int &consumed);
-    bool receiveData(const QByteArray &rest, int &consumed);
+    bool receiveData(const CutMessage &message, const QByteArray &rest);
     void takeMaxWriteSize(const QByteArray &rest);
     void logNotValid(const QByteArray &rest);
     bool deliver(int port, const QByteArray &payload);

@@ -10,22 +10,11 @@ QString text(const QByteArray &bytes)
     return QString::fromUtf8(zero < 0 ? bytes : bytes.left(zero));
 }
 
-// -1 for anything but digits.
-int decimal(const QByteArray &field)
-{
-    int value = 0;
-    for (const char c : field) {
-        if (c < '0' || c > '9')
-            return -1;
-        value = value * 10 + (c - '0');
-    }
-    return field.isEmpty() ? -1 : value;
-}
-
 } // namespace
 
 bool CoreModel::receive(const QByteArray &buffer)
 {
+    const quint32 stops = _stops;
     int total = 0;
     for (;;) {
         const auto view = [&] {
@@ -39,7 +28,8 @@ bool CoreModel::receive(const QByteArray &buffer)
             log("_processAllMessages", "Remaining frame size : " + QString::number(rest.size()));
             log("_processAllMessages", "Message: " + text(rest.left(100)));
         }
-        if (!accepted || rest.isEmpty())
+        // A stop in a handler ends the buffer.
+        if (!accepted || rest.isEmpty() || _stops != stops)
             return accepted;
     }
 }
@@ -47,18 +37,15 @@ bool CoreModel::receive(const QByteArray &buffer)
 bool CoreModel::receiveOne(const QByteArray &rest, int &consumed)
 {
     const quint32 stops = _stops;
-    if (!isHost() && rest.startsWith("DEVICE_NODATA")) {
+    const CutMessage message = cutMessage(rest, isHost());
+    consumed = message.size;
+    if (message.kind == CutMessage::Kind::NoData) {
         peerBusy = false;
-        consumed = 13;
-    } else if (rest == "DEVICE_WTSEND") {
-        peerBusy = true;
-        consumed = 13;
-    } else if (isHost() && rest.startsWith("DEVICE_NODATA")) {
-        peerBusy = false;
-        if (!maxSizeExchanged)
+        if (isHost() && !maxSizeExchanged)
             takeMaxWriteSize(rest);
-        consumed = qMin(18, rest.size());
-    } else if (!receiveData(rest, consumed)) {
+    } else if (message.kind == CutMessage::Kind::Wait) {
+        peerBusy = true;
+    } else if (!receiveData(message, rest)) {
         return false;
     }
     // Where a handler stopped the core, the link does not come up after the stop.
@@ -80,26 +67,23 @@ void CoreModel::takeMaxWriteSize(const QByteArray &rest)
     maxSizeExchanged = true;
 }
 
-bool CoreModel::receiveData(const QByteArray &rest, int &consumed)
+bool CoreModel::receiveData(const CutMessage &message, const QByteArray &rest)
 {
-    if (!rest.startsWith("FADA")) {
-        logNotValid(rest);
-        return false;
-    }
-    const int length = rest.size() < 9 ? -1 : decimal(rest.mid(4, 5));
-    if (length < 4 || length + 9 > rest.size()) {
+    switch (message.kind) {
+    case CutMessage::Kind::WrongSize:
         log("_processDataMessage",
             "ERROR: Received message with wrong size ! Trash it: " + text(rest));
         return false;
-    }
-    consumed = length + 9;
-    const int port = decimal(rest.mid(9, 4));
-    if (port < 0) {
+    case CutMessage::Kind::InvalidPort:
         log("_processDataMessage",
             "ERROR: Received message with invalid connection id ! Trash it: " + text(rest));
         return false;
+    case CutMessage::Kind::Data:
+        return deliver(message.port, message.payload);
+    default:
+        logNotValid(rest);
+        return false;
     }
-    return deliver(port, rest.mid(13, length - 4));
 }
 
 void CoreModel::logNotValid(const QByteArray &rest)

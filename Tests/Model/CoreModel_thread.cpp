@@ -392,6 +392,7 @@ bool CoreModel::closeDriver()
 
 void CoreModel::leave()
 {
+    running = false;
     if (_driver < 0 || closeDriver()) {
         logThread("USB driver closed");
         driverOpened = false;
@@ -399,7 +400,6 @@ void CoreModel::leave()
         emitError(8, 0);
         logThread("Could not close USB driver !");
     }
-    running = false;
     changeLink(DriverState::DISCONNECTED);
     maxSizeExchanged = false;
     endThread();
@@ -407,9 +407,9 @@ void CoreModel::leave()
 
 void CoreModel::leaveAsHost()
 {
+    running = false;
     changeLink(DriverState::DISCONNECTED);
     linkDown();
-    running = false;
     endThread();
 }
 

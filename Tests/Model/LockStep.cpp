@@ -11,9 +11,7 @@
 // The linker sends the library's calls of these functions here (--wrap); __real_ is their own.
 extern "C" {
 void __wrap__ZN7QThread18yieldCurrentThreadEv();
-bool __real__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
-bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs);
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int line);
 bool __wrap__ZN9UsbHalLog4openE7QStringS0_(UsbHalLog *self, QString dir, QString name);
 qint64 __wrap__ZNK13QElapsedTimer12nsecsElapsedEv(const QElapsedTimer *self);
@@ -103,7 +101,7 @@ void LockStep::_waitForRest()
 {
     _toTest.take();
     _resting = !_ended;
-    if (_ended && !__real__ZN7QThread4waitEm(thread, joinTime))
+    if (_ended && !thread->wait(joinTime))
         qFatal("the communication thread does not end");
     _ended = false;
 }
@@ -188,14 +186,7 @@ void LockStepDriver::_note(const char *call, const QString &more)
 // The other thread rests anyway, and on a busy machine a yield costs more than all the rest.
 void __wrap__ZN7QThread18yieldCurrentThreadEv() {}
 
-bool __wrap__ZN7QThread4waitEm(QThread *self, unsigned long msecs)
-{
-    LockStep *const steps = LockStep::current();
-    return steps && steps->thread == self ? steps->waitForEnd()
-                                          : __real__ZN7QThread4waitEm(self, msecs);
-}
-
-void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogText text,
+void __wrap__Z7logLinePKcSt16initializer_listI7LogPartEj(const char *function, LogPart::List text,
                                                          unsigned int /*line*/)
 {
     if (LockStep *const steps = LockStep::current())

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "RealCore.h"
 
+#include <VirtualTime.h>
+
 #include <QCoreApplication>
 
 RealCore::Probe::Probe(const Setup &setup, LockStep &steps) : UsbHAL({}), _isHost(setup.isHost)
@@ -21,6 +23,9 @@ RealCore::RealCore(const Setup &setup, Trace &trace, ClientHandlers &handlers)
         return _core->_running;
     };
     _steps.thread = &Probe::thread();
+    VirtualTime::setWaitHook([this](const QWaitCondition *condition) {
+        return condition == &_core->_communicationCond && _steps.waitForEnd();
+    });
     _recorder.setHandler([this](const QString &signal) { _onSignal(signal); });
 }
 
@@ -35,6 +40,7 @@ void RealCore::_onSignal(const QString &signal)
 void RealCore::handleEvents()
 {
     QCoreApplication::sendPostedEvents(_core.get());
+    QCoreApplication::sendPostedEvents(&_core->_mainLoopTimer);
 }
 
 void RealCore::tick(bool periodOver)
@@ -51,4 +57,5 @@ void RealCore::tick(bool periodOver)
 void RealCore::destroy()
 {
     _core.reset();
+    VirtualTime::setWaitHook({});
 }

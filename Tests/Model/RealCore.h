@@ -23,6 +23,7 @@ public:
         static WorkerThread &thread() { return _connectedThread; }
 
         using UsbHAL::_delayRequested;
+        using UsbHAL::_communicationCond;
         using UsbHAL::_driverOpened;
         using UsbHAL::_forceLowLevelDisconnection;
         using UsbHAL::_handshaking;
@@ -30,6 +31,7 @@ public:
         using UsbHAL::_lastMaxReadSize;
         using UsbHAL::_loopCounter;
         using UsbHAL::_maxSizeExchanged;
+        using UsbHAL::_mainLoopTimer;
         using UsbHAL::_mutex;
         using UsbHAL::_nextAction;
         using UsbHAL::_param;

@@ -56,7 +56,7 @@ Step call(Call::Kind kind, int port = 0)
  * The core against a model of it. USBHAL_SEED repeats a run, and USBHAL_SEQUENCE one sequence of
  * it, whose steps are then printed before they are done.
  */
-class Model : public QObject
+class ModelTest : public QObject
 {
     Q_OBJECT
 
@@ -78,7 +78,7 @@ private:
     Amount _amount;
 };
 
-void Model::checkSequence(quint32 seed, quint64 number)
+void ModelTest::checkSequence(quint32 seed, quint64 number)
 {
     seedAtWork = seed;
     sequenceAtWork = number;
@@ -99,7 +99,7 @@ void Model::checkSequence(quint32 seed, quint64 number)
     QFAIL(qPrintable(text));
 }
 
-void Model::theCoreDoesWhatTheModelDoes()
+void ModelTest::theCoreDoesWhatTheModelDoes()
 {
     const quint32 seed = Campaign::seed();
     bool given = false;
@@ -123,7 +123,7 @@ void Model::theCoreDoesWhatTheModelDoes()
                               _amount.calls[static_cast<std::size_t>(kind)]);
 }
 
-void Model::aFailingSequenceIsShrunkToTheStepsThatItNeeds()
+void ModelTest::aFailingSequenceIsShrunkToTheStepsThatItNeeds()
 {
     Sequence sequence;
     for (int i = 0; i < 40; ++i)
@@ -140,12 +140,12 @@ void Model::aFailingSequenceIsShrunkToTheStepsThatItNeeds()
     QCOMPARE(left, QStringList({"read(port 27, 0)", "read(port 37, 0)", "status(port 39, 0)"}));
 }
 
-void Model::aNumberStandsForOneSequence()
+void ModelTest::aNumberStandsForOneSequence()
 {
     QCOMPARE(randomSequence(1, 5).text(), randomSequence(1, 5).text());
     QVERIFY(randomSequence(1, 5).text() != randomSequence(1, 6).text());
     QVERIFY(randomSequence(1, 5).text() != randomSequence(2, 5).text());
 }
 
-QTEST_GUILESS_MAIN(Model)
+QTEST_GUILESS_MAIN(ModelTest)
 #include "tst_model.moc"

@@ -33,6 +33,8 @@ public:
     explicit RestartedCore(Clients clients) : _kind(clients)
     {
         playsHost = clients == Clients::OfAHost;
+        // The waits are the clients' alone: a stop's own is for a thread that really ends.
+        VirtualTime::keepReal(&_communicationCond);
         // A thread that blocks in the driver ends by itself when it is stopped.
         driver->setHonoursCancel(true);
     }

@@ -62,12 +62,15 @@ public:
     using UsbHAL::_clearReadFifo;
     using UsbHAL::_clearWriteFifoForPort;
     using UsbHAL::_clientCount;
+    using UsbHAL::_communication;
+    using UsbHAL::_communicationCond;
     using UsbHAL::_driverOpened;
     using UsbHAL::_driverState;
     using UsbHAL::_forceLowLevelDisconnection;
     using UsbHAL::_handshaking;
     using UsbHAL::_hwDriver;
     using UsbHAL::_loopCounter;
+    using UsbHAL::_mainLoopTimer;
     using UsbHAL::_maxSizeExchanged;
     using UsbHAL::_mutex;
     using UsbHAL::_nextAction;
@@ -85,6 +88,7 @@ public:
     using UsbHAL::_updateStatus;
     using UsbHAL::_writeFifo;
     using UsbHAL::_writerWaiting;
+    using UsbHAL::Communication;
     using UsbHAL::ReadQueue;
 
     /** Feeds received bytes into the core as its communication thread does. */

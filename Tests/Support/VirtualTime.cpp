@@ -9,11 +9,13 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <list>
 #include <mutex>
 #include <pthread.h>
+#include <utility>
 
 // The linker is told to send the program's calls of QThread::msleep(), QThread::sleep(),
 // QWaitCondition::wait(), wakeOne() and wakeAll(), QElapsedTimer::start() and elapsed() here
@@ -41,7 +43,10 @@ namespace {
 std::atomic<unsigned> pauseDivisor{1};
 std::atomic<bool> instantWaits{false};
 std::atomic<bool> waitsHeld{false};
+std::atomic<bool> waitsPassOn{false};
 std::atomic<unsigned long> stickingPause{0}; // ms; 0: none
+std::atomic<const QWaitCondition *> realCondition{nullptr};
+std::function<bool(const QWaitCondition *)> waitHook;
 
 thread_local qint64 spared = 0; // ms
 
@@ -145,11 +150,29 @@ int wakeHeld(const QWaitCondition *condition, int atMost)
     return count;
 }
 
+bool isHooked(const QWaitCondition *condition, QMutex *mutex)
+{
+    if (!waitHook)
+        return false;
+    mutex->unlock();
+    const bool hooked = waitHook(condition);
+    mutex->lock();
+    return hooked;
+}
+
 void passMutexOn(QMutex *mutex)
 {
     mutex->unlock();
     QThread::yieldCurrentThread();
     mutex->lock();
+}
+
+bool waitReally(QWaitCondition *condition, QMutex *mutex, unsigned long msecs)
+{
+    const bool woken = __real__ZN14QWaitCondition4waitEP6QMutexm(condition, mutex, msecs);
+    if (waitsPassOn)
+        passMutexOn(mutex);
+    return woken;
 }
 
 } // namespace
@@ -182,6 +205,21 @@ void VirtualTime::stickInNextPause(unsigned long msecs)
     stickingPause = msecs;
 }
 
+void VirtualTime::setWaitsPassOn(bool passOn)
+{
+    waitsPassOn = passOn;
+}
+
+void VirtualTime::keepReal(const QWaitCondition *condition)
+{
+    realCondition = condition;
+}
+
+void VirtualTime::setWaitHook(std::function<bool(const QWaitCondition *)> hook)
+{
+    waitHook = std::move(hook);
+}
+
 qint64 VirtualTime::sparedTime()
 {
     return spared;
@@ -200,8 +238,10 @@ void __wrap__ZN7QThread5sleepEm(unsigned long secs)
 bool __wrap__ZN14QWaitCondition4waitEP6QMutexm(QWaitCondition *self, QMutex *mutex,
                                                unsigned long msecs)
 {
-    if (msecs == ULONG_MAX || !(instantWaits || waitsHeld))
-        return __real__ZN14QWaitCondition4waitEP6QMutexm(self, mutex, msecs);
+    if (isHooked(self, mutex))
+        return true;
+    if (self == realCondition || msecs == ULONG_MAX || !(instantWaits || waitsHeld))
+        return waitReally(self, mutex, msecs);
     if (waitsHeld && waitWhileHeld(self, mutex))
         return true;
     if (instantWaits)

@@ -104,7 +104,7 @@ QByteArray idleMessage(MessageCore &core)
 } // namespace
 
 /** What the design costs, exactly as it is, so that advice about it can be relied on. */
-class Weaknesses : public QObject
+class WeaknessesTest : public QObject
 {
     Q_OBJECT
 
@@ -131,7 +131,7 @@ private slots:
     void aHandlerHoldsUpTheLinkButNoClient();
 };
 
-void Weaknesses::theOpenLoopHasNoPauseAndLogsEveryAttempt()
+void WeaknessesTest::theOpenLoopHasNoPauseAndLogsEveryAttempt()
 {
     constexpr int attempts = 200;
     VirtualTime::setPauseDivisor(0);
@@ -157,7 +157,7 @@ void Weaknesses::theOpenLoopHasNoPauseAndLogsEveryAttempt()
     QCOMPARE(log.count("_connectedFunc: Failed to open driver !"), 1);
 }
 
-void Weaknesses::aRemainderInTheCounterKeepsTheDelayOn()
+void WeaknessesTest::aRemainderInTheCounterKeepsTheDelayOn()
 {
     constexpr int turns = 10;
     LinkProbe core;
@@ -175,7 +175,7 @@ void Weaknesses::aRemainderInTheCounterKeepsTheDelayOn()
     QCOMPARE(core.bytesWaiting(), quint32(tooMuch));
 }
 
-void Weaknesses::aLostLinkEndsTheRemainder()
+void WeaknessesTest::aLostLinkEndsTheRemainder()
 {
     LinkProbe core;
     QVERIFY(leaveRemainder(core));
@@ -190,7 +190,7 @@ void Weaknesses::aLostLinkEndsTheRemainder()
     QCOMPARE(core.driver->written(), QList<QByteArray>{"DEVICE_NODATA00001"});
 }
 
-void Weaknesses::aRestartEndsTheRemainder()
+void WeaknessesTest::aRestartEndsTheRemainder()
 {
     LinkProbe core;
     QVERIFY(leaveRemainder(core));
@@ -204,7 +204,7 @@ void Weaknesses::aRestartEndsTheRemainder()
     QCOMPARE(core.bytesWaiting(), 0u);
 }
 
-void Weaknesses::continuousWritersStarveTheControlMessages()
+void WeaknessesTest::continuousWritersStarveTheControlMessages()
 {
     constexpr int turns = 30;
     LinkProbe core;
@@ -227,7 +227,7 @@ void Weaknesses::continuousWritersStarveTheControlMessages()
     QCOMPARE(core.log.count(asked), 1);
 }
 
-void Weaknesses::theQueueOfAnOpenPortIsNotBoundInBytes()
+void WeaknessesTest::theQueueOfAnOpenPortIsNotBoundInBytes()
 {
     constexpr int messages = 100;
     constexpr int size = 9987;
@@ -240,7 +240,7 @@ void Weaknesses::theQueueOfAnOpenPortIsNotBoundInBytes()
     QCOMPARE(idleMessage(core), QByteArray("DEVICE_WTSEND"));
 }
 
-void Weaknesses::theQueueOfAnUnopenedPortHasNoLimit()
+void WeaknessesTest::theQueueOfAnUnopenedPortHasNoLimit()
 {
     constexpr int limitOfOpenPorts = 124000;
     constexpr int beyond = 100;
@@ -264,7 +264,7 @@ void Weaknesses::theQueueOfAnUnopenedPortHasNoLimit()
     QCOMPARE(idleMessage(core), QByteArray("DEVICE_NODATA10000"));
 }
 
-void Weaknesses::aLostLinkEmptiesTheQueueOfAnUnopenedPort()
+void WeaknessesTest::aLostLinkEmptiesTheQueueOfAnUnopenedPort()
 {
     MessageCore core;
     QVERIFY(core.start());
@@ -275,7 +275,7 @@ void Weaknesses::aLostLinkEmptiesTheQueueOfAnUnopenedPort()
     QCOMPARE(core.queuedMessages(42), 0);
 }
 
-void Weaknesses::everyPortThatTheHostNamesStaysInTheTables()
+void WeaknessesTest::everyPortThatTheHostNamesStaysInTheTables()
 {
     constexpr int ports = 10000;
     MessageCore core;
@@ -288,7 +288,7 @@ void Weaknesses::everyPortThatTheHostNamesStaysInTheTables()
     QCOMPARE(core.nbClients(), 1u);
 }
 
-void Weaknesses::aPortThatIsOpenedAgainWithoutACloseCostsAClientForGood()
+void WeaknessesTest::aPortThatIsOpenedAgainWithoutACloseCostsAClientForGood()
 {
     MessageCore core;
     core.setup.maxClients = 2;
@@ -307,7 +307,7 @@ void Weaknesses::aPortThatIsOpenedAgainWithoutACloseCostsAClientForGood()
     QCOMPARE(record.count("error(5,2)"), 1);
 }
 
-void Weaknesses::theFirstMessageCannotBeReadInItsOwnHandler()
+void WeaknessesTest::theFirstMessageCannotBeReadInItsOwnHandler()
 {
     MessageCore core;
     QVERIFY(core.openPorts());
@@ -323,7 +323,7 @@ void Weaknesses::theFirstMessageCannotBeReadInItsOwnHandler()
     QCOMPARE(events.last(), QString("readyRead: def"));
 }
 
-void Weaknesses::theFirstOpenKnowsNoConfiguredTimeout()
+void WeaknessesTest::theFirstOpenKnowsNoConfiguredTimeout()
 {
     const auto driver = QSharedPointer<TimeoutDriver>::create();
     LinkProbe core(driver);
@@ -339,7 +339,7 @@ void Weaknesses::theFirstOpenKnowsNoConfiguredTimeout()
     QCOMPARE(driver->readTimeouts, (QList<quint32>{2000, 500}));
 }
 
-void Weaknesses::theLogHoldsReceivedControlCharacters()
+void WeaknessesTest::theLogHoldsReceivedControlCharacters()
 {
     MessageCore core;
     QVERIFY(core.start());
@@ -351,7 +351,7 @@ void Weaknesses::theLogHoldsReceivedControlCharacters()
     QVERIFY(core.log.contains("stop: forged"));
 }
 
-void Weaknesses::aDriverWithoutABufferSaysSoAtEveryRead()
+void WeaknessesTest::aDriverWithoutABufferSaysSoAtEveryRead()
 {
     VirtualTime::setPauseDivisor(0);
     const LogCapture log;
@@ -366,7 +366,7 @@ void Weaknesses::aDriverWithoutABufferSaysSoAtEveryRead()
     QVERIFY(driver.close());
 }
 
-void Weaknesses::whatAHandlerWritesToThePortItReopenedIsRemoved()
+void WeaknessesTest::whatAHandlerWritesToThePortItReopenedIsRemoved()
 {
     MessageCore core;
     QVERIFY(core.start());
@@ -382,7 +382,7 @@ void Weaknesses::whatAHandlerWritesToThePortItReopenedIsRemoved()
     QVERIFY(core.log.contains("_onDisconnected: 1 messages removed from Write FIFO for port 1"));
 }
 
-void Weaknesses::errorsOfOtherThreadsPileUpUntilEventsAreHandled()
+void WeaknessesTest::errorsOfOtherThreadsPileUpUntilEventsAreHandled()
 {
     constexpr int errors = 50;
     MessageCore core;
@@ -398,7 +398,7 @@ void Weaknesses::errorsOfOtherThreadsPileUpUntilEventsAreHandled()
     QCOMPARE(core.log.count(line), errors);
 }
 
-void Weaknesses::aRunThatBeganWithoutAnEventLoopStaysWithoutAWatchdog()
+void WeaknessesTest::aRunThatBeganWithoutAnEventLoopStaysWithoutAWatchdog()
 {
     const auto run = [] {
         QList<bool> active;
@@ -416,7 +416,7 @@ void Weaknesses::aRunThatBeganWithoutAnEventLoopStaysWithoutAWatchdog()
     QCOMPARE(watched, (QList<bool>{false, true}));
 }
 
-void Weaknesses::aHandlerHoldsUpTheLinkButNoClient()
+void WeaknessesTest::aHandlerHoldsUpTheLinkButNoClient()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -444,5 +444,5 @@ void Weaknesses::aHandlerHoldsUpTheLinkButNoClient()
     QCOMPARE(core.read(1, 100), QByteArray("two"));
 }
 
-QTEST_GUILESS_MAIN(Weaknesses)
+QTEST_GUILESS_MAIN(WeaknessesTest)
 #include "tst_weaknesses.moc"
