@@ -38,7 +38,7 @@ thread_local int lastError = 0;
 
 PortHub &PortHub::instance()
 {
-    static PortHub *const hub = new PortHub;
+    static auto *const hub = new PortHub;
     return *hub;
 }
 

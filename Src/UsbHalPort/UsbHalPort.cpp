@@ -22,7 +22,7 @@ UsbHalPort::UsbHalPort(int port, QObject *parent)
 
 UsbHalPort::~UsbHalPort()
 {
-    close();
+    UsbHalPort::close();
 }
 
 int UsbHalPort::portNumber() const
