@@ -80,18 +80,6 @@ UsbHAL::~UsbHAL()
     waitForDisconnected(destructionTimeout);
 }
 
-void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
-{
-    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
-    const CancellationBlocker blocker;
-    const bool inHandler = isConnectedThread();
-    if (inHandler)
-        _handlerWait = &condition;
-    condition.wait(&_mutex, static_cast<unsigned long>(msecs));
-    if (inHandler)
-        _handlerWait = nullptr;
-}
-
 void UsbHAL::getDefaultSetup(ParamHal &param) const
 {
     param.maxReadSize = 10000;

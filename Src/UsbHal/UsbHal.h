@@ -208,8 +208,6 @@ protected:
     bool _startThread() REQUIRES(_mutex);
     void _beginRun() REQUIRES(_mutex);
     void _beginEnding() REQUIRES(_mutex);
-    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
-    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
     void _endOfConnectedThread();
     void _onThreadGone();
     void _stopMainLoop() REQUIRES(_mutex);
@@ -224,7 +222,6 @@ protected:
 
     // Watchdog (UsbHal_watchdog.cpp)
     bool _isWatchdogDue() const REQUIRES(_mutex);
-    void _resetWatchdog() REQUIRES(_mutex);
 
     // Communication thread (UsbHal_thread.cpp)
     void *_connectedFunc(void *arg);
@@ -234,6 +231,8 @@ protected:
     AbstractDriver *_open(QMutexLocker &locker) REQUIRES(_mutex);
     bool _closeDriver() REQUIRES(_mutex);
     bool _runCycles(Session &session, QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThread(QMutexLocker &locker) REQUIRES(_mutex);
+    void _leaveThreadAsHost(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _writeAsDevice(QMutexLocker &locker) REQUIRES(_mutex);
     void _readAsHost(QMutexLocker &locker) REQUIRES(_mutex);
@@ -354,6 +353,11 @@ void UsbHAL::_runUnlocked(QMutexLocker &locker, Operation operation)
     locker.unlock();
     operation();
     locker.relock();
+}
+
+inline void UsbHAL::_pause(unsigned long time, QMutexLocker &locker)
+{
+    _runUnlocked(locker, [time] { QThread::msleep(time); });
 }
 
 template <typename Emission>

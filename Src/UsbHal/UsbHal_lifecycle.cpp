@@ -53,6 +53,18 @@ bool UsbHAL::_hasToEnd() const
     return _communication != Communication::Running && isConnectedThread();
 }
 
+void UsbHAL::_waitOn(QWaitCondition &condition, qint64 msecs) const
+{
+    // A kill within QWaitCondition::wait() would leave both its locks in disorder.
+    const CancellationBlocker blocker;
+    const bool inHandler = isConnectedThread();
+    if (inHandler)
+        _handlerWait = &condition;
+    condition.wait(&_mutex, static_cast<unsigned long>(msecs));
+    if (inHandler)
+        _handlerWait = nullptr;
+}
+
 bool UsbHAL::isConnectedThread() const
 {
     return WorkerThread::currentOwner() == this;
@@ -95,7 +107,6 @@ bool UsbHAL::_startCommunication()
     logLine("openConnection", {"start communication thread"});
     if (!_startThread())
         return false;
-    _resetWatchdog();
     connect(&_mainLoopTimer, &QTimer::timeout, this, &UsbHAL::_mainLoop, Qt::UniqueConnection);
     _mainLoopTimer.setPeriod(_param.mainLoopPeriod);
     _mainLoopClock.start();
@@ -122,27 +133,14 @@ void UsbHAL::_beginRun()
 {
     ++_runs;
     _nextAction = firstHalf;
+    _watchdogErrors = 0;
+    _loopCounter = 0;
+    _lastLoopCounter = 0;
     _running = true;
     _changeCommunication(Communication::Running);
 }
 
 // ---- the end, in the thread ----
-
-void UsbHAL::_leaveThread(QMutexLocker &locker)
-{
-    _beginEnding();
-    _releaseDriverOrReport("_connectedFunc", "USB driver closed", "Could not close USB driver !",
-                           locker);
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _maxSizeExchanged = false;
-}
-
-void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
-{
-    _beginEnding();
-    _updateStatus(DriverState::DISCONNECTED, locker);
-    _onDisconnected(locker);
-}
 
 void UsbHAL::_beginEnding()
 {
@@ -285,8 +283,8 @@ void UsbHAL::_replaceThread(quint32 stops, QMutexLocker &locker)
         _changeAllSocketsState(SocketState::DISCONNECTED, locker);
     if (_stops != stops)
         _releaseDriverOfDeadThread();
-    else if (_communication == Communication::Ended && _startThread())
-        _resetWatchdog();
+    else if (_communication == Communication::Ended)
+        _startThread();
 }
 
 // A stop() that found the thread killed has left the driver to whoever killed it.

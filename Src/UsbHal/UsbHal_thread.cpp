@@ -98,6 +98,22 @@ bool UsbHAL::_runCycles(Session &session, QMutexLocker &locker)
     return true;
 }
 
+void UsbHAL::_leaveThread(QMutexLocker &locker)
+{
+    _beginEnding();
+    _releaseDriverOrReport("_connectedFunc", "USB driver closed", "Could not close USB driver !",
+                           locker);
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _maxSizeExchanged = false;
+}
+
+void UsbHAL::_leaveThreadAsHost(QMutexLocker &locker)
+{
+    _beginEnding();
+    _updateStatus(DriverState::DISCONNECTED, locker);
+    _onDisconnected(locker);
+}
+
 // ---- the driver ----
 
 AbstractDriver *UsbHAL::_open(QMutexLocker &locker)
@@ -176,11 +192,6 @@ void UsbHAL::_skipWrite(QMutexLocker &locker)
     logLine("_connectedFunc", {"Disconnection received, skip write message"});
     _pause(_param.wrTimeout, locker);
     ++_writeErrors;
-}
-
-void UsbHAL::_pause(unsigned long time, QMutexLocker &locker)
-{
-    _runUnlocked(locker, [time] { QThread::msleep(time); });
 }
 
 // ---- the cycle ----

@@ -28,10 +28,3 @@ bool UsbHAL::_isWatchdogDue() const
         return false;
     return !(_hwDriver && _hwDriver->avoidClosingDuringHandshake() && _handshaking);
 }
-
-void UsbHAL::_resetWatchdog()
-{
-    _watchdogErrors = 0;
-    _loopCounter = 0;
-    _lastLoopCounter = 0;
-}
