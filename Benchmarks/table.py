@@ -195,6 +195,20 @@ def link_rows():
                   goals=[Goal("floor", 1, plus=0.05, text="no more (0.05 for the measuring)")])
 
 
+def port_rows():
+    for size, factor in ((9987, 1.5), (16, 3)):
+        yield Row(f"`UsbHalPort`: processor time for {size} B written in such pieces"
+                  f"{', and as many read' if size > 16 else ''}; floor: a client of the facade", "ns",
+                  f"port.ours.{size}.time", f"port.facade.{size}.time", goals=[Goal("floor", factor)])
+    for side, text in (("todevice", "to the device"), ("tohost", "to the host")):
+        yield Row(f"`UsbHalPort`: payload rate {text}, five ports, both directions at once; floor: the "
+                  "ceiling", "B/s", f"port.ours.9987.{side}", "link.rate.ceiling",
+                  {"facade": f"port.facade.9987.{side}"}, [Goal("floor", 0.98, at_least=True)])
+    yield Row("`UsbHalPort`: context switches of an idle cycle, five ports; floor: the facade's", "",
+              "link.port.ours.process.switches", "link.port.facade.process.switches",
+              goals=[Goal("floor", 1, plus=0.05, text="no more (0.05 for the measuring)")])
+
+
 def latency_rows():
     yield Row("`write` call alone, median; floor: uncontended mutex round trip", "ns",
               "latency.write.alone", "latency.mutex")
@@ -241,7 +255,7 @@ def instruction_rows():
 
 def table(figures, judged):
     rows = [["what", "ours", "floor", "peer", "ratio", "goal", "reached"], ["---"] * 7]
-    for group in (log_rows, framing_rows, delivery_rows, link_rows, latency_rows, memory_rows,
+    for group in (log_rows, framing_rows, delivery_rows, link_rows, port_rows, latency_rows, memory_rows,
                   growth_rows, instruction_rows):
         rows += [row.cells(figures, judged) for row in group()]
     return "".join(f"| {' | '.join(cells)} |\n" for cells in rows)

@@ -3,9 +3,11 @@ include(CMakePackageConfigHelpers)
 set(USBHAL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/UsbHal)
 set(USBHAL_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(TARGETS UsbHal EXPORT UsbHalTargets
+install(TARGETS UsbHal UsbHalPort EXPORT UsbHalTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT usbhal)
-install(FILES ${PROJECT_SOURCE_DIR}/Src/UsbHal/UsbHalIntf.h
+install(FILES
+    ${PROJECT_SOURCE_DIR}/Src/UsbHal/UsbHalIntf.h
+    ${PROJECT_SOURCE_DIR}/Src/UsbHalPort/UsbHalPort.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/UsbHal COMPONENT usbhal)
 
 install(EXPORT UsbHalTargets NAMESPACE UsbHal::
@@ -21,7 +23,9 @@ install(FILES
     ${PROJECT_BINARY_DIR}/UsbHalConfigVersion.cmake
     DESTINATION ${USBHAL_CMAKE_DIR} COMPONENT usbhal)
 
-configure_file(
-    ${PROJECT_SOURCE_DIR}/cmake/usbhal.pc.in ${PROJECT_BINARY_DIR}/usbhal.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/usbhal.pc
-    DESTINATION ${USBHAL_PKGCONFIG_DIR} COMPONENT usbhal)
+foreach(module IN ITEMS usbhal usbhal-port)
+    configure_file(
+        ${PROJECT_SOURCE_DIR}/cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/${module}.pc
+        DESTINATION ${USBHAL_PKGCONFIG_DIR} COMPONENT usbhal)
+endforeach()

@@ -220,12 +220,18 @@ def blocks_for_files(page):
             yield names[-1], "\n".join(block) + "\n"
 
 
-def check_client():
-    client = (pages.ROOT / "Examples/Client/main.cpp").read_text(encoding="utf-8")
-    for page in (pages.ROOT / "README.md", DOCS / "getting-started.md"):
+def check_example(name, *shown_in):
+    example = (pages.ROOT / name).read_text(encoding="utf-8")
+    for page in shown_in:
         blocks = pages.blocks_of(page.read_text(encoding="utf-8"))
-        if client not in ["\n".join(block) + "\n" for _, _, block in blocks]:
-            fault(page, "does not show Examples/Client/main.cpp as it is")
+        if example not in ["\n".join(block) + "\n" for _, _, block in blocks]:
+            fault(page, f"does not show {name} as it is")
+
+
+def check_examples():
+    readme = pages.ROOT / "README.md"
+    check_example("Examples/Client/main.cpp", readme, DOCS / "getting-started.md")
+    check_example("Examples/PortChat/main.cpp", readme, DOCS / "port.md")
 
 
 def check_code():
@@ -249,6 +255,6 @@ if __name__ == "__main__":
     check_log_texts()
     check_manuals()
     check_made_manuals(built / "man")
-    check_client()
+    check_examples()
     check_code()
     sys.exit("\n".join(faults) if faults else 0)

@@ -16,7 +16,7 @@ import pages
 
 # The pages of the HTML, as Docs/CMakeLists.txt lists them; names in the tree, divided by blanks.
 SHOWN = [pages.ROOT / name for name in os.environ["USBHAL_DOCS_PAGES"].split()]
-HEADER = pages.ROOT / "Src/UsbHal/UsbHalIntf.h"
+HEADERS = [pages.ROOT / "Src/UsbHal/UsbHalIntf.h", pages.ROOT / "Src/UsbHalPort/UsbHalPort.h"]
 
 
 def label_of(page):
@@ -35,8 +35,8 @@ def link(page, label, target):
     if not pages.is_relative(target):
         return f"[{label}]({target})"
     path, anchor = pages.resolve(page, target)
-    if path == HEADER:
-        return f"[{label}](@ref UsbHalIntf.h)"
+    if path in HEADERS:
+        return f"[{label}](@ref {path.name})"
     if path not in SHOWN:
         return label
     if anchor:

@@ -22,16 +22,16 @@ public:
         bool isHost() const override { return _isHost; }
         static WorkerThread &thread() { return _connectedThread; }
 
-        using UsbHAL::_delayRequested;
         using UsbHAL::_communicationCond;
+        using UsbHAL::_delayRequested;
         using UsbHAL::_driverOpened;
         using UsbHAL::_forceLowLevelDisconnection;
         using UsbHAL::_handshaking;
         using UsbHAL::_lastLoopCounter;
         using UsbHAL::_lastMaxReadSize;
         using UsbHAL::_loopCounter;
-        using UsbHAL::_maxSizeExchanged;
         using UsbHAL::_mainLoopTimer;
+        using UsbHAL::_maxSizeExchanged;
         using UsbHAL::_mutex;
         using UsbHAL::_nextAction;
         using UsbHAL::_param;

@@ -96,6 +96,12 @@ bool HostEnd::isEstablished() const
     return _session.isEstablished();
 }
 
+bool HostEnd::isDelayed() const
+{
+    const std::lock_guard<std::mutex> lock(_mutex);
+    return _session.isDelayed();
+}
+
 void HostEnd::run()
 {
     for (;;) {

@@ -43,6 +43,9 @@ public:
     /** Whether the device answers. */
     bool isEstablished() const;
 
+    /** Whether the device has asked to wait. */
+    bool isDelayed() const;
+
 private:
     void run();
     void exchange();

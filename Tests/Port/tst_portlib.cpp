@@ -1,0 +1,361 @@
+// SPDX-License-Identifier: MIT
+#include "PortFixture.h"
+
+#include <QDataStream>
+#include <QSignalSpy>
+#include <QTextStream>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+
+/** What a port's user sees while the link stands, and how a port is opened and closed. */
+class Port : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void openingIsRefusedWithASentence();
+    void bytesPassBothWays();
+    void aMessageWithoutBytesHidesNothing();
+    void linesAndTransactionsSpanMessages();
+    void aFullQueueDropsNothing();
+    void theReadBufferIsBounded();
+    void withoutAnEventLoop();
+    void theModesReadOrWriteOnly();
+    void nothingRunsWhileIdle();
+    void tenThousandOpensAndCloses();
+    void tenObjectsInTenThreads();
+};
+
+namespace {
+
+QByteArray readUntil(UsbHalPort &port, int size)
+{
+    QByteArray bytes;
+    while (bytes.size() < size && (port.bytesAvailable() > 0 || port.waitForReadyRead(20000)))
+        bytes += port.readAll();
+    return bytes;
+}
+
+} // namespace
+
+void Port::openingIsRefusedWithASentence()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QSignalSpy errors(&port, &UsbHalPort::errorOccurred);
+    QCOMPARE(port.state(), UsbHalPort::UnconnectedState);
+    QVERIFY(port.open(QIODevice::ReadWrite));
+    QCOMPARE(port.state(), UsbHalPort::ConnectingState);
+    QVERIFY(port.openMode() & QIODevice::Unbuffered);
+    QVERIFY(!UsbHalPort::setConfiguration(ParamHal()));
+
+    const auto refused = [](UsbHalPort &other, QIODevice::OpenMode mode) {
+        const bool opened = other.open(mode);
+        return !opened && other.errorString().endsWith('.') ? other.error() : UsbHalPort::NoError;
+    };
+    QCOMPARE(refused(port, QIODevice::ReadWrite), UsbHalPort::AlreadyOpenError);
+    QCOMPARE(errors.count(), 1);
+    UsbHalPort same(1);
+    QCOMPARE(refused(same, QIODevice::ReadWrite), UsbHalPort::AlreadyOpenError);
+    UsbHalPort none(10000);
+    QCOMPARE(refused(none, QIODevice::ReadWrite), UsbHalPort::InvalidPortError);
+    UsbHalPort second(2);
+    QCOMPARE(refused(second, QIODevice::NotOpen), UsbHalPort::InvalidPortError);
+    // Who uses the facade beside has that port to himself, also when it is cut off.
+    UsbHALIntf *const hal = UsbHALIntf::getInstance();
+    QVERIFY(hal->openConnection(3));
+    hal->peerDisconnected(3);
+    UsbHalPort third(3);
+    QCOMPARE(refused(third, QIODevice::ReadWrite), UsbHalPort::AlreadyOpenError);
+    QCOMPARE(hal->nbClients(), 2u);
+    for (const int number : {4, 5, 6})
+        QVERIFY(hal->openConnection(number));
+    UsbHalPort seventh(7);
+    QCOMPARE(refused(seventh, QIODevice::ReadWrite), UsbHalPort::TooManyPortsError);
+    seventh.clearError();
+    QCOMPARE(seventh.error(), UsbHalPort::NoError);
+    port.close();
+    QVERIFY(seventh.open(QIODevice::ReadWrite));
+}
+
+void Port::bytesPassBothWays()
+{
+    PortFixture fixture;
+    QStringList seen;
+    UsbHalPort port(1);
+    watchSignals(&port, [&](const QString &text) { seen += text; });
+    fixture.host.plugIn();
+    QVERIFY(port.open(QIODevice::ReadWrite));
+    QCOMPARE(port.write("before"), 6);
+    QTRY_VERIFY(seen.contains("connected"));
+    QTRY_COMPARE_WITH_TIMEOUT(port.bytesToWrite(), 0, 20000);
+    QVERIFY(fixture.host.waitForReceived(1, "before"));
+    fixture.host.send(1, "hello");
+    QTRY_COMPARE(port.bytesAvailable(), 5);
+    QCOMPARE(port.peek(2), QByteArray("he"));
+    QCOMPARE(port.read(3), QByteArray("hel"));
+    QCOMPARE(port.bytesAvailable(), 2);
+    QCOMPARE(port.readAll(), QByteArray("lo"));
+    QCOMPARE(port.readAll(), QByteArray());
+    QCOMPARE(port.droppedBytes(), 0);
+    port.close();
+    QCOMPARE(seen, QStringList({"state 1", "state 2", "connected", "written 6", "readyRead",
+                                "aboutToClose", "state 0", "finished", "disconnected"}));
+}
+
+void Port::aMessageWithoutBytesHidesNothing()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    QVERIFY(fixture.host.pause());
+    const QByteArray messages("FADA000040001FADA000040001FADA000070001abc");
+    QVERIFY(fixture.command("inject " + messages.toHex().toStdString()));
+    QVERIFY(port.waitForReadyRead(20000));
+    QCOMPARE(port.readAll(), QByteArray("abc"));
+}
+
+void Port::linesAndTransactionsSpanMessages()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    fixture.host.send(1, "one\ntw");
+    QVERIFY(port.waitForReadyRead(20000));
+    QVERIFY(port.canReadLine());
+    QCOMPARE(port.readLine(), QByteArray("one\n"));
+    QVERIFY(!port.canReadLine());
+    QCOMPARE(port.peek(10), QByteArray("tw")); // QIODevice keeps these now
+    fixture.host.send(1, "o\nthree\n");
+    QVERIFY(port.waitForReadyRead(20000));
+    QCOMPARE(port.bytesAvailable(), 10);
+    QVERIFY(port.canReadLine());
+    QTextStream lines(&port);
+    QCOMPARE(lines.readLine(), QString("two"));
+    QCOMPARE(lines.readLine(), QString("three"));
+
+    QByteArray message;
+    QDataStream out(&message, QIODevice::WriteOnly);
+    out << QString("a text") << 4711 << QByteArray(500, 'x');
+    QDataStream in(&port);
+    QString text;
+    int number = 0;
+    QByteArray bytes;
+    const auto readMessage = [&] {
+        in.startTransaction();
+        in >> text >> number >> bytes;
+        return in.commitTransaction();
+    };
+    for (const int cut : {3, 20, 300}) {
+        fixture.host.send(1, message.left(cut));
+        QVERIFY(port.waitForReadyRead(20000));
+        QVERIFY(!readMessage());
+        fixture.host.send(1, message.mid(cut));
+        while (!readMessage())
+            QVERIFY(port.waitForReadyRead(20000));
+        QCOMPARE(text, QString("a text"));
+        QCOMPARE(number, 4711);
+        QCOMPARE(bytes, QByteArray(500, 'x'));
+        QCOMPARE(port.bytesAvailable(), 0);
+    }
+}
+
+void Port::aFullQueueDropsNothing()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    QVERIFY(fixture.host.pause());
+    UsbHALIntf *const hal = UsbHALIntf::getInstance();
+    QVERIFY(hal->openConnection(2));
+    // Others may have filled the queue of the library.
+    while (hal->write(2, "x") == 1) {
+    }
+    const QByteArray bytes = countedBytes(250000);
+    port.setWriteBufferSize(200000);
+    QCOMPARE(port.write(bytes), 200000);
+    QCOMPARE(port.write("x"), 0);
+    QCOMPARE(port.bytesToWrite(), 200000);
+    QVERIFY(!port.flush());
+    QVERIFY(!port.waitForBytesWritten(1));
+    QCOMPARE(port.error(), UsbHalPort::TimeoutError);
+    qint64 written = 0;
+    qint64 atOnce = 0; // the most
+    connect(&port, &UsbHalPort::bytesWritten, [&](qint64 size) {
+        written += size;
+        atOnce = qMax(atOnce, size);
+        QVERIFY(written > 200000 || port.bytesToWrite() == 200000 - written);
+    });
+    fixture.host.resume();
+    QTRY_COMPARE_WITH_TIMEOUT(written, 200000, 20000);
+    QVERIFY(fixture.host.waitForReceived(1, bytes.left(200000)));
+    QVERIFY2(atOnce < 50000, "a message is told when the node has taken it, not all at the end");
+    QCOMPARE(port.write("y"), 1);
+    QVERIFY(port.waitForBytesWritten(20000));
+    QCOMPARE(fixture.host.received(1), bytes.left(200000) + 'y');
+}
+
+void Port::theReadBufferIsBounded()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    port.setReadBufferSize(1000);
+    // More than the library takes before it asks the host to wait.
+    const QByteArray bytes = countedBytes(600000);
+    fixture.host.send(1, bytes);
+    // Ports that write on and on let the request pass all the same.
+    const QByteArray filling(60000, 'f');
+    UsbHalPort second(2);
+    UsbHalPort third(3);
+    for (UsbHalPort *const other : {&second, &third}) {
+        QVERIFY(fixture.connect(*other));
+        connect(other, &UsbHalPort::bytesWritten, other, [&filling, other] {
+            if (other->bytesToWrite() < filling.size())
+                other->write(filling);
+        });
+        other->write(filling + filling);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(fixture.host.isDelayed(), 20000);
+    QVERIFY(port.bytesAvailable() <= 1000);
+    QVERIFY(!port.waitForReadyRead(20000)); // no room
+    QByteArray got;
+    connect(&port, &UsbHalPort::readyRead, &port, [&] {
+        QVERIFY(port.bytesAvailable() <= 1000);
+        got += port.readAll();
+    });
+    got += port.readAll();
+    QTRY_COMPARE_WITH_TIMEOUT(got.size(), bytes.size(), 30000);
+    QVERIFY(got == bytes);
+}
+
+void Port::withoutAnEventLoop()
+{
+    PortFixture fixture;
+    fixture.host.plugIn();
+    // A thread of the standard library, which has no dispatcher for timers.
+    bool connected = false;
+    QByteArray echoed;
+    std::thread thread([&] {
+        UsbHalPort port(1);
+        connected = port.open(QIODevice::ReadWrite) && port.waitForConnected(20000);
+        port.write(countedBytes(30000));
+        while (port.bytesToWrite() > 0 && port.waitForBytesWritten(20000)) {
+        }
+        fixture.host.send(1, fixture.host.received(1));
+        echoed = readUntil(port, 30000);
+        QVERIFY(!port.waitForReadyRead(1));
+        QCOMPARE(port.error(), UsbHalPort::TimeoutError);
+        QVERIFY(!port.waitForDisconnected(1));
+        QVERIFY(!port.waitForBytesWritten(1));
+    });
+    thread.join();
+    QVERIFY(connected);
+    QCOMPARE(echoed, countedBytes(30000));
+}
+
+void Port::theModesReadOrWriteOnly()
+{
+    PortFixture fixture;
+    UsbHalPort reader(1);
+    UsbHalPort writer(2);
+    fixture.host.plugIn();
+    QVERIFY(reader.open(QIODevice::ReadOnly));
+    QVERIFY(writer.open(QIODevice::WriteOnly));
+    QVERIFY(reader.waitForConnected(20000) && writer.waitForConnected(20000));
+    QTest::ignoreMessage(QtWarningMsg, "QIODevice::write (UsbHalPort): ReadOnly device");
+    QCOMPARE(reader.write("x"), -1);
+    fixture.host.send(2, "unread");
+    fixture.host.send(1, "read");
+    QVERIFY(reader.waitForReadyRead(20000));
+    QCOMPARE(reader.readAll(), QByteArray("read"));
+    QTRY_COMPARE(writer.droppedBytes(), 6);
+    QCOMPARE(writer.write("x"), 1);
+    QVERIFY(fixture.host.waitForReceived(2, "x"));
+}
+
+void Port::nothingRunsWhileIdle()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    QTimer *const timer = port.findChild<QTimer *>();
+    QVERIFY(timer && !timer->isActive());
+    QVERIFY(fixture.host.pause());
+    port.write("x");
+    QVERIFY(timer->isActive());
+    fixture.host.resume();
+    QTRY_COMPARE(port.bytesToWrite(), 0);
+    QVERIFY(!timer->isActive());
+    // Nor is an event posted, cycle after cycle.
+    QCoreApplication::processEvents();
+    class Counter : public QObject
+    {
+    public:
+        bool eventFilter(QObject *, QEvent *event) override
+        {
+            count += event->type() == QEvent::MetaCall || event->type() == QEvent::Timer;
+            return false;
+        }
+        int count = 0;
+    } counter;
+    port.installEventFilter(&counter);
+    const auto writes = [&] { return std::stoi(fixture.node.statusValue("writes")); };
+    const int before = writes();
+    QTRY_VERIFY(writes() > before + 10);
+    QCOMPARE(counter.count, 0);
+}
+
+void Port::tenThousandOpensAndCloses()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    for (int i = 0; i < 10000; ++i) {
+        port.close();
+        QVERIFY(port.open(QIODevice::ReadWrite));
+        QVERIFY(i % 100 != 0 || port.waitForConnected(20000));
+    }
+    QCOMPARE(UsbHALIntf::getInstance()->nbClients(), 1u);
+    QVERIFY(port.waitForConnected(20000));
+    port.write("still there");
+    QVERIFY(fixture.host.waitForReceived(1, "still there"));
+}
+
+void Port::tenObjectsInTenThreads()
+{
+    PortFixture fixture;
+    fixture.host.plugIn();
+    std::atomic<int> echoes{0};
+    std::atomic<int> refusals{0};
+    std::vector<std::thread> threads;
+    // Five ports for ten objects: those that come late wait for their turn.
+    for (int object = 0; object < 10; ++object) {
+        threads.emplace_back([&, object] {
+            UsbHalPort port(object);
+            while (!port.open(QIODevice::ReadWrite)) {
+                refusals += port.error() == UsbHalPort::TooManyPortsError;
+                QThread::yieldCurrentThread();
+            }
+            const QByteArray bytes = countedBytes(3000, object * 10000);
+            if (!port.waitForConnected(20000))
+                return;
+            port.write(bytes);
+            while (port.bytesToWrite() > 0 && port.waitForBytesWritten(20000)) {
+            }
+            fixture.host.waitForReceived(object, bytes);
+            fixture.host.send(object, bytes);
+            echoes += readUntil(port, bytes.size()) == bytes;
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    QCOMPARE(echoes.load(), 10);
+    QVERIFY(refusals > 0);
+    QCOMPARE(UsbHALIntf::getInstance()->nbClients(), 0u);
+}
+
+QTEST_GUILESS_MAIN(Port)
+#include "tst_portlib.moc"
