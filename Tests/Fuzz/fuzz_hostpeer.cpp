@@ -63,7 +63,7 @@ std::size_t announcedSize(std::string_view message)
     if (number.size() < 5 || begin == std::string::npos || number.size() - begin > mostDigits)
         return 0;
     errno = 0;
-    const std::size_t size = std::strtoull(number.c_str(), nullptr, 10);
+    const std::size_t size = std::strtoul(number.c_str(), nullptr, 10);
     return errno == 0 ? size : 0;
 }
 

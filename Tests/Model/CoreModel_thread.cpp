@@ -418,6 +418,7 @@ void CoreModel::endThread()
     if (_startPending) {
         _startPending = false;
         running = true;
+        nextHalf = 1;
         beginSession();
         return;
     }
