@@ -419,6 +419,7 @@ void FaultSession::letLast(Strike &strike)
         return;
     waitUntil([&] { return _node.count(call) >= strike.callsBefore + severalCalls; },
               shortPatience);
+    strike.shown = shows(strike, _log->lines());
 }
 
 void FaultSession::end(Strike &strike)

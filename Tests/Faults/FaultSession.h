@@ -60,6 +60,7 @@ private:
         NodeCall trigger = NodeCall::None; ///< the call that it waits for
         bool lasts = false;
         bool met = false;
+        bool shown = false; ///< before more lines may have rotated its own away
     };
 
     enum class Flow { None, Both, WriteMuch, ReadNothing };
