@@ -447,7 +447,7 @@ void ProgramTest::afterARestartByTheWatchdogTheHostIsHeardAgain()
 
 void ProgramTest::aSilentLinkIsTold()
 {
-    startManager({"--silence", "1000"});
+    startManager({"--silence", "4000"}); // well above the second between two looks
     QVERIFY(plugIn());
     QVERIFY(waitForOutput("link CONNECTED\n"));
     QVERIFY(waitForOutput("the link has been silent for "));
