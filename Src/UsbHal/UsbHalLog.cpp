@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+// With words of 32 bits a file's number or date, which may be larger, hides it unless asked for so.
+#define _FILE_OFFSET_BITS 64
+#define _TIME_BITS 64
+
 #include "UsbHalLog.h"
 
 #include "CancellationBlocker.h"
