@@ -63,7 +63,8 @@ void FaultSession::judgeStrike(const Strike &strike, const QStringList &lines)
     // The call that was stuck in a node that died has come back.
     if (!strike.met || strike.lines.isEmpty() || (fault.isStuck && _case.killsDaemon()))
         return;
-    expect(strike.shown || shows(strike, lines), QStringLiteral("not in the log: ") + strike.lines.join(" or "));
+    expect(strike.shown || shows(strike, lines),
+           QStringLiteral("not in the log: ") + strike.lines.join(" or "));
 }
 
 // Whether the log has a line of the fault since it struck.
