@@ -332,7 +332,7 @@ UsbTransport::UsbTransport(UsbSelector selector)
 
 UsbTransport::~UsbTransport()
 {
-    close();
+    UsbTransport::close();
 }
 
 TransferResult UsbTransport::connect()
