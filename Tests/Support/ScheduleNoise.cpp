@@ -3,6 +3,8 @@
 
 #include "VirtualTime.h"
 
+#include <CancellationBlocker.h>
+
 #include <QMutex>
 #include <QThread>
 
@@ -49,6 +51,8 @@ void disturb()
     const quint32 seed = currentSeed;
     if (seed == 0)
         return;
+    // No kill strikes in an unlock, which destructors call; so none may strike here.
+    const CancellationBlocker blocker;
     const quint32 drawn = draw(seed);
     if (drawn % sleepOneIn == 0)
         QThread::usleep(drawn / sleepOneIn % longestSleep);

@@ -118,6 +118,8 @@ const bool eventsAreAcquired =
 // list of events grows, too; the price of the latter is that an array's header that is read without
 // a lock does not show. The time zone is read under a lock of the C library. When the driver of a
 // killed thread is closed, Qt's wait for that thread hides that its last read was before.
+// An event of the library's own class is posted under a lock of Qt's, too, and destroyed by its
+// receiver's thread.
 //
 // Exported: ThreadSanitizer looks it up by name.
 extern "C" Q_DECL_EXPORT const char *__tsan_default_suppressions();
@@ -130,5 +132,7 @@ const char *__tsan_default_suppressions()
            "race:QMetaType::create\n"
            "race:QMetaType::destroy\n"
            "race:QArrayData::allocate\n"
-           "race:tzset_internal\n";
+           "race:tzset_internal\n"
+           "race:MainLoopTimer::Change::\n"
+           "race:MainLoopTimer::event\n";
 }
