@@ -21,22 +21,22 @@ enum class Detail { NotLogged, None, Parameter, Port };
 struct ErrorRow
 {
     int code;
-    const char *text;
     Detail detail;
+    const char *text;
 };
 
 constexpr ErrorRow errors[] = {
-    {NoError, "No error", Detail::NotLogged},
-    {WrongSize, "Peer received message with wrong size !", Detail::Parameter},
-    {WrongId, "Peer received message with wrong ID !", Detail::Parameter},
-    {NoMemory, "Could not allocate memory !", Detail::Parameter},
-    {PortAlreadyOpen, "Tried to open a port already opened !", Detail::Parameter},
-    {TooManyClients, "Too many clients connected !", Detail::Parameter},
-    {PortNotOpen, "Tried to close a not opened port !", Detail::NotLogged},
-    {NotInitialized, "Driver not initialized !", Detail::None},
-    {CloseFailed, "Failed to close driver !", Detail::Parameter},
-    {NotOpenedPort, "Peer received message for a not opened port !", Detail::Port},
-    {BufferOverflow, "Buffer overflow !", Detail::Port},
+    {NoError, Detail::NotLogged, "No error"},
+    {WrongSize, Detail::Parameter, "Peer received message with wrong size !"},
+    {WrongId, Detail::Parameter, "Peer received message with wrong ID !"},
+    {NoMemory, Detail::Parameter, "Could not allocate memory !"},
+    {PortAlreadyOpen, Detail::Parameter, "Tried to open a port already opened !"},
+    {TooManyClients, Detail::Parameter, "Too many clients connected !"},
+    {PortNotOpen, Detail::NotLogged, "Tried to close a not opened port !"},
+    {NotInitialized, Detail::None, "Driver not initialized !"},
+    {CloseFailed, Detail::Parameter, "Failed to close driver !"},
+    {NotOpenedPort, Detail::Port, "Peer received message for a not opened port !"},
+    {BufferOverflow, Detail::Port, "Buffer overflow !"},
 };
 
 constexpr bool areInOrder()

@@ -155,7 +155,7 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
     if (!queue)
         return QByteArray();
     const bool wholeHead = maxSize >= static_cast<unsigned int>(queue->head().size());
-    const QByteArray result =
+    QByteArray result =
         wholeHead ? _takeHead(port, *queue) : _takePart(port, *queue, static_cast<int>(maxSize));
     _totalBytesWaitingRead -= static_cast<quint32>(result.size());
     if (isLogged(result.size()))
@@ -165,10 +165,10 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
 
 QByteArray UsbHAL::_takeHead(int port, ReadQueue &queue)
 {
-    const QByteArray head = queue.dequeue();
+    QByteArray head = queue.dequeue();
     if (!_partlyRead.contains(port))
         return head;
-    const QByteArray rest(head.constData(), head.size());
+    QByteArray rest(head.constData(), head.size());
     _partlyRead.remove(port);
     return rest;
 }
@@ -179,7 +179,7 @@ QByteArray UsbHAL::_takePart(int port, ReadQueue &queue, int size)
     QByteArray &head = queue.head();
     if (!_partlyRead.contains(port))
         _partlyRead.insert(port, head);
-    const QByteArray result(head.constData(), size);
+    QByteArray result(head.constData(), size);
     head.setRawData(head.constData() + size, static_cast<uint>(head.size() - size));
     return result;
 }
