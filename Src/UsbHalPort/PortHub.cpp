@@ -23,8 +23,12 @@ constexpr int partialLimit = 2;
 
 // While unread messages pile up, the write queue is let run dry now and then: only when there is
 // nothing to be written does the request to wait go out, and later the word that it may send again.
-constexpr qint64 gapInterval = 400; // ms
-constexpr qint64 gapTime = 60;      // ms
+// Nothing tells whether a gap was long enough for the thread and the node, so that each is twice as
+// long as the one before and comes after twice the time.
+constexpr qint64 gapInterval = 400; // ms, to the first one
+constexpr qint64 gapTime = 60;      // ms, of the first one
+constexpr int lastGap = 4;
+constexpr int noGap = lastGap + 1;
 
 namespace ErrorCode {
 constexpr int portAlreadyOpen = 4;
@@ -42,7 +46,7 @@ PortHub &PortHub::instance()
     return *hub;
 }
 
-PortHub::PortHub() : _hal(UsbHALIntf::getInstance())
+PortHub::PortHub() : _hal(UsbHALIntf::getInstance()), _gap(noGap)
 {
     _hal->getDefaultSetup(_param);
     _param.threadStopTimeout = threadStopTimeout;
@@ -326,23 +330,24 @@ void PortHub::_loseQueued(PortRecord &record)
 // Whether nothing may be handed on now, so that the queue runs dry for a moment.
 bool PortHub::_leavesGap(int messages)
 {
-    if (!_delayLikely) {
+    if (_gap == noGap) {
         _busy.start();
         _empty.invalidate();
         return false;
     }
-    if (_busy.elapsed() < gapInterval)
+    if (_busy.elapsed() < gapInterval << _gap)
         return false;
     if (messages > 0)
         _empty.invalidate();
     else if (!_empty.isValid())
         _empty.start();
-    if (messages > 0 || _empty.elapsed() < gapTime)
+    if (messages > 0 || _empty.elapsed() < gapTime << _gap)
         return true;
     _busy.start();
     _empty.invalidate();
-    // The host has heard now that it may send again, if there was nothing left to be read.
-    _delayLikely = _backlogs > 0 || _hasUnread();
+    ++_gap;
+    if (_backlogs > 0 || _hasUnread())
+        _gap = qMin(_gap, lastGap);
     return false;
 }
 
@@ -356,7 +361,7 @@ bool PortHub::_hasUnread() const
 bool PortHub::_mayHand(const PortRecord &record, int size, bool urgent)
 {
     const bool isWhole = size >= _payloadLimit;
-    const bool few = !urgent && (_delayLikely || !isWhole);
+    const bool few = !urgent && (_gap == 0 || !isWhole);
     return _payloadLimit > 0 && record._queuedMessages < (few ? partialLimit : queuedLimit);
 }
 
@@ -366,7 +371,7 @@ void PortHub::_setBacklogged(PortRecord &record, bool backlogged)
         return;
     record._backlogged = backlogged;
     _backlogs += backlogged ? 1 : -1;
-    _delayLikely = _delayLikely || backlogged;
+    _gap = 0;
 }
 
 qint64 PortHub::_discardUnread(PortRecord &record)

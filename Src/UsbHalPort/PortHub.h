@@ -149,9 +149,9 @@ private:
     bool _announced = false; // the link's being up, by a signal
     int _payloadLimit = 0;
     int _backlogs = 0;
-    bool _delayLikely = false; // the host was asked to wait, or may be
-    QElapsedTimer _busy;       // since the last gap for the delay request
-    QElapsedTimer _empty;      // since the queue was seen empty in a gap
+    int _gap;             // the next one, after those since unread messages came or went
+    QElapsedTimer _busy;  // since the last gap for the delay request
+    QElapsedTimer _empty; // since the queue was seen empty in a gap
 };
 
 #endif

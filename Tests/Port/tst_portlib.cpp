@@ -21,11 +21,15 @@ private slots:
     void linesAndTransactionsSpanMessages();
     void aFullQueueDropsNothing();
     void theReadBufferIsBounded();
+    void theReadBufferIsBoundedOnASlowNode();
     void withoutAnEventLoop();
     void theModesReadOrWriteOnly();
     void nothingRunsWhileIdle();
     void tenThousandOpensAndCloses();
     void tenObjectsInTenThreads();
+
+private:
+    void _readInPieces(PortFixture &fixture);
 };
 
 namespace {
@@ -200,6 +204,18 @@ void Port::aFullQueueDropsNothing()
 void Port::theReadBufferIsBounded()
 {
     PortFixture fixture;
+    _readInPieces(fixture);
+}
+
+void Port::theReadBufferIsBoundedOnASlowNode()
+{
+    PortFixture fixture;
+    fixture.command("latency 100");
+    _readInPieces(fixture);
+}
+
+void Port::_readInPieces(PortFixture &fixture)
+{
     UsbHalPort port(1);
     QVERIFY(fixture.connect(port));
     port.setReadBufferSize(1000);
