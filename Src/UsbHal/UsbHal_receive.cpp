@@ -166,11 +166,11 @@ QByteArray UsbHAL::read(int port, unsigned int maxSize)
 QByteArray UsbHAL::_takeHead(int port, ReadQueue &queue)
 {
     QByteArray head = queue.dequeue();
-    if (!_partlyRead.contains(port))
-        return head;
-    QByteArray rest(head.constData(), head.size());
-    _partlyRead.remove(port);
-    return rest;
+    if (_partlyRead.contains(port)) {
+        head = QByteArray(head.constData(), head.size());
+        _partlyRead.remove(port);
+    }
+    return head;
 }
 
 // Copies what it returns and nothing else: what is left of the head becomes a view into the whole.
