@@ -116,6 +116,9 @@ bool UsbHAL::_startCommunication()
 // Returns false when the thread runs for another core or cannot be started.
 bool UsbHAL::_startThread()
 {
+    _watchdogErrors = 0;
+    _loopCounter = 0;
+    _lastLoopCounter = 0;
     if (isConnectedThread()) { // which a handler in it has asked to end
         _changeCommunication(Communication::Restarting);
         return true;
@@ -134,9 +137,6 @@ void UsbHAL::_beginRun()
 {
     ++_runs;
     _nextAction = firstHalf;
-    _watchdogErrors = 0;
-    _loopCounter = 0;
-    _lastLoopCounter = 0;
     _running = true;
     _changeCommunication(Communication::Running);
 }

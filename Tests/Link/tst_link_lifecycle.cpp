@@ -74,6 +74,7 @@ private slots:
 
     void aStopInAHandlerEndsTheBuffer();
     void noPayloadOfBeforeAStopReachesTheNewPort();
+    void anOpenInTheStoppedThreadResetsTheWatchdog();
     void aWaitInAHandlerEndsWithAStop_data();
     void aWaitInAHandlerEndsWithAStop();
     void aWaitInAStoppedHandlerDoesNotBegin();
@@ -314,6 +315,28 @@ void Lifecycle::noPayloadOfBeforeAStopReachesTheNewPort()
 
 using Wait = std::function<bool(LinkProbe &)>; // returns whether it was not reached
 Q_DECLARE_METATYPE(Wait)
+
+void Lifecycle::anOpenInTheStoppedThreadResetsTheWatchdog()
+{
+    LinkProbe core;
+    QVERIFY(core.connectStepwise(1));
+    quint32 before = 0;
+    quint32 after = 1;
+    SignalRecorder recorder(&core);
+    recorder.setHandler([&](const QString &signal) {
+        if (signal != "readyRead(1)")
+            return;
+        core.locked([&](QMutexLocker &) { before = core._loopCounter; });
+        core.stop();
+        core.openConnection(2);
+        core.locked([&](QMutexLocker &) { after = core._loopCounter; });
+        core.stop();
+    });
+    core.driver->feed(dataMessage(1, "data"));
+    QVERIFY(core.waitForEndOfThread());
+    QVERIFY(before > 0);
+    QCOMPARE(after, 0U);
+}
 
 void Lifecycle::aWaitInAHandlerEndsWithAStop_data()
 {
