@@ -6,10 +6,13 @@
 #   usbhal_add_test_program(TEST SOURCES source... [LIBRARIES library...] [RUNNER word...]
 #       [TIMEOUT seconds] [SCENARIOS])
 #
-# RUNNER is the command that starts the program, such as one that gives it a node of its own. With
-# SCENARIOS each test function runs in a process of its own, which ctest knows as TEST.FUNCTION.
+# The first source holds the test's class. RUNNER is the command that starts the program, such as one that
+# gives it a node of its own. With SCENARIOS each test function runs in a process of its own, which ctest
+# knows as TEST.FUNCTION.
 function(usbhal_add_test_program test)
     cmake_parse_arguments(ARG "SCENARIOS" "TIMEOUT" "SOURCES;LIBRARIES;RUNNER" ${ARGN})
+    list(GET ARG_SOURCES 0 source)
+    usbhal_check_test_class(${source})
     usbhal_test_program_name(program ${test})
     add_executable(${program} ${ARG_SOURCES})
     set_target_properties(${program} PROPERTIES AUTOMOC ON)
@@ -23,7 +26,6 @@ function(usbhal_add_test_program test)
         set_tests_properties(${test} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
         return()
     endif()
-    list(GET ARG_SOURCES 0 source)
     usbhal_read_scenarios(scenarios ${source})
     foreach(scenario IN LISTS scenarios)
         add_test(NAME ${test}.${scenario} COMMAND ${command} ${scenario})
@@ -35,6 +37,10 @@ function(usbhal_test_program_name result test)
     string(REGEX REPLACE "^usbhal\\." "" program ${test})
     string(REPLACE "." "_" program ${program})
     set(${result} tst_${program} PARENT_SCOPE)
+endfunction()
+
+function(usbhal_check_test_class SOURCE)
+    include(${PROJECT_SOURCE_DIR}/cmake/CheckTestClass.cmake)
 endfunction()
 
 # The test functions of a source, read from its private slots, so that none is left out.

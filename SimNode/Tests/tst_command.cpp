@@ -7,7 +7,7 @@
 
 using namespace simnode;
 
-class TestCommand : public QObject
+class CommandTest : public QObject
 {
     Q_OBJECT
 
@@ -38,7 +38,7 @@ Command parsed(const char *line)
 
 } // namespace
 
-void TestCommand::everyCommandOfTheTableIsUnderstood_data()
+void CommandTest::everyCommandOfTheTableIsUnderstood_data()
 {
     QTest::addColumn<int>("subject");
     QTest::addColumn<int>("verb");
@@ -81,7 +81,7 @@ void TestCommand::everyCommandOfTheTableIsUnderstood_data()
     row(" \t status \r\n", Subject::Status);
 }
 
-void TestCommand::everyCommandOfTheTableIsUnderstood()
+void CommandTest::everyCommandOfTheTableIsUnderstood()
 {
     QFETCH(int, subject);
     QFETCH(int, verb);
@@ -91,13 +91,13 @@ void TestCommand::everyCommandOfTheTableIsUnderstood()
     QCOMPARE(static_cast<int>(result.command->verb), verb);
 }
 
-void TestCommand::faultsLastUntilFurtherNoticeWithoutANumber()
+void CommandTest::faultsLastUntilFurtherNoticeWithoutANumber()
 {
     QCOMPARE(parsed("read fail EIO").calls, 0u);
     QCOMPARE(parsed("write stuck").calls, 0u);
 }
 
-void TestCommand::faultsTakeTheNumberOfCallsTheyLast()
+void CommandTest::faultsTakeTheNumberOfCallsTheyLast()
 {
     QCOMPARE(parsed("read silent 7").calls, 7u);
     QCOMPARE(parsed("read fail EIO 8").calls, 8u);
@@ -105,14 +105,14 @@ void TestCommand::faultsTakeTheNumberOfCallsTheyLast()
     QCOMPARE(parsed("write stuck 4294967295").calls, 4294967295u);
 }
 
-void TestCommand::errorsAreTakenByName()
+void CommandTest::errorsAreTakenByName()
 {
     QCOMPARE(parsed("open fail EBUSY").error, EBUSY);
     QCOMPARE(parsed("read fail ECONNRESET").error, ECONNRESET);
     QCOMPARE(parsed("write fail ETIMEDOUT 1").error, ETIMEDOUT);
 }
 
-void TestCommand::quantitiesAreTakenAsGiven()
+void CommandTest::quantitiesAreTakenAsGiven()
 {
     QCOMPARE(parsed("write short 12").quantity, 12u);
     QCOMPARE(parsed("merge 3").quantity, 3u);
@@ -121,14 +121,14 @@ void TestCommand::quantitiesAreTakenAsGiven()
     QCOMPARE(parsed("latency 15").quantity, 15u);
 }
 
-void TestCommand::injectedBytesAreReadFromHexadecimal()
+void CommandTest::injectedBytesAreReadFromHexadecimal()
 {
     QCOMPARE(parsed("inject 00fFa1").data, std::string("\x00\xff\xa1", 3));
     const std::string longest(2 * maxTransferSize, 'a');
     QCOMPARE(parsed(("inject " + longest).c_str()).data.size(), maxTransferSize);
 }
 
-void TestCommand::onKeepsTheCallTheCountAndTheCommand()
+void CommandTest::onKeepsTheCallTheCountAndTheCommand()
 {
     const Command command = parsed("on write 5 read fail EIO 2");
     QCOMPARE(static_cast<int>(command.call), static_cast<int>(Call::Write));
@@ -139,7 +139,7 @@ void TestCommand::onKeepsTheCallTheCountAndTheCommand()
     QCOMPARE(command.then->calls, 2u);
 }
 
-void TestCommand::onMayBeNestedButNotWithoutEnd()
+void CommandTest::onMayBeNestedButNotWithoutEnd()
 {
     QVERIFY(parseCommand("on read 1 on write 1 cable out").command);
     std::string nested;
@@ -150,7 +150,7 @@ void TestCommand::onMayBeNestedButNotWithoutEnd()
     QVERIFY(result.error.find("too many 'on'") != std::string::npos);
 }
 
-void TestCommand::faultyCommandsSayWhyAndHowItShouldBe_data()
+void CommandTest::faultyCommandsSayWhyAndHowItShouldBe_data()
 {
     QTest::addColumn<QByteArray>("why");
     QTest::addColumn<QByteArray>("howItShouldBe");
@@ -187,7 +187,7 @@ void TestCommand::faultyCommandsSayWhyAndHowItShouldBe_data()
     row("wait", "a word is missing", "wait MS");
 }
 
-void TestCommand::faultyCommandsSayWhyAndHowItShouldBe()
+void CommandTest::faultyCommandsSayWhyAndHowItShouldBe()
 {
     QFETCH(QByteArray, why);
     QFETCH(QByteArray, howItShouldBe);
@@ -200,14 +200,14 @@ void TestCommand::faultyCommandsSayWhyAndHowItShouldBe()
              result.error.c_str());
 }
 
-void TestCommand::bytesThatAreNoTextAreRefused()
+void CommandTest::bytesThatAreNoTextAreRefused()
 {
     const ParsedCommand result = parseCommand(std::string("\0\xff\x1b[2J", 6));
     QVERIFY(!result.command);
     QVERIFY2(result.error.find("'???[2J' is no command") == 0, result.error.c_str());
 }
 
-void TestCommand::scriptsSkipCommentsAndEmptyLines()
+void CommandTest::scriptsSkipCommentsAndEmptyLines()
 {
     const ParsedScript script = parseScript("# a comment\n\n  \r\nnode missing # behind a command\n"
                                             "wait 5\r\nnode present");
@@ -218,11 +218,11 @@ void TestCommand::scriptsSkipCommentsAndEmptyLines()
     QCOMPARE(static_cast<int>(script.commands[2].verb), static_cast<int>(Verb::Present));
 }
 
-void TestCommand::faultyScriptsNameTheLine()
+void CommandTest::faultyScriptsNameTheLine()
 {
     const ParsedScript script = parseScript("status\n\nread fial EIO\n");
     QVERIFY2(script.error.find("line 3: 'fial' does not follow 'read'") == 0, script.error.c_str());
 }
 
-QTEST_APPLESS_MAIN(TestCommand)
+QTEST_APPLESS_MAIN(CommandTest)
 #include "tst_command.moc"

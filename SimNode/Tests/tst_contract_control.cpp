@@ -13,7 +13,7 @@ std::string hex(const std::string &data)
 } // namespace
 
 /// The host that comes and goes, and the faults that are set by commands.
-class TestContractControl : public ContractTest
+class ContractControlTest : public ContractTest
 {
     Q_OBJECT
 
@@ -38,7 +38,7 @@ private slots:
     void onlyLaterCallsAreCountedByStatus();
 };
 
-void TestContractControl::theHostIsSeenPluggedWhileConnected()
+void ContractControlTest::theHostIsSeenPluggedWhileConnected()
 {
     QCOMPARE(_control->statusValue("host"), std::string("0"));
     {
@@ -49,7 +49,7 @@ void TestContractControl::theHostIsSeenPluggedWhileConnected()
     QVERIFY(waitForStatus("host", "0"));
 }
 
-void TestContractControl::aSecondHostIsTold()
+void ContractControlTest::aSecondHostIsTold()
 {
     DeviceNode node;
     HostSocket first(_directory);
@@ -62,7 +62,7 @@ void TestContractControl::aSecondHostIsTold()
     QCOMPARE(first.receive(), std::string("x"));
 }
 
-void TestContractControl::aHostMayComeBackAtOnce()
+void ContractControlTest::aHostMayComeBackAtOnce()
 {
     DeviceNode node;
     node.setReadTimeout(waitTime);
@@ -73,7 +73,7 @@ void TestContractControl::aHostMayComeBackAtOnce()
     }
 }
 
-void TestContractControl::unreadTransfersAreDroppedWhenTheHostGoes()
+void ContractControlTest::unreadTransfersAreDroppedWhenTheHostGoes()
 {
     DeviceNode node;
     {
@@ -91,7 +91,7 @@ void TestContractControl::unreadTransfersAreDroppedWhenTheHostGoes()
     QCOMPARE(node.read(), std::string("new"));
 }
 
-void TestContractControl::thePulledCableClosesAndRefusesTheHost()
+void ContractControlTest::thePulledCableClosesAndRefusesTheHost()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -109,7 +109,7 @@ void TestContractControl::thePulledCableClosesAndRefusesTheHost()
     QCOMPARE(again.receive(), std::string("x"));
 }
 
-void TestContractControl::readCanBeStuckSilentOrFailing()
+void ContractControlTest::readCanBeStuckSilentOrFailing()
 {
     DeviceNode node;
     node.setReadTimeout(20);
@@ -127,7 +127,7 @@ void TestContractControl::readCanBeStuckSilentOrFailing()
     QCOMPARE(node.readOutcome(), Outcome(0, 0));
 }
 
-void TestContractControl::stuckReadsNeverAnswer()
+void ContractControlTest::stuckReadsNeverAnswer()
 {
     DeviceNode node;
     node.setReadTimeout(20);
@@ -140,7 +140,7 @@ void TestContractControl::stuckReadsNeverAnswer()
     QVERIFY(stuck.isRunning());
 }
 
-void TestContractControl::stuckWritesNeverAnswer()
+void ContractControlTest::stuckWritesNeverAnswer()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -156,7 +156,7 @@ void TestContractControl::stuckWritesNeverAnswer()
     QVERIFY(stuck.isRunning());
 }
 
-void TestContractControl::writeCanFailOrBeShortOrZero()
+void ContractControlTest::writeCanFailOrBeShortOrZero()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -174,7 +174,7 @@ void TestContractControl::writeCanFailOrBeShortOrZero()
     QCOMPARE(host.receive(), std::string("kept"));
 }
 
-void TestContractControl::anOpenCanBlock()
+void ContractControlTest::anOpenCanBlock()
 {
     QCOMPARE(control("open stuck 1"), std::string("ok"));
     Child stuck([] { return DeviceNode().fd(); });
@@ -187,7 +187,7 @@ void TestContractControl::anOpenCanBlock()
     QCOMPARE(_control->statusValue("descriptors"), std::string("1"));
 }
 
-void TestContractControl::ioctlAndCloseCanFail()
+void ContractControlTest::ioctlAndCloseCanFail()
 {
     DeviceNode node;
     QCOMPARE(control("ioctl fail EIO 1"), std::string("ok"));
@@ -200,7 +200,7 @@ void TestContractControl::ioctlAndCloseCanFail()
     QCOMPARE(outcomeOf([&] { return close(other); }), Outcome(-1, EBADF));
 }
 
-void TestContractControl::transfersTakeTheirLatencyBothWays()
+void ContractControlTest::transfersTakeTheirLatencyBothWays()
 {
     constexpr qint64 latency = 60;
     DeviceNode node;
@@ -219,7 +219,7 @@ void TestContractControl::transfersTakeTheirLatencyBothWays()
     QVERIFY2(down >= latency - 1, qPrintable(QString::number(down)));
 }
 
-void TestContractControl::transfersCanBeMerged()
+void ContractControlTest::transfersCanBeMerged()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -229,7 +229,7 @@ void TestContractControl::transfersCanBeMerged()
     QCOMPARE(node.read(), std::string("three"));
 }
 
-void TestContractControl::transfersCanBeSplit()
+void ContractControlTest::transfersCanBeSplit()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -242,7 +242,7 @@ void TestContractControl::transfersCanBeSplit()
     QCOMPARE(node.read(), std::string("abcdefghij"));
 }
 
-void TestContractControl::transfersCanBeInjectedWithoutAHost()
+void ContractControlTest::transfersCanBeInjectedWithoutAHost()
 {
     DeviceNode node;
     QCOMPARE(control("inject " + hex("FADA")), std::string("ok"));
@@ -252,7 +252,7 @@ void TestContractControl::transfersCanBeInjectedWithoutAHost()
     QVERIFY(node.read() == largest);
 }
 
-void TestContractControl::commandsRunOnTheKthCall()
+void ContractControlTest::commandsRunOnTheKthCall()
 {
     DeviceNode node;
     node.setReadTimeout(20);
@@ -274,7 +274,7 @@ void TestContractControl::commandsRunOnTheKthCall()
     QCOMPARE(outcomeOf([] { return open(nodePath, O_RDWR); }), Outcome(-1, ENOENT));
 }
 
-void TestContractControl::faultyCommandsAreAnsweredWithAnError()
+void ContractControlTest::faultyCommandsAreAnsweredWithAnError()
 {
     const std::string answer = control("read fail EFOO");
     QVERIFY2(answer.find("error: 'EFOO' is no errno name") == 0, answer.c_str());
@@ -283,7 +283,7 @@ void TestContractControl::faultyCommandsAreAnsweredWithAnError()
     QVERIFY(control("wait 1").find("error: ") == 0);
 }
 
-void TestContractControl::onlyLaterCallsAreCountedByStatus()
+void ContractControlTest::onlyLaterCallsAreCountedByStatus()
 {
     DeviceNode node;
     node.setReadTimeout(0);
@@ -293,5 +293,5 @@ void TestContractControl::onlyLaterCallsAreCountedByStatus()
                          "read_timeout=0 write_timeout=2000 descriptors=1"));
 }
 
-QTEST_GUILESS_MAIN(TestContractControl)
+QTEST_GUILESS_MAIN(ContractControlTest)
 #include "tst_contract_control.moc"

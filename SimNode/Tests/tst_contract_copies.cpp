@@ -138,7 +138,7 @@ Q_DECLARE_METATYPE(Copy)
 Q_DECLARE_METATYPE(Wait)
 
 /// Descriptors that are not from `open`, and what waits for more than one of them.
-class TestContractCopies : public ContractTest
+class ContractCopiesTest : public ContractTest
 {
     Q_OBJECT
 
@@ -157,7 +157,7 @@ private slots:
     void whatAnotherDescriptorHasReadIsToldOnceMoreAtMost();
 };
 
-void TestContractCopies::everyCopyIsTheNode_data()
+void ContractCopiesTest::everyCopyIsTheNode_data()
 {
     QTest::addColumn<Copy>("copy");
     QTest::newRow("dup") << Copy(copyByDup);
@@ -167,7 +167,7 @@ void TestContractCopies::everyCopyIsTheNode_data()
     QTest::newRow("F_DUPFD_CLOEXEC") << Copy(copyByFcntlClosingOnExec);
 }
 
-void TestContractCopies::everyCopyIsTheNode()
+void ContractCopiesTest::everyCopyIsTheNode()
 {
     QFETCH(Copy, copy);
     HostSocket host(_directory);
@@ -194,7 +194,7 @@ void TestContractCopies::everyCopyIsTheNode()
     QCOMPARE(outcomeOf([&] { return write(number, "x", 1); }), Outcome(-1, EBADF));
 }
 
-void TestContractCopies::aCopyInPlaceOfTheNodeIsTheOtherFile()
+void ContractCopiesTest::aCopyInPlaceOfTheNodeIsTheOtherFile()
 {
     std::array<int, 2> ends;
     QCOMPARE(pipe(ends.data()), 0);
@@ -209,14 +209,14 @@ void TestContractCopies::aCopyInPlaceOfTheNodeIsTheOtherFile()
     QCOMPARE(_control->statusValue("writes"), std::string("0"));
 }
 
-void TestContractCopies::aDescriptorFromAnotherProcessIsTheNode_data()
+void ContractCopiesTest::aDescriptorFromAnotherProcessIsTheNode_data()
 {
     QTest::addColumn<bool>("asOneOfSeveral");
     QTest::newRow("recvmsg") << false;
     QTest::newRow("recvmmsg") << true;
 }
 
-void TestContractCopies::aDescriptorFromAnotherProcessIsTheNode()
+void ContractCopiesTest::aDescriptorFromAnotherProcessIsTheNode()
 {
     QFETCH(bool, asOneOfSeveral);
     std::array<int, 2> ends;
@@ -240,7 +240,7 @@ void TestContractCopies::aDescriptorFromAnotherProcessIsTheNode()
     QCOMPARE(WEXITSTATUS(status), 42);
 }
 
-void TestContractCopies::whatReachesNoWrappedCallFailsAndIsNotLost()
+void ContractCopiesTest::whatReachesNoWrappedCallFailsAndIsNotLost()
 {
     HostSocket host(_directory);
     QVERIFY(waitForStatus("host", "1"));
@@ -260,7 +260,7 @@ void TestContractCopies::whatReachesNoWrappedCallFailsAndIsNotLost()
     QCOMPARE(host.receive(), std::string("sent"));
 }
 
-void TestContractCopies::aWaitingTransferIsTold_data()
+void ContractCopiesTest::aWaitingTransferIsTold_data()
 {
     QTest::addColumn<Wait>("wait");
     QTest::newRow("poll") << Wait(waitByPoll);
@@ -270,7 +270,7 @@ void TestContractCopies::aWaitingTransferIsTold_data()
     QTest::newRow("epoll") << Wait(waitByEpoll);
 }
 
-void TestContractCopies::aWaitingTransferIsTold()
+void ContractCopiesTest::aWaitingTransferIsTold()
 {
     QFETCH(Wait, wait);
     DeviceNode node;
@@ -289,12 +289,12 @@ void TestContractCopies::aWaitingTransferIsTold()
     QCOMPARE(node.read(), std::string("y"));
 }
 
-void TestContractCopies::aTransferThatComesEndsTheWait_data()
+void ContractCopiesTest::aTransferThatComesEndsTheWait_data()
 {
     aWaitingTransferIsTold_data();
 }
 
-void TestContractCopies::aTransferThatComesEndsTheWait()
+void ContractCopiesTest::aTransferThatComesEndsTheWait()
 {
     QFETCH(Wait, wait);
     DeviceNode node;
@@ -308,7 +308,7 @@ void TestContractCopies::aTransferThatComesEndsTheWait()
     QCOMPARE(node.read(), std::string("abc"));
 }
 
-void TestContractCopies::theNodeCanBeWrittenAtAnyTime()
+void ContractCopiesTest::theNodeCanBeWrittenAtAnyTime()
 {
     DeviceNode node;
     pollfd entry = {node.fd(), POLLIN | POLLOUT, 0};
@@ -316,7 +316,7 @@ void TestContractCopies::theNodeCanBeWrittenAtAnyTime()
     QCOMPARE(entry.revents, short(POLLOUT));
 }
 
-void TestContractCopies::whatAnotherDescriptorHasReadIsToldOnceMoreAtMost()
+void ContractCopiesTest::whatAnotherDescriptorHasReadIsToldOnceMoreAtMost()
 {
     DeviceNode first;
     DeviceNode second;
@@ -330,5 +330,5 @@ void TestContractCopies::whatAnotherDescriptorHasReadIsToldOnceMoreAtMost()
     QVERIFY(!waitByPoll(second.fd(), 0));
 }
 
-QTEST_GUILESS_MAIN(TestContractCopies)
+QTEST_GUILESS_MAIN(ContractCopiesTest)
 #include "tst_contract_copies.moc"

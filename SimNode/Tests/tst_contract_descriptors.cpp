@@ -17,7 +17,7 @@ int fstatAfter2038(int, void *)
 #endif
 
 /// Which calls reach the node, and what a descriptor of it is.
-class TestContractDescriptors : public ContractTest
+class ContractDescriptorsTest : public ContractTest
 {
     Q_OBJECT
 
@@ -39,7 +39,7 @@ private slots:
     void numbersReusedBehindTheLibraryAreOtherFiles();
 };
 
-void TestContractDescriptors::everyFormOfOpenReachesTheNode_data()
+void ContractDescriptorsTest::everyFormOfOpenReachesTheNode_data()
 {
     QTest::addColumn<bool>("takesDirectory");
     for (const char *name : {"open", "open64", "__open_2", "__open64_2"})
@@ -48,7 +48,7 @@ void TestContractDescriptors::everyFormOfOpenReachesTheNode_data()
         QTest::newRow(name) << true;
 }
 
-void TestContractDescriptors::everyFormOfOpenReachesTheNode()
+void ContractDescriptorsTest::everyFormOfOpenReachesTheNode()
 {
     QFETCH(bool, takesDirectory);
     void *function = dlsym(RTLD_DEFAULT, QTest::currentDataTag());
@@ -65,7 +65,7 @@ void TestContractDescriptors::everyFormOfOpenReachesTheNode()
     QCOMPARE(std::string(buffer.data()), std::string("abc"));
 }
 
-void TestContractDescriptors::openHonoursCloseOnExec()
+void ContractDescriptorsTest::openHonoursCloseOnExec()
 {
     DeviceNode closed(O_RDWR | O_CLOEXEC);
     DeviceNode kept(O_RDWR);
@@ -73,7 +73,7 @@ void TestContractDescriptors::openHonoursCloseOnExec()
     QCOMPARE(fcntl(kept.fd(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
-void TestContractDescriptors::openFailsWithNoSuchFileWhileTheNodeIsMissing()
+void ContractDescriptorsTest::openFailsWithNoSuchFileWhileTheNodeIsMissing()
 {
     const auto openNode = [] { return open(nodePath, O_RDWR); };
     QCOMPARE(control("node missing"), std::string("ok"));
@@ -82,7 +82,7 @@ void TestContractDescriptors::openFailsWithNoSuchFileWhileTheNodeIsMissing()
     QVERIFY(DeviceNode().fd() >= 0);
 }
 
-void TestContractDescriptors::openFailsWithTheSetErrorWhileRefused()
+void ContractDescriptorsTest::openFailsWithTheSetErrorWhileRefused()
 {
     const auto openNode = [] { return open(nodePath, O_RDWR); };
     QCOMPARE(control("open fail EBUSY"), std::string("ok"));
@@ -93,7 +93,7 @@ void TestContractDescriptors::openFailsWithTheSetErrorWhileRefused()
     QVERIFY(DeviceNode().fd() >= 0);
 }
 
-void TestContractDescriptors::otherFilesAreLeftAlone()
+void ContractDescriptorsTest::otherFilesAreLeftAlone()
 {
     int ends[2];
     QCOMPARE(pipe(ends), 0);
@@ -122,7 +122,7 @@ void TestContractDescriptors::otherFilesAreLeftAlone()
     QCOMPARE(_control->statusValue("opens"), std::string("0"));
 }
 
-void TestContractDescriptors::withoutADirectoryTheNodeIsLeftAlone()
+void ContractDescriptorsTest::withoutADirectoryTheNodeIsLeftAlone()
 {
     // O_PATH does not disturb a real node, should this machine have one.
     const bool isReal = faccessat(AT_FDCWD, nodePath, F_OK, 0) == 0;
@@ -133,7 +133,7 @@ void TestContractDescriptors::withoutADirectoryTheNodeIsLeftAlone()
     QCOMPARE(_control->statusValue("opens"), std::string("0"));
 }
 
-void TestContractDescriptors::ioctlSetsTheTimeouts()
+void ContractDescriptorsTest::ioctlSetsTheTimeouts()
 {
     DeviceNode node;
     QCOMPARE(_control->statusValue("read_timeout"), std::string("2000"));
@@ -144,7 +144,7 @@ void TestContractDescriptors::ioctlSetsTheTimeouts()
     QCOMPARE(_control->statusValue("read_timeout"), std::string("456"));
 }
 
-void TestContractDescriptors::unknownRequestsAreRefused()
+void ContractDescriptorsTest::unknownRequestsAreRefused()
 {
     DeviceNode node;
     QCOMPARE(outcomeOf([&] { return ioctl(node.fd(), 0x5303, 1); }), Outcome(-1, ENOTTY));
@@ -152,7 +152,7 @@ void TestContractDescriptors::unknownRequestsAreRefused()
     QCOMPARE(outcomeOf([&] { return ioctl(node.fd(), FIONREAD, &waiting); }), Outcome(-1, ENOTTY));
 }
 
-void TestContractDescriptors::eachDescriptorKeepsItsTimeouts()
+void ContractDescriptorsTest::eachDescriptorKeepsItsTimeouts()
 {
     DeviceNode hasty;
     DeviceNode patient;
@@ -169,7 +169,7 @@ void TestContractDescriptors::eachDescriptorKeepsItsTimeouts()
     QVERIFY2(hastyTime < 399, qPrintable(QString::number(hastyTime)));
 }
 
-void TestContractDescriptors::closeForgetsTheDescriptor()
+void ContractDescriptorsTest::closeForgetsTheDescriptor()
 {
     DeviceNode first;
     DeviceNode second;
@@ -185,7 +185,7 @@ void TestContractDescriptors::closeForgetsTheDescriptor()
     QCOMPARE(second.read(), std::string("x"));
 }
 
-void TestContractDescriptors::errnoChangesOnFailureOnly()
+void ContractDescriptorsTest::errnoChangesOnFailureOnly()
 {
     HostSocket host(_directory);
     QVERIFY(waitForStatus("host", "1"));
@@ -215,7 +215,7 @@ void TestContractDescriptors::errnoChangesOnFailureOnly()
     QCOMPARE(closed, 0);
 }
 
-void TestContractDescriptors::aChildProcessSharesTheDescriptor()
+void ContractDescriptorsTest::aChildProcessSharesTheDescriptor()
 {
     DeviceNode node;
     QCOMPARE(control("inject 78"), std::string("ok"));
@@ -233,7 +233,7 @@ void TestContractDescriptors::aChildProcessSharesTheDescriptor()
     QCOMPARE(node.read(), std::string("y"));
 }
 
-void TestContractDescriptors::theDescriptorsOfAKilledProgramAreClosed()
+void ContractDescriptorsTest::theDescriptorsOfAKilledProgramAreClosed()
 {
     Child program([] {
         DeviceNode node;
@@ -250,7 +250,7 @@ void TestContractDescriptors::theDescriptorsOfAKilledProgramAreClosed()
     QCOMPARE(node.read(), std::string("x"));
 }
 
-void TestContractDescriptors::numbersReusedBehindTheLibraryAreOtherFiles()
+void ContractDescriptorsTest::numbersReusedBehindTheLibraryAreOtherFiles()
 {
     DeviceNode node;
     int ends[2];
@@ -263,5 +263,5 @@ void TestContractDescriptors::numbersReusedBehindTheLibraryAreOtherFiles()
     QCOMPARE(_control->statusValue("reads"), std::string("0"));
 }
 
-QTEST_GUILESS_MAIN(TestContractDescriptors)
+QTEST_GUILESS_MAIN(ContractDescriptorsTest)
 #include "tst_contract_descriptors.moc"

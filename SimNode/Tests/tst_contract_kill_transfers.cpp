@@ -43,7 +43,7 @@ int lowestFreeDescriptor()
 } // namespace
 
 /// Threads that are cancelled while they wait in a read or a write.
-class TestContractKilledTransfers : public ContractTest
+class ContractKillTransfersTest : public ContractTest
 {
     Q_OBJECT
 
@@ -52,7 +52,7 @@ private slots:
     void aCancelledThreadEndsItsClose();
 };
 
-void TestContractKilledTransfers::cancelledThreadsLeaveNothingBehind()
+void ContractKillTransfersTest::cancelledThreadsLeaveNothingBehind()
 {
     DeviceNode node;
     node.setReadTimeout(60000);
@@ -74,7 +74,7 @@ void TestContractKilledTransfers::cancelledThreadsLeaveNothingBehind()
     QCOMPARE(host.receive(), std::string("first"));
 }
 
-void TestContractKilledTransfers::aCancelledThreadEndsItsClose()
+void ContractKillTransfersTest::aCancelledThreadEndsItsClose()
 {
     const int lowest = lowestFreeDescriptor();
     int node = open(nodePath, O_RDWR);
@@ -88,5 +88,5 @@ void TestContractKilledTransfers::aCancelledThreadEndsItsClose()
     QVERIFY(waitForStatus("descriptors", "0"));
 }
 
-QTEST_GUILESS_MAIN(TestContractKilledTransfers)
+QTEST_GUILESS_MAIN(ContractKillTransfersTest)
 #include "tst_contract_kill_transfers.moc"

@@ -22,7 +22,7 @@ void installInterruptingHandler()
 } // namespace
 
 /// Reads and writes: what they carry, how long they wait, and what interrupts them.
-class TestContractTransfers : public ContractTest
+class ContractTransfersTest : public ContractTest
 {
     Q_OBJECT
 
@@ -44,7 +44,7 @@ private slots:
     void fortifiedReadsStillCheckTheirBuffer();
 };
 
-void TestContractTransfers::readTakesOneTransfer()
+void ContractTransfersTest::readTakesOneTransfer()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -53,7 +53,7 @@ void TestContractTransfers::readTakesOneTransfer()
     QCOMPARE(node.read(), std::string("two"));
 }
 
-void TestContractTransfers::aTransferTooLargeForTheBufferIsContinued()
+void ContractTransfersTest::aTransferTooLargeForTheBufferIsContinued()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -64,7 +64,7 @@ void TestContractTransfers::aTransferTooLargeForTheBufferIsContinued()
     QCOMPARE(node.read(100), std::string("next"));
 }
 
-void TestContractTransfers::theLargestTransfersPassBothWays()
+void ContractTransfersTest::theLargestTransfersPassBothWays()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -77,7 +77,7 @@ void TestContractTransfers::theLargestTransfersPassBothWays()
     QVERIFY(host.receive() == data);
 }
 
-void TestContractTransfers::aSilentReadEndsWithZeroOrAnErrorAsChosen()
+void ContractTransfersTest::aSilentReadEndsWithZeroOrAnErrorAsChosen()
 {
     DeviceNode node;
     node.setReadTimeout(20);
@@ -88,7 +88,7 @@ void TestContractTransfers::aSilentReadEndsWithZeroOrAnErrorAsChosen()
     QCOMPARE(node.readOutcome(), Outcome(0, 0));
 }
 
-void TestContractTransfers::aReadTimeoutOfZeroAnswersAtOnce()
+void ContractTransfersTest::aReadTimeoutOfZeroAnswersAtOnce()
 {
     DeviceNode node;
     node.setReadTimeout(0);
@@ -101,7 +101,7 @@ void TestContractTransfers::aReadTimeoutOfZeroAnswersAtOnce()
     QCOMPARE(node.read(), std::string("x"));
 }
 
-void TestContractTransfers::aWaitingReadIsServedWhenATransferComes()
+void ContractTransfersTest::aWaitingReadIsServedWhenATransferComes()
 {
     DeviceNode node;
     node.setReadTimeout(60000);
@@ -115,7 +115,7 @@ void TestContractTransfers::aWaitingReadIsServedWhenATransferComes()
     QCOMPARE(received, std::string("late"));
 }
 
-void TestContractTransfers::writeHandsOverOneTransfer()
+void ContractTransfersTest::writeHandsOverOneTransfer()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -126,7 +126,7 @@ void TestContractTransfers::writeHandsOverOneTransfer()
     QCOMPARE(host.receive(), std::string("defg"));
 }
 
-void TestContractTransfers::writeTimesOutWithoutAHost()
+void ContractTransfersTest::writeTimesOutWithoutAHost()
 {
     DeviceNode node;
     node.setWriteTimeout(100);
@@ -140,7 +140,7 @@ void TestContractTransfers::writeTimesOutWithoutAHost()
     QCOMPARE(host.receive(), std::string("kept"));
 }
 
-void TestContractTransfers::aWaitingWriteGoesOutWhenTheHostComes()
+void ContractTransfersTest::aWaitingWriteGoesOutWhenTheHostComes()
 {
     DeviceNode node;
     node.setWriteTimeout(60000);
@@ -154,7 +154,7 @@ void TestContractTransfers::aWaitingWriteGoesOutWhenTheHostComes()
     QCOMPARE(host.receive(), std::string("hello"));
 }
 
-void TestContractTransfers::writeBlocksWhileTheHostDoesNotRead()
+void ContractTransfersTest::writeBlocksWhileTheHostDoesNotRead()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -174,7 +174,7 @@ void TestContractTransfers::writeBlocksWhileTheHostDoesNotRead()
     QCOMPARE(host.receive(), std::string("again"));
 }
 
-void TestContractTransfers::theHostBlocksWhileTheDeviceDoesNotRead()
+void ContractTransfersTest::theHostBlocksWhileTheDeviceDoesNotRead()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -190,7 +190,7 @@ void TestContractTransfers::theHostBlocksWhileTheDeviceDoesNotRead()
     QCOMPARE(node.read(), std::string("again"));
 }
 
-void TestContractTransfers::tooLargeAndEmptyWritesSendNothing()
+void ContractTransfersTest::tooLargeAndEmptyWritesSendNothing()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -201,7 +201,7 @@ void TestContractTransfers::tooLargeAndEmptyWritesSendNothing()
     QCOMPARE(host.receive(), std::string("x"));
 }
 
-void TestContractTransfers::readingAndWritingDoNotBlockEachOther()
+void ContractTransfersTest::readingAndWritingDoNotBlockEachOther()
 {
     DeviceNode node;
     HostSocket host(_directory);
@@ -222,7 +222,7 @@ void TestContractTransfers::readingAndWritingDoNotBlockEachOther()
     QCOMPARE(received, std::string("in"));
 }
 
-void TestContractTransfers::aSignalInterruptsAReadThatThenTakesNothing()
+void ContractTransfersTest::aSignalInterruptsAReadThatThenTakesNothing()
 {
     installInterruptingHandler();
     DeviceNode node;
@@ -250,7 +250,7 @@ void TestContractTransfers::aSignalInterruptsAReadThatThenTakesNothing()
     QCOMPARE(node.read(), std::string("x"));
 }
 
-void TestContractTransfers::fortifiedReadsStillCheckTheirBuffer()
+void ContractTransfersTest::fortifiedReadsStillCheckTheirBuffer()
 {
     DeviceNode node;
     using ReadChk = ssize_t(int, void *, std::size_t, std::size_t);
@@ -276,5 +276,5 @@ void TestContractTransfers::fortifiedReadsStillCheckTheirBuffer()
 #endif
 }
 
-QTEST_GUILESS_MAIN(TestContractTransfers)
+QTEST_GUILESS_MAIN(ContractTransfersTest)
 #include "tst_contract_transfers.moc"

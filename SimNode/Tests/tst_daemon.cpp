@@ -51,7 +51,7 @@ rlimit limitReachedBy(qint64 process, rlimit limit)
 } // namespace
 
 /// `simnode serve`: its folder, its script, and what meets its sockets.
-class TestDaemon : public QObject
+class DaemonTest : public QObject
 {
     Q_OBJECT
 
@@ -89,7 +89,7 @@ private slots:
     void theControlClientReportsADaemonThatWentAway();
 };
 
-void TestDaemon::serveTellsWhenItIsReady()
+void DaemonTest::serveTellsWhenItIsReady()
 {
     QTemporaryDir folder;
     const QString directory = folder.filePath("new");
@@ -99,14 +99,14 @@ void TestDaemon::serveTellsWhenItIsReady()
     QVERIFY(HostSocket(directory.toStdString()).isConnected());
 }
 
-void TestDaemon::serveEndsCleanlyOnASignal_data()
+void DaemonTest::serveEndsCleanlyOnASignal_data()
 {
     QTest::addColumn<int>("signal");
     QTest::newRow("SIGINT") << SIGINT;
     QTest::newRow("SIGTERM") << SIGTERM;
 }
 
-void TestDaemon::serveEndsCleanlyOnASignal()
+void DaemonTest::serveEndsCleanlyOnASignal()
 {
     QFETCH(int, signal);
     QTemporaryDir folder;
@@ -119,7 +119,7 @@ void TestDaemon::serveEndsCleanlyOnASignal()
     QCOMPARE(entriesOf(folder.path()), QStringList());
 }
 
-void TestDaemon::aFolderInUseIsRefused()
+void DaemonTest::aFolderInUseIsRefused()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -131,7 +131,7 @@ void TestDaemon::aFolderInUseIsRefused()
     QVERIFY(waitForStatus(folder.path(), "node", "present"));
 }
 
-void TestDaemon::theSocketsOfACrashedDaemonAreReplaced()
+void DaemonTest::theSocketsOfACrashedDaemonAreReplaced()
 {
     QTemporaryDir folder;
     {
@@ -146,7 +146,7 @@ void TestDaemon::theSocketsOfACrashedDaemonAreReplaced()
     QVERIFY(waitForStatus(folder.path(), "node", "present"));
 }
 
-void TestDaemon::aFolderWithTooLongANameIsRefused()
+void DaemonTest::aFolderWithTooLongANameIsRefused()
 {
     QTemporaryDir folder;
     const Result result = runSimnode({"serve", "--dir", folder.filePath(QString(100, 'x'))});
@@ -154,7 +154,7 @@ void TestDaemon::aFolderWithTooLongANameIsRefused()
     QVERIFY2(result.errors.contains("it should have at most 99"), result.errors);
 }
 
-void TestDaemon::aFolderThatCannotBeMadeIsRefused()
+void DaemonTest::aFolderThatCannotBeMadeIsRefused()
 {
     QTemporaryDir folder;
     const Result result = runSimnode({"serve", "--dir", folder.filePath("no/such")});
@@ -163,7 +163,7 @@ void TestDaemon::aFolderThatCannotBeMadeIsRefused()
     QVERIFY2(result.errors.contains("No such file or directory"), result.errors);
 }
 
-void TestDaemon::aFolderThatOthersMayWriteIsRefused_data()
+void DaemonTest::aFolderThatOthersMayWriteIsRefused_data()
 {
     QTest::addColumn<int>("mode");
     QTest::newRow("group") << 0770;
@@ -171,7 +171,7 @@ void TestDaemon::aFolderThatOthersMayWriteIsRefused_data()
     QTest::newRow("all, but for the files of others") << 01777;
 }
 
-void TestDaemon::aFolderThatOthersMayWriteIsRefused()
+void DaemonTest::aFolderThatOthersMayWriteIsRefused()
 {
     QFETCH(int, mode);
     QTemporaryDir folder;
@@ -182,7 +182,7 @@ void TestDaemon::aFolderThatOthersMayWriteIsRefused()
     QCOMPARE(entriesOf(folder.path()), QStringList());
 }
 
-void TestDaemon::aFolderOfAnotherUserIsRefused()
+void DaemonTest::aFolderOfAnotherUserIsRefused()
 {
     QTemporaryDir folder;
     const bool isRoot = geteuid() == 0;
@@ -193,14 +193,14 @@ void TestDaemon::aFolderOfAnotherUserIsRefused()
     QVERIFY2(result.errors.contains(foreign.toUtf8() + " belongs to another user"), result.errors);
 }
 
-void TestDaemon::theSocketsAreForTheUserOnly_data()
+void DaemonTest::theSocketsAreForTheUserOnly_data()
 {
     QTest::addColumn<int>("mask");
     QTest::newRow("a mask that forbids nothing") << 0;
     QTest::newRow("a mask that forbids everything") << 0777;
 }
 
-void TestDaemon::theSocketsAreForTheUserOnly()
+void DaemonTest::theSocketsAreForTheUserOnly()
 {
     QFETCH(int, mask);
     QTemporaryDir folder;
@@ -222,7 +222,7 @@ void TestDaemon::theSocketsAreForTheUserOnly()
         QCOMPARE(modeOf(directory + "/" + name), 0600);
 }
 
-void TestDaemon::nothingIsLeftBehindWhenTheStartFails()
+void DaemonTest::nothingIsLeftBehindWhenTheStartFails()
 {
     QTemporaryDir folder;
     QProcessEnvironment environment = cleanEnvironment();
@@ -240,14 +240,14 @@ void TestDaemon::nothingIsLeftBehindWhenTheStartFails()
     QCOMPARE(entriesOf(deep.path()), QStringList());
 }
 
-void TestDaemon::aDaemonWhoseFolderIsGoneSaysSo_data()
+void DaemonTest::aDaemonWhoseFolderIsGoneSaysSo_data()
 {
     QTest::addColumn<bool>("isMoved");
     QTest::newRow("removed") << false;
     QTest::newRow("moved") << true;
 }
 
-void TestDaemon::aDaemonWhoseFolderIsGoneSaysSo()
+void DaemonTest::aDaemonWhoseFolderIsGoneSaysSo()
 {
     QFETCH(bool, isMoved);
     QTemporaryDir folder;
@@ -261,7 +261,7 @@ void TestDaemon::aDaemonWhoseFolderIsGoneSaysSo()
     QVERIFY2(result.errors.contains(directory.toUtf8() + " was removed or moved"), result.errors);
 }
 
-void TestDaemon::anOlderDaemonLeavesTheSocketsOfANewerOneAlone()
+void DaemonTest::anOlderDaemonLeavesTheSocketsOfANewerOneAlone()
 {
     QTemporaryDir folder;
     const QString directory = folder.filePath("node");
@@ -279,7 +279,7 @@ void TestDaemon::anOlderDaemonLeavesTheSocketsOfANewerOneAlone()
     QVERIFY(waitForStatus(directory, "node", "present"));
 }
 
-void TestDaemon::clientsThatCannotBeAcceptedCostNoTime()
+void DaemonTest::clientsThatCannotBeAcceptedCostNoTime()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -306,7 +306,7 @@ void TestDaemon::clientsThatCannotBeAcceptedCostNoTime()
     QVERIFY(waitForStatus(folder.path(), "host", "1"));
 }
 
-void TestDaemon::idleControlClientsLeaveRoomForTheDevice()
+void DaemonTest::idleControlClientsLeaveRoomForTheDevice()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -324,7 +324,7 @@ void TestDaemon::idleControlClientsLeaveRoomForTheDevice()
     QCOMPARE(idle.back()->command("reset"), std::string("ok"));
 }
 
-void TestDaemon::filesThatAreNoSocketsAreNotRemoved()
+void DaemonTest::filesThatAreNoSocketsAreNotRemoved()
 {
     QTemporaryDir folder;
     const QString file = writeFile(folder, "control", "precious");
@@ -334,7 +334,7 @@ void TestDaemon::filesThatAreNoSocketsAreNotRemoved()
     QCOMPARE(QFileInfo(file).size(), qint64(8));
 }
 
-void TestDaemon::theScriptRunsBeforeTheNodeIsReady()
+void DaemonTest::theScriptRunsBeforeTheNodeIsReady()
 {
     QTemporaryDir folder;
     const QString script = writeFile(folder, "script", "# staged\nopen fail EBUSY\n");
@@ -346,7 +346,7 @@ void TestDaemon::theScriptRunsBeforeTheNodeIsReady()
              QByteArray("open -1 EBUSY\n"));
 }
 
-void TestDaemon::waitInAScriptDelaysTheLinesBehindIt()
+void DaemonTest::waitInAScriptDelaysTheLinesBehindIt()
 {
     QTemporaryDir folder;
     const QString script = writeFile(folder, "script", "node missing\nwait 300\nnode present\n");
@@ -359,7 +359,7 @@ void TestDaemon::waitInAScriptDelaysTheLinesBehindIt()
     QVERIFY2(timer.elapsed() >= 299, qPrintable(QString::number(timer.elapsed())));
 }
 
-void TestDaemon::aFaultyScriptIsAWrongCommandLine()
+void DaemonTest::aFaultyScriptIsAWrongCommandLine()
 {
     QTemporaryDir folder;
     const QString script = writeFile(folder, "script", "status\nread fial EIO\n");
@@ -376,7 +376,7 @@ void TestDaemon::aFaultyScriptIsAWrongCommandLine()
     QVERIFY2(missing.errors.contains("/none/here"), missing.errors);
 }
 
-void TestDaemon::theTimeoutResultCanBeChosenAtStart()
+void DaemonTest::theTimeoutResultCanBeChosenAtStart()
 {
     const QStringList calls =
         QStringList("--") + wordsToRun(SIMNODE_PROBE) + QStringList{"open", "20", "read"};
@@ -388,7 +388,7 @@ void TestDaemon::theTimeoutResultCanBeChosenAtStart()
              QByteArray("open 0 -\ntimeout 0 -\nread -1 ETIMEDOUT\n"));
 }
 
-void TestDaemon::aDescriptorKeptAcrossExecIsTheNode()
+void DaemonTest::aDescriptorKeptAcrossExecIsTheNode()
 {
     QTemporaryDir folder;
     const QString script = writeFile(folder, "script", "inject 616263\n");
@@ -400,7 +400,7 @@ void TestDaemon::aDescriptorKeptAcrossExecIsTheNode()
     QVERIFY(waitForStatus(folder.filePath("node"), "descriptors", "0"));
 }
 
-void TestDaemon::aDeadDaemonEndsAWaitingCallWithAnError()
+void DaemonTest::aDeadDaemonEndsAWaitingCallWithAnError()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -412,7 +412,7 @@ void TestDaemon::aDeadDaemonEndsAWaitingCallWithAnError()
                                         "write -1 ENODEV\ntimeout -1 ENODEV\nopen -1 ENOENT\n"));
 }
 
-void TestDaemon::anotherDaemonDoesNotKnowOldDescriptors()
+void DaemonTest::anotherDaemonDoesNotKnowOldDescriptors()
 {
     QTemporaryDir folder;
     auto first = std::make_unique<Daemon>(folder.path());
@@ -427,7 +427,7 @@ void TestDaemon::anotherDaemonDoesNotKnowOldDescriptors()
     QCOMPARE(probe.output(), QByteArray("open 0 -\ntimeout 0 -\nread -1 ENODEV\nread -1 ENODEV\n"));
 }
 
-void TestDaemon::hostTransfersBeyondTheLimitEndTheConnection()
+void DaemonTest::hostTransfersBeyondTheLimitEndTheConnection()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -439,7 +439,7 @@ void TestDaemon::hostTransfersBeyondTheLimitEndTheConnection()
     QVERIFY(waitForStatus(folder.path(), "pending", "0"));
 }
 
-void TestDaemon::packetsThatAreNoRequestsEndTheirConnection()
+void DaemonTest::packetsThatAreNoRequestsEndTheirConnection()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -459,7 +459,7 @@ void TestDaemon::packetsThatAreNoRequestsEndTheirConnection()
     QVERIFY(waitForStatus(folder.path(), "descriptors", "0"));
 }
 
-void TestDaemon::theControlClientGivesUpOnASilentDaemon()
+void DaemonTest::theControlClientGivesUpOnASilentDaemon()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -472,7 +472,7 @@ void TestDaemon::theControlClientGivesUpOnASilentDaemon()
     QCOMPARE(answer, std::string("error: no answer within 50 ms"));
 }
 
-void TestDaemon::theControlClientWaitsForATimeOutOfMoreThan32Bits()
+void DaemonTest::theControlClientWaitsForATimeOutOfMoreThan32Bits()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -488,7 +488,7 @@ void TestDaemon::theControlClientWaitsForATimeOutOfMoreThan32Bits()
     QCOMPARE(answer.get(), std::string("ok"));
 }
 
-void TestDaemon::theControlClientReportsADaemonThatWentAway()
+void DaemonTest::theControlClientReportsADaemonThatWentAway()
 {
     QTemporaryDir folder;
     auto daemon = std::make_unique<Daemon>(folder.path());
@@ -500,5 +500,5 @@ void TestDaemon::theControlClientReportsADaemonThatWentAway()
     QVERIFY_EXCEPTION_THROWN(SimNodeControl(folder.path().toStdString()), std::runtime_error);
 }
 
-QTEST_GUILESS_MAIN(TestDaemon)
+QTEST_GUILESS_MAIN(DaemonTest)
 #include "tst_daemon.moc"

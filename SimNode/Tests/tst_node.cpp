@@ -9,7 +9,7 @@ using namespace simnode;
 using namespace std::chrono_literals;
 
 /// What the node answers to the calls of programs.
-class TestNode : public QObject
+class NodeTest : public QObject
 {
     Q_OBJECT
 
@@ -37,14 +37,14 @@ private slots:
     void deadlinesAreThoseOfTheEarliestWaitingCall();
 };
 
-void TestNode::requestsOfAnotherProtocolVersionAreRefused()
+void NodeTest::requestsOfAnotherProtocolVersionAreRefused()
 {
     Bench bench;
     QCOMPARE(outcome(bench.replyTo(bench.submit({99, Call::Open, 0, readWrite, 0}))),
              Outcome(-1, EPROTO));
 }
 
-void TestNode::unknownCallsAreRefused()
+void NodeTest::unknownCallsAreRefused()
 {
     Bench bench;
     const auto unknown = static_cast<Call>(77);
@@ -52,7 +52,7 @@ void TestNode::unknownCallsAreRefused()
              Outcome(-1, EPROTO));
 }
 
-void TestNode::unknownHandlesMeanThatTheDeviceIsGone()
+void NodeTest::unknownHandlesMeanThatTheDeviceIsGone()
 {
     Bench bench;
     for (const Call call : {Call::Read, Call::Write, Call::Ioctl, Call::Close}) {
@@ -61,7 +61,7 @@ void TestNode::unknownHandlesMeanThatTheDeviceIsGone()
     }
 }
 
-void TestNode::handlesAreNeverZeroAndNeverInUseTwice()
+void NodeTest::handlesAreNeverZeroAndNeverInUseTwice()
 {
     Bench bench;
     for (const std::uint32_t handle : {std::uint32_t(0), bench.handle}) {
@@ -73,7 +73,7 @@ void TestNode::handlesAreNeverZeroAndNeverInUseTwice()
     QCOMPARE(bench.replyTo(bench.submit(again)).header.handle, bench.handle);
 }
 
-void TestNode::aDescriptorIsReadableWhileAReadWouldGetATransfer()
+void NodeTest::aDescriptorIsReadableWhileAReadWouldGetATransfer()
 {
     Bench bench;
     const std::uint32_t writer = bench.open(O_WRONLY).header.handle;
@@ -93,7 +93,7 @@ void TestNode::aDescriptorIsReadableWhileAReadWouldGetATransfer()
     QVERIFY(!bench.node.isReadable(bench.handle));
 }
 
-void TestNode::descriptorsOpenedForOneDirectionRefuseTheOther()
+void NodeTest::descriptorsOpenedForOneDirectionRefuseTheOther()
 {
     Bench bench;
     bench.handle = bench.open(O_RDONLY).header.handle;
@@ -102,7 +102,7 @@ void TestNode::descriptorsOpenedForOneDirectionRefuseTheOther()
     QCOMPARE(outcome(bench.replyTo(bench.read())), Outcome(-1, EBADF));
 }
 
-void TestNode::readsWaitForTheirTimeoutToTheMillisecond()
+void NodeTest::readsWaitForTheirTimeoutToTheMillisecond()
 {
     Bench bench;
     bench.ioctl(setReadTimeoutRequest, 500);
@@ -113,7 +113,7 @@ void TestNode::readsWaitForTheirTimeoutToTheMillisecond()
     QVERIFY(bench.hasReplyTo(call));
 }
 
-void TestNode::readTimeoutsEndAsChosen()
+void NodeTest::readTimeoutsEndAsChosen()
 {
     Bench bench;
     Node::CallId call = bench.read();
@@ -135,7 +135,7 @@ void TestNode::readTimeoutsEndAsChosen()
     QCOMPARE(outcome(other.replyTo(call)), Outcome(0, 0));
 }
 
-void TestNode::readsTimedOutLeaveLaterTransfersAlone()
+void NodeTest::readsTimedOutLeaveLaterTransfersAlone()
 {
     Bench bench;
     bench.read();
@@ -144,7 +144,7 @@ void TestNode::readsTimedOutLeaveLaterTransfersAlone()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("late"));
 }
 
-void TestNode::transfersAreReadInPiecesThatNeverSpanTwo()
+void NodeTest::transfersAreReadInPiecesThatNeverSpanTwo()
 {
     Bench bench;
     bench.transferFromHost("abcde");
@@ -156,7 +156,7 @@ void TestNode::transfersAreReadInPiecesThatNeverSpanTwo()
     QCOMPARE(outcome(last), Outcome(2, 0));
 }
 
-void TestNode::waitingReadsAreServedInTheirOrder()
+void NodeTest::waitingReadsAreServedInTheirOrder()
 {
     Bench bench;
     const Node::CallId first = bench.read();
@@ -168,7 +168,7 @@ void TestNode::waitingReadsAreServedInTheirOrder()
     QCOMPARE(bench.replyTo(second).data, std::string("2"));
 }
 
-void TestNode::silentReadsLetLaterReadsPass()
+void NodeTest::silentReadsLetLaterReadsPass()
 {
     Bench bench;
     bench.command("read silent 1");
@@ -180,7 +180,7 @@ void TestNode::silentReadsLetLaterReadsPass()
     QCOMPARE(outcome(bench.replyTo(silent)), Outcome(0, 0));
 }
 
-void TestNode::abandonedReadsTakeNothing()
+void NodeTest::abandonedReadsTakeNothing()
 {
     Bench bench;
     const Node::CallId call = bench.read();
@@ -191,7 +191,7 @@ void TestNode::abandonedReadsTakeNothing()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("x"));
 }
 
-void TestNode::abandonedWritesSendNothing()
+void NodeTest::abandonedWritesSendNothing()
 {
     Bench bench;
     bench.node.abandon(bench.write("gone"));
@@ -200,7 +200,7 @@ void TestNode::abandonedWritesSendNothing()
     QCOMPARE(bench.takeTransfer(), std::string("kept"));
 }
 
-void TestNode::waitingCallsSurviveTheCloseOfTheirDescriptor()
+void NodeTest::waitingCallsSurviveTheCloseOfTheirDescriptor()
 {
     Bench bench;
     const Node::CallId call = bench.read();
@@ -210,7 +210,7 @@ void TestNode::waitingCallsSurviveTheCloseOfTheirDescriptor()
     QCOMPARE(outcome(bench.replyTo(bench.read())), Outcome(-1, ENODEV));
 }
 
-void TestNode::changedTimeoutsCountFromTheNextCall()
+void NodeTest::changedTimeoutsCountFromTheNextCall()
 {
     Bench bench;
     const Node::CallId before = bench.read();
@@ -221,7 +221,7 @@ void TestNode::changedTimeoutsCountFromTheNextCall()
     QVERIFY(bench.hasReplyTo(after));
 }
 
-void TestNode::writesWaitForTheHostInTheirOrder()
+void NodeTest::writesWaitForTheHostInTheirOrder()
 {
     Bench bench;
     const Node::CallId first = bench.write("one");
@@ -235,7 +235,7 @@ void TestNode::writesWaitForTheHostInTheirOrder()
     QCOMPARE(outcome(bench.replyTo(second)), Outcome(5, 0));
 }
 
-void TestNode::writesTimeOutWithAnErrorAlways()
+void NodeTest::writesTimeOutWithAnErrorAlways()
 {
     Bench bench;
     bench.ioctl(setWriteTimeoutRequest, 300);
@@ -248,7 +248,7 @@ void TestNode::writesTimeOutWithAnErrorAlways()
     QCOMPARE(bench.takeTransfer(), std::string("(none)"));
 }
 
-void TestNode::emptyWritesAndZeroFaultsReturnZero()
+void NodeTest::emptyWritesAndZeroFaultsReturnZero()
 {
     Bench bench;
     bench.node.hostArrived();
@@ -258,7 +258,7 @@ void TestNode::emptyWritesAndZeroFaultsReturnZero()
     QCOMPARE(bench.takeTransfer(), std::string("(none)"));
 }
 
-void TestNode::aFewUnreadTransfersStopTheHost()
+void NodeTest::aFewUnreadTransfersStopTheHost()
 {
     Bench bench;
     int taken = 0;
@@ -269,7 +269,7 @@ void TestNode::aFewUnreadTransfersStopTheHost()
     QVERIFY(bench.node.takesTransfers());
 }
 
-void TestNode::deadlinesAreThoseOfTheEarliestWaitingCall()
+void NodeTest::deadlinesAreThoseOfTheEarliestWaitingCall()
 {
     Bench bench;
     QVERIFY(!bench.node.nextDeadline());
@@ -283,5 +283,5 @@ void TestNode::deadlinesAreThoseOfTheEarliestWaitingCall()
     QVERIFY(!bench.node.nextDeadline());
 }
 
-QTEST_APPLESS_MAIN(TestNode)
+QTEST_APPLESS_MAIN(NodeTest)
 #include "tst_node.moc"

@@ -10,7 +10,7 @@ using namespace simnode;
 using namespace std::chrono_literals;
 
 /// What commands and scripts do to the node.
-class TestNodeCommands : public QObject
+class NodeCommandsTest : public QObject
 {
     Q_OBJECT
 
@@ -36,7 +36,7 @@ private slots:
     void scriptsPauseAtWait();
 };
 
-void TestNodeCommands::faultsEndAfterTheirNumberOfCalls()
+void NodeCommandsTest::faultsEndAfterTheirNumberOfCalls()
 {
     Bench bench;
     bench.node.hostArrived();
@@ -50,7 +50,7 @@ void TestNodeCommands::faultsEndAfterTheirNumberOfCalls()
     QVERIFY(!bench.hasReplyTo(bench.read()));
 }
 
-void TestNodeCommands::laterFaultsReplaceEarlierOnes()
+void NodeCommandsTest::laterFaultsReplaceEarlierOnes()
 {
     Bench bench;
     bench.command("read fail EIO");
@@ -59,7 +59,7 @@ void TestNodeCommands::laterFaultsReplaceEarlierOnes()
     QVERIFY(!bench.hasReplyTo(bench.read()));
 }
 
-void TestNodeCommands::opensCanBeStuckOrFail()
+void NodeCommandsTest::opensCanBeStuckOrFail()
 {
     Bench bench;
     bench.command("open stuck 1");
@@ -74,7 +74,7 @@ void TestNodeCommands::opensCanBeStuckOrFail()
     QCOMPARE(outcome(bench.open()), Outcome(0, 0));
 }
 
-void TestNodeCommands::ioctlsAndClosesCanFail()
+void NodeCommandsTest::ioctlsAndClosesCanFail()
 {
     Bench bench;
     bench.command("ioctl fail EIO 1");
@@ -87,7 +87,7 @@ void TestNodeCommands::ioctlsAndClosesCanFail()
     QCOMPARE(outcome(bench.replyTo(bench.close())), Outcome(0, 0));
 }
 
-void TestNodeCommands::latencyHoldsTransfersOfTheHostBack()
+void NodeCommandsTest::latencyHoldsTransfersOfTheHostBack()
 {
     Bench bench;
     bench.command("latency 30");
@@ -111,7 +111,7 @@ void TestNodeCommands::latencyHoldsTransfersOfTheHostBack()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("c"));
 }
 
-void TestNodeCommands::latencyHoldsTransfersToTheHostBack()
+void NodeCommandsTest::latencyHoldsTransfersToTheHostBack()
 {
     Bench bench;
     bench.node.hostArrived();
@@ -125,7 +125,7 @@ void TestNodeCommands::latencyHoldsTransfersToTheHostBack()
     QCOMPARE(outcome(bench.replyTo(call)), Outcome(3, 0));
 }
 
-void TestNodeCommands::aLatencyBeyondTheTimeoutEndsTheWrite()
+void NodeCommandsTest::aLatencyBeyondTheTimeoutEndsTheWrite()
 {
     Bench bench;
     bench.node.hostArrived();
@@ -137,7 +137,7 @@ void TestNodeCommands::aLatencyBeyondTheTimeoutEndsTheWrite()
     QCOMPARE(bench.takeTransfer(), std::string("(none)"));
 }
 
-void TestNodeCommands::mergedTransfersArriveAsOne()
+void NodeCommandsTest::mergedTransfersArriveAsOne()
 {
     Bench bench;
     bench.command("merge 3");
@@ -151,7 +151,7 @@ void TestNodeCommands::mergedTransfersArriveAsOne()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("d"));
 }
 
-void TestNodeCommands::anUnfinishedMergeIsDeliveredByTheNextMergeCommand()
+void NodeCommandsTest::anUnfinishedMergeIsDeliveredByTheNextMergeCommand()
 {
     Bench bench;
     bench.command("merge 3");
@@ -162,7 +162,7 @@ void TestNodeCommands::anUnfinishedMergeIsDeliveredByTheNextMergeCommand()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("b"));
 }
 
-void TestNodeCommands::splitTransfersArriveInPieces()
+void NodeCommandsTest::splitTransfersArriveInPieces()
 {
     Bench bench;
     bench.command("split 2");
@@ -175,7 +175,7 @@ void TestNodeCommands::splitTransfersArriveInPieces()
         QCOMPARE(bench.replyTo(bench.read()).data, std::string(expected));
 }
 
-void TestNodeCommands::transfersOfAHostThatLeftAreDropped()
+void NodeCommandsTest::transfersOfAHostThatLeftAreDropped()
 {
     Bench bench;
     bench.node.hostArrived();
@@ -193,7 +193,7 @@ void TestNodeCommands::transfersOfAHostThatLeftAreDropped()
     QCOMPARE(bench.replyTo(call).data, std::string("new"));
 }
 
-void TestNodeCommands::injectionsAreBounded()
+void NodeCommandsTest::injectionsAreBounded()
 {
     Bench bench;
     for (int i = 0; i < 1000; ++i)
@@ -203,7 +203,7 @@ void TestNodeCommands::injectionsAreBounded()
     QCOMPARE(bench.command("inject 41"), std::string("ok"));
 }
 
-void TestNodeCommands::triggersRunBeforeTheirCallIsServed()
+void NodeCommandsTest::triggersRunBeforeTheirCallIsServed()
 {
     Bench bench;
     bench.command("on read 2 read fail EIO 1");
@@ -217,7 +217,7 @@ void TestNodeCommands::triggersRunBeforeTheirCallIsServed()
     QCOMPARE(outcome(bench.replyTo(bench.write("x"))), Outcome(0, 0));
 }
 
-void TestNodeCommands::triggersCountEachCallOnItsOwn()
+void NodeCommandsTest::triggersCountEachCallOnItsOwn()
 {
     Bench bench;
     bench.command("on read 3 inject 42");
@@ -229,7 +229,7 @@ void TestNodeCommands::triggersCountEachCallOnItsOwn()
     QCOMPARE(bench.replyTo(bench.read()).data, std::string("B"));
 }
 
-void TestNodeCommands::triggersMaySetTriggers()
+void NodeCommandsTest::triggersMaySetTriggers()
 {
     Bench bench;
     bench.command("on read 1 on read 1 read fail EIO");
@@ -237,7 +237,7 @@ void TestNodeCommands::triggersMaySetTriggers()
     QCOMPARE(outcome(bench.replyTo(bench.read())), Outcome(-1, EIO));
 }
 
-void TestNodeCommands::resetRestoresTheStart()
+void NodeCommandsTest::resetRestoresTheStart()
 {
     Bench bench(true);
     for (const char *line :
@@ -255,7 +255,7 @@ void TestNodeCommands::resetRestoresTheStart()
     QVERIFY(!bench.hasReplyTo(bench.write("x")));
 }
 
-void TestNodeCommands::statusTellsCountersAndTimeouts()
+void NodeCommandsTest::statusTellsCountersAndTimeouts()
 {
     Bench bench;
     QCOMPARE(bench.command("status"),
@@ -280,13 +280,13 @@ void TestNodeCommands::statusTellsCountersAndTimeouts()
                          "read_timeout=11 write_timeout=12 descriptors=1"));
 }
 
-void TestNodeCommands::waitIsForScriptsOnly()
+void NodeCommandsTest::waitIsForScriptsOnly()
 {
     Bench bench;
     QVERIFY(bench.command("wait 5").find("error: ") == 0);
 }
 
-void TestNodeCommands::scriptsPauseAtWait()
+void NodeCommandsTest::scriptsPauseAtWait()
 {
     Bench bench;
     ScriptRunner script(parseScript("inject 41\nwait 100\ninject 42\nwait 50").commands);
@@ -301,5 +301,5 @@ void TestNodeCommands::scriptsPauseAtWait()
     QVERIFY(!script.nextDeadline());
 }
 
-QTEST_APPLESS_MAIN(TestNodeCommands)
+QTEST_APPLESS_MAIN(NodeCommandsTest)
 #include "tst_nodecommands.moc"

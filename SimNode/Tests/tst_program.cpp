@@ -23,7 +23,7 @@ char stateOf(const QByteArray &process)
 } // namespace
 
 /// `simnode run` and `simnode control`, the command line, and the preload library.
-class TestProgram : public QObject
+class ProgramTest : public QObject
 {
     Q_OBJECT
 
@@ -52,7 +52,7 @@ private slots:
     void thePreloadLibraryNeedsTheCLibraryOnly();
 };
 
-void TestProgram::runEndsWithTheStatusOfItsProgram_data()
+void ProgramTest::runEndsWithTheStatusOfItsProgram_data()
 {
     QTest::addColumn<QStringList>("program");
     QTest::addColumn<int>("exitCode");
@@ -62,14 +62,14 @@ void TestProgram::runEndsWithTheStatusOfItsProgram_data()
     QTest::newRow("no such program") << QStringList{"/no/such/program"} << 127;
 }
 
-void TestProgram::runEndsWithTheStatusOfItsProgram()
+void ProgramTest::runEndsWithTheStatusOfItsProgram()
 {
     QFETCH(QStringList, program);
     QFETCH(int, exitCode);
     QCOMPARE(runSimnode(QStringList{"run", "--"} + program).exitCode, exitCode);
 }
 
-void TestProgram::runServesItsProgram()
+void ProgramTest::runServesItsProgram()
 {
     const Result result = runSimnode(QStringList{"run", "--"} + wordsToRun(SIMNODE_PROBE) +
                                      QStringList{"open", "10", "read", "close", "close"});
@@ -79,7 +79,7 @@ void TestProgram::runServesItsProgram()
     QCOMPARE(result.errors, QByteArray());
 }
 
-void TestProgram::runRemovesOnlyAFolderOfItsOwn()
+void ProgramTest::runRemovesOnlyAFolderOfItsOwn()
 {
     QTemporaryDir folder;
     QProcessEnvironment environment = cleanEnvironment();
@@ -97,7 +97,7 @@ void TestProgram::runRemovesOnlyAFolderOfItsOwn()
     QCOMPARE(entriesOf(directory), QStringList());
 }
 
-void TestProgram::runExtendsTheEnvironment()
+void ProgramTest::runExtendsTheEnvironment()
 {
     QTemporaryDir folder;
     const QString library = folder.filePath("preload.so");
@@ -113,7 +113,7 @@ void TestProgram::runExtendsTheEnvironment()
                         "\nverify_asan_link_order=0:halt_on_error=1:verify_asan_link_order=0\n"));
 }
 
-void TestProgram::runPassesSignalsOn()
+void ProgramTest::runPassesSignalsOn()
 {
     for (const int signal : {SIGINT, SIGTERM}) {
         ForkedProcess process;
@@ -131,7 +131,7 @@ void TestProgram::runPassesSignalsOn()
     }
 }
 
-void TestProgram::noProgramOutlivesItsKilledDaemon()
+void ProgramTest::noProgramOutlivesItsKilledDaemon()
 {
     ForkedProcess process;
     process.setProcessEnvironment(cleanEnvironment());
@@ -150,7 +150,7 @@ void TestProgram::noProgramOutlivesItsKilledDaemon()
     QVERIFY(isEnded);
 }
 
-void TestProgram::runFindsTheInstalledPreloadLibrary()
+void ProgramTest::runFindsTheInstalledPreloadLibrary()
 {
     QTemporaryDir prefix;
     QDir root(prefix.path());
@@ -165,7 +165,7 @@ void TestProgram::runFindsTheInstalledPreloadLibrary()
     QCOMPARE(result.output, library.toUtf8() + "\n");
 }
 
-void TestProgram::runTakesThePreloadLibraryFromTheEnvironment()
+void ProgramTest::runTakesThePreloadLibraryFromTheEnvironment()
 {
     QTemporaryDir folder;
     const QString library = folder.filePath("other.so");
@@ -176,7 +176,7 @@ void TestProgram::runTakesThePreloadLibraryFromTheEnvironment()
     QCOMPARE(result.output, library.toUtf8() + "\n");
 }
 
-void TestProgram::runWithoutAPreloadLibrarySaysSo()
+void ProgramTest::runWithoutAPreloadLibrarySaysSo()
 {
     QTemporaryDir folder;
     const QString alone = folder.filePath("simnode");
@@ -187,7 +187,7 @@ void TestProgram::runWithoutAPreloadLibrarySaysSo()
     QVERIFY2(result.errors.contains("set SIMNODE_PRELOAD"), result.errors);
 }
 
-void TestProgram::runServesItsProgramFromAFolderWithABlankAndAColon()
+void ProgramTest::runServesItsProgramFromAFolderWithABlankAndAColon()
 {
     QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
     QTemporaryDir links;
@@ -204,7 +204,7 @@ void TestProgram::runServesItsProgramFromAFolderWithABlankAndAColon()
     QCOMPARE(entriesOf(links.path()), QStringList());
 }
 
-void TestProgram::runRefusesWhereItCanMakeNoPathThatTheLoaderTakes()
+void ProgramTest::runRefusesWhereItCanMakeNoPathThatTheLoaderTakes()
 {
     QTemporaryDir folder(QDir::tempPath() + "/usb häl: XXXXXX");
     const QString library = folder.filePath("preload.so");
@@ -218,7 +218,7 @@ void TestProgram::runRefusesWhereItCanMakeNoPathThatTheLoaderTakes()
     QVERIFY2(result.errors.contains("set TMPDIR to a folder without"), result.errors);
 }
 
-void TestProgram::runRefusesALibraryThatCannotBeLoaded()
+void ProgramTest::runRefusesALibraryThatCannotBeLoaded()
 {
     QTemporaryDir folder;
     QProcessEnvironment environment = cleanEnvironment();
@@ -229,7 +229,7 @@ void TestProgram::runRefusesALibraryThatCannotBeLoaded()
     QVERIFY2(result.errors.contains("cannot load the preload library"), result.errors);
 }
 
-void TestProgram::controlTellsTheAnswerByItsExitStatus()
+void ProgramTest::controlTellsTheAnswerByItsExitStatus()
 {
     QTemporaryDir folder;
     Daemon daemon(folder.path());
@@ -242,7 +242,7 @@ void TestProgram::controlTellsTheAnswerByItsExitStatus()
     QVERIFY2(bad.output.startsWith("error: 'EFOO' is no errno name"), bad.output);
 }
 
-void TestProgram::controlWithoutADaemonFails()
+void ProgramTest::controlWithoutADaemonFails()
 {
     QTemporaryDir folder;
     const Result result = runSimnode({"control", "--dir", folder.path(), "status"});
@@ -250,7 +250,7 @@ void TestProgram::controlWithoutADaemonFails()
     QVERIFY2(result.errors.contains("no simnode serves " + folder.path().toUtf8()), result.errors);
 }
 
-void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
+void ProgramTest::wrongCommandLinesSayHowTheyShouldBe_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("why");
@@ -276,7 +276,7 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe_data()
         "simnode: --timeout-result needs zero or error, not \"two\"");
 }
 
-void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
+void ProgramTest::wrongCommandLinesSayHowTheyShouldBe()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, why);
@@ -287,7 +287,7 @@ void TestProgram::wrongCommandLinesSayHowTheyShouldBe()
     QCOMPARE(result.errors, why + ("\nTry \"" + name + " --help\".\n").toUtf8());
 }
 
-void TestProgram::helpIsNoError()
+void ProgramTest::helpIsNoError()
 {
     const Result result = runSimnode({"run", "--help"});
     QCOMPARE(result.exitCode, 0);
@@ -295,14 +295,14 @@ void TestProgram::helpIsNoError()
     QVERIFY2(result.output.contains("by default zero"), result.output);
 }
 
-void TestProgram::versionIsNoError()
+void ProgramTest::versionIsNoError()
 {
     const Result result = runSimnode({"--version"});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.output, QByteArray("simnode " PROJECT_VERSION "\n"));
 }
 
-void TestProgram::theHelpOfControlListsTheCommands()
+void ProgramTest::theHelpOfControlListsTheCommands()
 {
     const Result result = runSimnode({"control", "--help"});
     QCOMPARE(result.exitCode, 0);
@@ -311,7 +311,7 @@ void TestProgram::theHelpOfControlListsTheCommands()
         QVERIFY2(result.output.contains(QByteArray(usage) + "\n"), result.output);
 }
 
-void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
+void ProgramTest::thePreloadLibraryExportsTheWrappedNamesOnly()
 {
     const Result result =
         runProgram("nm", {"-D", "--defined-only", "--format=posix", SIMNODE_PRELOAD_LIBRARY});
@@ -334,7 +334,7 @@ void TestProgram::thePreloadLibraryExportsTheWrappedNamesOnly()
     QCOMPARE(names, expected);
 }
 
-void TestProgram::thePreloadLibraryNeedsTheCLibraryOnly()
+void ProgramTest::thePreloadLibraryNeedsTheCLibraryOnly()
 {
     const Result result = runProgram("objdump", {"-p", SIMNODE_PRELOAD_LIBRARY});
     QCOMPARE(result.exitCode, 0);
@@ -347,5 +347,5 @@ void TestProgram::thePreloadLibraryNeedsTheCLibraryOnly()
     QVERIFY2(needed.count("NEEDED") == 1, result.output);
 }
 
-QTEST_GUILESS_MAIN(TestProgram)
+QTEST_GUILESS_MAIN(ProgramTest)
 #include "tst_program.moc"

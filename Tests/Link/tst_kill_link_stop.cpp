@@ -78,7 +78,7 @@ private:
 } // namespace
 
 /** A stop that has to kill the communication thread, wherever it is. */
-class KillStop : public QObject
+class KillLinkStopTest : public QObject
 {
     Q_OBJECT
 
@@ -108,14 +108,14 @@ private:
     }
 };
 
-void KillStop::aThreadStuckInItsDriverIsKilled_data()
+void KillLinkStopTest::aThreadStuckInItsDriverIsKilled_data()
 {
     QTest::addColumn<bool>("write");
     QTest::newRow("in a read") << false;
     QTest::newRow("in a write") << true;
 }
 
-void KillStop::aThreadStuckInItsDriverIsKilled()
+void KillLinkStopTest::aThreadStuckInItsDriverIsKilled()
 {
     QFETCH(bool, write);
     ImpatientProbe core;
@@ -136,7 +136,7 @@ void KillStop::aThreadStuckInItsDriverIsKilled()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aThreadStuckInAnOpenIsKilled()
+void KillLinkStopTest::aThreadStuckInAnOpenIsKilled()
 {
     ImpatientProbe core;
     core.driver->blockOpens();
@@ -150,7 +150,7 @@ void KillStop::aThreadStuckInAnOpenIsKilled()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aThreadThatCannotReopenIsKilled()
+void KillLinkStopTest::aThreadThatCannotReopenIsKilled()
 {
     ImpatientProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -165,7 +165,7 @@ void KillStop::aThreadThatCannotReopenIsKilled()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aDriverThatRefusesToCloseAfterTheKillIsReported()
+void KillLinkStopTest::aDriverThatRefusesToCloseAfterTheKillIsReported()
 {
     ImpatientProbe core;
     QVERIFY(core.connectIdle());
@@ -182,7 +182,7 @@ void KillStop::aDriverThatRefusesToCloseAfterTheKillIsReported()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aHandlerOfTheErrorMayOpenAgain()
+void KillLinkStopTest::aHandlerOfTheErrorMayOpenAgain()
 {
     ImpatientProbe core(5000);
     QVERIFY(core.connectStepwise(1));
@@ -209,7 +209,7 @@ void KillStop::aHandlerOfTheErrorMayOpenAgain()
     core.locked([&](QMutexLocker &) { core._param.threadStopTimeout = 5000; });
 }
 
-void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
+void KillLinkStopTest::aHandlerThatDoesNotReturnIsNotKilled()
 {
     ImpatientProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -241,7 +241,7 @@ void KillStop::aHandlerThatDoesNotReturnIsNotKilled()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aThreadMayBeKilledAtAnyMoment()
+void KillLinkStopTest::aThreadMayBeKilledAtAnyMoment()
 {
     ImpatientProbe core(0);
     for (int i = 0; i < 60; ++i) {
@@ -259,7 +259,7 @@ void KillStop::aThreadMayBeKilledAtAnyMoment()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::aThreadMayBeKilledAmongLogLines()
+void KillLinkStopTest::aThreadMayBeKilledAmongLogLines()
 {
     ImpatientProbe core(0);
     {
@@ -289,7 +289,7 @@ void KillStop::aThreadMayBeKilledAmongLogLines()
                  qPrintable(entry.message));
 }
 
-void KillStop::aThreadMayBeKilledWhileItsOpensFail()
+void KillLinkStopTest::aThreadMayBeKilledWhileItsOpensFail()
 {
     ImpatientProbe core(0);
     core.driver->failOpens(-1);
@@ -307,7 +307,7 @@ void KillStop::aThreadMayBeKilledWhileItsOpensFail()
     QVERIFY(core.worksAgain(2));
 }
 
-void KillStop::theDestructorKillsAsWell()
+void KillLinkStopTest::theDestructorKillsAsWell()
 {
     const LogCapture log;
     const auto driver = QSharedPointer<RecordingDriver>::create();
@@ -330,5 +330,5 @@ void KillStop::theDestructorKillsAsWell()
     QVERIFY(next.worksAgain(1));
 }
 
-QTEST_GUILESS_MAIN(KillStop)
+QTEST_GUILESS_MAIN(KillLinkStopTest)
 #include "tst_kill_link_stop.moc"

@@ -27,7 +27,7 @@ public:
 } // namespace
 
 /** A communication thread that survives its kill. */
-class KillStubborn : public QObject
+class KillLinkStubbornTest : public QObject
 {
     Q_OBJECT
 
@@ -39,7 +39,7 @@ private slots:
     void theWatchdogStartsNoSecondThread();
 };
 
-void KillStubborn::aStopReportsAThreadThatCannotBeKilled()
+void KillLinkStubbornTest::aStopReportsAThreadThatCannotBeKilled()
 {
     LinkProbe core(QSharedPointer<StubbornDriver>::create());
     ParamHal param = core.quietSetup();
@@ -71,7 +71,7 @@ void KillStubborn::aStopReportsAThreadThatCannotBeKilled()
     QVERIFY(core.driver->waitForWrite(dataMessage(2, "alive")));
 }
 
-void KillStubborn::theWatchdogStartsNoSecondThread()
+void KillLinkStubbornTest::theWatchdogStartsNoSecondThread()
 {
     LinkProbe core(QSharedPointer<StubbornDriver>::create());
     ParamHal param = core.testSetup();
@@ -94,5 +94,5 @@ void KillStubborn::theWatchdogStartsNoSecondThread()
     QTRY_COMPARE(core.status(), DriverState::CONNECTED);
 }
 
-QTEST_GUILESS_MAIN(KillStubborn)
+QTEST_GUILESS_MAIN(KillLinkStubbornTest)
 #include "tst_kill_link_stubborn.moc"

@@ -13,7 +13,7 @@ const QString killed = "_stopWorkerThread: communication thread did not stop -> 
 } // namespace
 
 /** A watchdog that has to kill the communication thread, and what comes after. */
-class KillWatchdog : public QObject
+class KillLinkWatchdogTest : public QObject
 {
     Q_OBJECT
 
@@ -52,14 +52,14 @@ private:
     }
 };
 
-void KillWatchdog::aStuckThreadIsKilledAndStartedAfresh_data()
+void KillLinkWatchdogTest::aStuckThreadIsKilledAndStartedAfresh_data()
 {
     QTest::addColumn<bool>("write");
     QTest::newRow("in a read") << false;
     QTest::newRow("in a write") << true;
 }
 
-void KillWatchdog::aStuckThreadIsKilledAndStartedAfresh()
+void KillLinkWatchdogTest::aStuckThreadIsKilledAndStartedAfresh()
 {
     QFETCH(bool, write);
     LinkProbe core;
@@ -88,7 +88,7 @@ void KillWatchdog::aStuckThreadIsKilledAndStartedAfresh()
     QVERIFY(core._mainLoopTimer.isActive());
 }
 
-void KillWatchdog::theRestartReportsTheLoss()
+void KillLinkWatchdogTest::theRestartReportsTheLoss()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -104,7 +104,7 @@ void KillWatchdog::theRestartReportsTheLoss()
     QCOMPARE(recorder.all(), expected);
 }
 
-void KillWatchdog::aThreadThatSticksAgainIsKilledAgain()
+void KillLinkWatchdogTest::aThreadThatSticksAgainIsKilledAgain()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -117,7 +117,7 @@ void KillWatchdog::aThreadThatSticksAgainIsKilledAgain()
     QVERIFY(core.driver->waitForWrite(dataMessage(1, "alive")));
 }
 
-void KillWatchdog::aDeviceThatAnswersTheCancelGoesOn()
+void KillLinkWatchdogTest::aDeviceThatAnswersTheCancelGoesOn()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -131,7 +131,7 @@ void KillWatchdog::aDeviceThatAnswersTheCancelGoesOn()
     QTRY_COMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void KillWatchdog::aStopInAHandlerOfTheRestartWins()
+void KillLinkWatchdogTest::aStopInAHandlerOfTheRestartWins()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -146,7 +146,7 @@ void KillWatchdog::aStopInAHandlerOfTheRestartWins()
     QVERIFY(!core._running);
 }
 
-void KillWatchdog::aHandlersWaitEndsBeforeTheKill()
+void KillLinkWatchdogTest::aHandlersWaitEndsBeforeTheKill()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -167,7 +167,7 @@ void KillWatchdog::aHandlersWaitEndsBeforeTheKill()
     QTRY_COMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void KillWatchdog::aDestructorThatOutlastsTheKillMayCallTheCore()
+void KillLinkWatchdogTest::aDestructorThatOutlastsTheKillMayCallTheCore()
 {
     LinkProbe core;
     core.setupConfig(_setup(core));
@@ -195,7 +195,7 @@ void KillWatchdog::aDestructorThatOutlastsTheKillMayCallTheCore()
     QTRY_COMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void KillWatchdog::theDefaultsGiveAThreadAboutFourSeconds()
+void KillLinkWatchdogTest::theDefaultsGiveAThreadAboutFourSeconds()
 {
     LinkProbe core;
     ParamHal param = core.testSetup();
@@ -214,5 +214,5 @@ void KillWatchdog::theDefaultsGiveAThreadAboutFourSeconds()
     QTRY_COMPARE(core.driver->opens(), 2);
 }
 
-QTEST_GUILESS_MAIN(KillWatchdog)
+QTEST_GUILESS_MAIN(KillLinkWatchdogTest)
 #include "tst_kill_link_watchdog.moc"

@@ -5,7 +5,7 @@
 #include <sys/prctl.h>
 
 /** The read/write cycle of a device: the order of the transfers, and the FIFO behind the writes. */
-class Cycle : public QObject
+class LinkCycleTest : public QObject
 {
     Q_OBJECT
 
@@ -33,7 +33,7 @@ private slots:
     void theLastMessageWritesWakeNoFlush();
 };
 
-void Cycle::theDeviceReadsFirstAndThenAlternates()
+void LinkCycleTest::theDeviceReadsFirstAndThenAlternates()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -41,7 +41,7 @@ void Cycle::theDeviceReadsFirstAndThenAlternates()
     QCOMPARE(core.transfers->calls().left(20), QByteArray("rw").repeated(10));
 }
 
-void Cycle::aFailedReadIsRepeatedBeforeAnyWrite()
+void LinkCycleTest::aFailedReadIsRepeatedBeforeAnyWrite()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -52,7 +52,7 @@ void Cycle::aFailedReadIsRepeatedBeforeAnyWrite()
     QCOMPARE(core.transfers->calls().left(6), QByteArray("rrrrwr"));
 }
 
-void Cycle::aRejectedBlockIsAnsweredToo()
+void LinkCycleTest::aRejectedBlockIsAnsweredToo()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -66,7 +66,7 @@ void Cycle::aRejectedBlockIsAnsweredToo()
     QVERIFY(core.eventually([&] { return core._readErrors == 0; }));
 }
 
-void Cycle::aRejectedBlockLeavesTheHandshakeUnderWay()
+void LinkCycleTest::aRejectedBlockLeavesTheHandshakeUnderWay()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -81,7 +81,7 @@ void Cycle::aRejectedBlockLeavesTheHandshakeUnderWay()
     QCOMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void Cycle::aFailedWriteIsRepeatedWithoutARead()
+void LinkCycleTest::aFailedWriteIsRepeatedWithoutARead()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -93,7 +93,7 @@ void Cycle::aFailedWriteIsRepeatedWithoutARead()
     QCOMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void Cycle::eachTransferIsFollowedByAPause()
+void LinkCycleTest::eachTransferIsFollowedByAPause()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -101,7 +101,7 @@ void Cycle::eachTransferIsFollowedByAPause()
     QVERIFY(core.transfers->smallestGap() >= 10 * 1000 * 1000);
 }
 
-void Cycle::theSystemDoesNotPutOffTheEndOfAPause()
+void LinkCycleTest::theSystemDoesNotPutOffTheEndOfAPause()
 {
     LinkProbe core;
     std::atomic<int> slack{0}; // ns
@@ -112,7 +112,7 @@ void Cycle::theSystemDoesNotPutOffTheEndOfAPause()
     QTRY_COMPARE(slack, 1);
 }
 
-void Cycle::theMutexIsFreeDuringDriverCalls()
+void LinkCycleTest::theMutexIsFreeDuringDriverCalls()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -138,7 +138,7 @@ void Cycle::theMutexIsFreeDuringDriverCalls()
     QCOMPARE(core.driver->written(), QList<QByteArray>());
 }
 
-void Cycle::aMessageTakesThePlaceOfTheIdleMessage()
+void LinkCycleTest::aMessageTakesThePlaceOfTheIdleMessage()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -152,7 +152,7 @@ void Cycle::aMessageTakesThePlaceOfTheIdleMessage()
     QCOMPARE(core.driver->written(), expected);
 }
 
-void Cycle::aMessageLeavesTheFifoOnlyWhenItIsWritten()
+void LinkCycleTest::aMessageLeavesTheFifoOnlyWhenItIsWritten()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -166,7 +166,7 @@ void Cycle::aMessageLeavesTheFifoOnlyWhenItIsWritten()
     QCOMPARE(core.driver->writtenData(), QList<QByteArray>{dataMessage(1, "data")});
 }
 
-void Cycle::aFailedWriteKeepsTheHeadOfTheFifo()
+void LinkCycleTest::aFailedWriteKeepsTheHeadOfTheFifo()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -183,7 +183,7 @@ void Cycle::aFailedWriteKeepsTheHeadOfTheFifo()
     QCOMPARE(core.driver->written().last(), dataMessage(1, "second"));
 }
 
-void Cycle::aMessageQueuedDuringAnIdleWriteIsNotTakenForTheOneSent()
+void LinkCycleTest::aMessageQueuedDuringAnIdleWriteIsNotTakenForTheOneSent()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -199,7 +199,7 @@ void Cycle::aMessageQueuedDuringAnIdleWriteIsNotTakenForTheOneSent()
     QCOMPARE(core.driver->writtenData(), QList<QByteArray>{dataMessage(1, "late")});
 }
 
-void Cycle::closingAPortDuringItsWriteCostsNoOtherMessage()
+void LinkCycleTest::closingAPortDuringItsWriteCostsNoOtherMessage()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -221,7 +221,7 @@ void Cycle::closingAPortDuringItsWriteCostsNoOtherMessage()
     QCOMPARE(core.bytesToWrite(), 0);
 }
 
-void Cycle::losingAPortDuringItsWriteCostsNoOtherMessage()
+void LinkCycleTest::losingAPortDuringItsWriteCostsNoOtherMessage()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -241,7 +241,7 @@ void Cycle::losingAPortDuringItsWriteCostsNoOtherMessage()
     QCOMPARE(core.driver->writtenData().last(), dataMessage(2, "two"));
 }
 
-void Cycle::aCopyOfTheMessageUnderWayIsSentAsWell()
+void LinkCycleTest::aCopyOfTheMessageUnderWayIsSentAsWell()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -261,7 +261,7 @@ void Cycle::aCopyOfTheMessageUnderWayIsSentAsWell()
     QCOMPARE(core.driver->writtenData(), expected);
 }
 
-void Cycle::aMessageQueuedAfterAFailedOneIsGoneIsSentOnce()
+void LinkCycleTest::aMessageQueuedAfterAFailedOneIsGoneIsSentOnce()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -281,7 +281,7 @@ void Cycle::aMessageQueuedAfterAFailedOneIsGoneIsSentOnce()
     QCOMPARE(core.bytesToWrite(), 0);
 }
 
-void Cycle::theLastMessageWritesWakeNoFlush()
+void LinkCycleTest::theLastMessageWritesWakeNoFlush()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -294,5 +294,5 @@ void Cycle::theLastMessageWritesWakeNoFlush()
     QVERIFY(core.log.contains("flush: FIFO write is empty (0)"));
 }
 
-QTEST_GUILESS_MAIN(Cycle)
+QTEST_GUILESS_MAIN(LinkCycleTest)
 #include "tst_link_cycle.moc"

@@ -32,7 +32,7 @@ public:
 } // namespace
 
 /** The host's side of the cycle and its ways out of the thread. */
-class Host : public QObject
+class LinkHostTest : public QObject
 {
     Q_OBJECT
 
@@ -64,7 +64,7 @@ private slots:
     void theHostGivesUpAfterFiftyFailedReopens();
 };
 
-void Host::theHostWritesFirst()
+void LinkHostTest::theHostWritesFirst()
 {
     HostProbe core;
     QVERIFY(core.connectIdle());
@@ -72,7 +72,7 @@ void Host::theHostWritesFirst()
     QCOMPARE(core.transfers->calls().left(20), QByteArray("wr").repeated(10));
 }
 
-void Host::theHostSendsTheBareMessage()
+void LinkHostTest::theHostSendsTheBareMessage()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -82,7 +82,7 @@ void Host::theHostSendsTheBareMessage()
     QVERIFY(!core.log.contains("_connectedFunc: max read size message sent with value = 10000"));
 }
 
-void Host::theHostNeverAsksTheDeviceToWait()
+void LinkHostTest::theHostNeverAsksTheDeviceToWait()
 {
     HostProbe core;
     ParamHal param = core.quietSetup();
@@ -93,7 +93,7 @@ void Host::theHostNeverAsksTheDeviceToWait()
     QCOMPARE(core.driver->written().last(), QByteArray("DEVICE_NODATA"));
 }
 
-void Host::theLastMessageWritesWakeAFlush()
+void LinkHostTest::theLastMessageWritesWakeAFlush()
 {
     HostProbe core;
     QVERIFY(core.connectIdle());
@@ -107,7 +107,7 @@ void Host::theLastMessageWritesWakeAFlush()
     QCOMPARE(core.driver->writtenData(), expected);
 }
 
-void Host::aFailedWriteIsRepeated()
+void LinkHostTest::aFailedWriteIsRepeated()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -120,7 +120,7 @@ void Host::aFailedWriteIsRepeated()
     QCOMPARE(core.bytesToWrite(), 0);
 }
 
-void Host::theFirstGoodReadIsLoggedOncePerConnection()
+void LinkHostTest::theFirstGoodReadIsLoggedOncePerConnection()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -133,7 +133,7 @@ void Host::theFirstGoodReadIsLoggedOncePerConnection()
     QCOMPARE(core.log.count("_connectedFunc: " + connectedLine), 2);
 }
 
-void Host::theHandshakeCountsItsPasses()
+void LinkHostTest::theHandshakeCountsItsPasses()
 {
     HostProbe core;
     core.driver->failReads(2);
@@ -147,7 +147,7 @@ void Host::theHandshakeCountsItsPasses()
     QCOMPARE(core.logged("_connectedFunc"), expected);
 }
 
-void Host::failedReadsDuringTheHandshakeLeadBackToTheWrite()
+void LinkHostTest::failedReadsDuringTheHandshakeLeadBackToTheWrite()
 {
     HostProbe core;
     core.driver->failReads(5);
@@ -159,7 +159,7 @@ void Host::failedReadsDuringTheHandshakeLeadBackToTheWrite()
     QCOMPARE(core.log.count("_connectedFunc: retry write"), 3);
 }
 
-void Host::failedReadsAfterTheHandshakeLeadBackToTheWrite()
+void LinkHostTest::failedReadsAfterTheHandshakeLeadBackToTheWrite()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -175,7 +175,7 @@ void Host::failedReadsAfterTheHandshakeLeadBackToTheWrite()
     QVERIFY(!core.log.contains("_connectedFunc: closeDriverAfterConnectionError = false"));
 }
 
-void Host::aRejectedBlockIsReadOn_data()
+void LinkHostTest::aRejectedBlockIsReadOn_data()
 {
     QTest::addColumn<quint32>("retries");
     QTest::addColumn<QByteArray>("calls");
@@ -183,7 +183,7 @@ void Host::aRejectedBlockIsReadOn_data()
     QTest::newRow("not without one") << 1u << QByteArray("wrwr");
 }
 
-void Host::aRejectedBlockIsReadOn()
+void LinkHostTest::aRejectedBlockIsReadOn()
 {
     QFETCH(quint32, retries);
     QFETCH(QByteArray, calls);
@@ -199,7 +199,7 @@ void Host::aRejectedBlockIsReadOn()
     QCOMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void Host::theMaxWriteSizeIsTakenFromTheDevice()
+void LinkHostTest::theMaxWriteSizeIsTakenFromTheDevice()
 {
     HostProbe core;
     QVERIFY(core.openStepwise());
@@ -208,7 +208,7 @@ void Host::theMaxWriteSizeIsTakenFromTheDevice()
     QVERIFY(core.log.contains("_processMessage: max write size set to 513"));
 }
 
-void Host::waitingWritersAreLetWriteAgain()
+void LinkHostTest::waitingWritersAreLetWriteAgain()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -220,7 +220,7 @@ void Host::waitingWritersAreLetWriteAgain()
     QVERIFY(core.log.contains("_connectedFunc: write permission granted"));
 }
 
-void Host::theLinkIsLostByFailedWrites()
+void LinkHostTest::theLinkIsLostByFailedWrites()
 {
     HostProbe core;
     QVERIFY(core.connectStepwise());
@@ -233,7 +233,7 @@ void Host::theLinkIsLostByFailedWrites()
     QVERIFY(core.log.contains("_connectedFunc: Disconnect write attempts : 5"));
 }
 
-void Host::theHandshakeFailsAfterTwentyPasses()
+void LinkHostTest::theHandshakeFailsAfterTwentyPasses()
 {
     HostProbe core;
     core.setupConfig(core.quietSetup());
@@ -248,7 +248,7 @@ void Host::theHandshakeFailsAfterTwentyPasses()
     QCOMPARE(lines.value(21), QString("handshake counter = 1"));
 }
 
-void Host::theHostGivesUpWithoutPortsAfterAFailedHandshake()
+void LinkHostTest::theHostGivesUpWithoutPortsAfterAFailedHandshake()
 {
     HostProbe core;
     core.setupConfig(core.quietSetup());
@@ -268,7 +268,7 @@ void Host::theHostGivesUpWithoutPortsAfterAFailedHandshake()
     QVERIFY(core.log.contains("_endOfConnectedThread: clean exit of communication thread"));
 }
 
-void Host::theHostGoesOnWithAPortAfterAFailedHandshake()
+void LinkHostTest::theHostGoesOnWithAPortAfterAFailedHandshake()
 {
     HostProbe core;
     core.setupConfig(core.quietSetup());
@@ -283,7 +283,7 @@ void Host::theHostGoesOnWithAPortAfterAFailedHandshake()
     QTRY_COMPARE(core.socketStatus(1), SocketState::OPENED);
 }
 
-void Host::theHostGivesUpAfterFiftyOneFailedOpens()
+void LinkHostTest::theHostGivesUpAfterFiftyOneFailedOpens()
 {
     HostProbe core;
     core.setupConfig(core.quietSetup());
@@ -303,7 +303,7 @@ void Host::theHostGivesUpAfterFiftyOneFailedOpens()
     QVERIFY(!core._running);
 }
 
-void Host::aFailedReopenEndsTheThread()
+void LinkHostTest::aFailedReopenEndsTheThread()
 {
     HostProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -320,7 +320,7 @@ void Host::aFailedReopenEndsTheThread()
     QCOMPARE(core.driver->closes(), 1);
 }
 
-void Host::theHostGivesUpAfterFiftyFailedReopens_data()
+void LinkHostTest::theHostGivesUpAfterFiftyFailedReopens_data()
 {
     QTest::addColumn<quint32>("failures");
     QTest::addColumn<bool>("goesOn");
@@ -328,7 +328,7 @@ void Host::theHostGivesUpAfterFiftyFailedReopens_data()
     QTest::newRow("fifty") << 49u << false;
 }
 
-void Host::theHostGivesUpAfterFiftyFailedReopens()
+void LinkHostTest::theHostGivesUpAfterFiftyFailedReopens()
 {
     QFETCH(quint32, failures);
     QFETCH(bool, goesOn);
@@ -347,5 +347,5 @@ void Host::theHostGivesUpAfterFiftyFailedReopens()
     QVERIFY(!core._hwDriver);
 }
 
-QTEST_GUILESS_MAIN(Host)
+QTEST_GUILESS_MAIN(LinkHostTest)
 #include "tst_link_host.moc"

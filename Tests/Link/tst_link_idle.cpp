@@ -15,7 +15,7 @@ QString sentLine(int size)
 } // namespace
 
 /** What a device sends when no message waits: its max read size, or the request to wait. */
-class Idle : public QObject
+class LinkIdleTest : public QObject
 {
     Q_OBJECT
 
@@ -38,7 +38,7 @@ private slots:
     void thirtyReadsAreCountedInSixtyFourBits();
 };
 
-void Idle::everyIdleMessageCarriesTheMaxReadSize()
+void LinkIdleTest::everyIdleMessageCarriesTheMaxReadSize()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -48,7 +48,7 @@ void Idle::everyIdleMessageCarriesTheMaxReadSize()
     QCOMPARE(core.log.count(sentLine(10000)), 1);
 }
 
-void Idle::aMaxReadSizeOfZeroKeepsTheMessageBare()
+void LinkIdleTest::aMaxReadSizeOfZeroKeepsTheMessageBare()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -61,7 +61,7 @@ void Idle::aMaxReadSizeOfZeroKeepsTheMessageBare()
     QCOMPARE(core.log.count(sentLine(0)), 1);
 }
 
-void Idle::aNewMaxReadSizeIsAnnounced()
+void LinkIdleTest::aNewMaxReadSizeIsAnnounced()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -74,7 +74,7 @@ void Idle::aNewMaxReadSizeIsAnnounced()
     QVERIFY(!core.log.contains(sentLine(512)));
 }
 
-void Idle::theMaxReadSizeIsLoggedOncePerConnection()
+void LinkIdleTest::theMaxReadSizeIsLoggedOncePerConnection()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -86,7 +86,7 @@ void Idle::theMaxReadSizeIsLoggedOncePerConnection()
     QCOMPARE(core.log.count(sentLine(10000)), 2);
 }
 
-void Idle::losingAPortMakesTheMaxReadSizeLoggedAgain()
+void LinkIdleTest::losingAPortMakesTheMaxReadSizeLoggedAgain()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -96,7 +96,7 @@ void Idle::losingAPortMakesTheMaxReadSizeLoggedAgain()
     QCOMPARE(core.log.count(sentLine(10000)), 2);
 }
 
-void Idle::theHostIsAskedToWaitAboveThirtyReads_data()
+void LinkIdleTest::theHostIsAskedToWaitAboveThirtyReads_data()
 {
     QTest::addColumn<int>("readSize");
     QTest::addColumn<int>("unread");
@@ -107,7 +107,7 @@ void Idle::theHostIsAskedToWaitAboveThirtyReads_data()
     QTest::newRow("nothing, when nothing may be read") << 0 << 0 << false;
 }
 
-void Idle::theHostIsAskedToWaitAboveThirtyReads()
+void LinkIdleTest::theHostIsAskedToWaitAboveThirtyReads()
 {
     QFETCH(int, readSize);
     QFETCH(int, unread);
@@ -123,7 +123,7 @@ void Idle::theHostIsAskedToWaitAboveThirtyReads()
     QCOMPARE(core.log.count(mayWrite), 0);
 }
 
-void Idle::theRequestIsRepeatedUntilAllIsRead()
+void LinkIdleTest::theRequestIsRepeatedUntilAllIsRead()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -146,7 +146,7 @@ void Idle::theRequestIsRepeatedUntilAllIsRead()
     QCOMPARE(core.log.count(mayWrite), 1);
 }
 
-void Idle::theHostIsAskedAgainAfterItWasLetWrite()
+void LinkIdleTest::theHostIsAskedAgainAfterItWasLetWrite()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -166,7 +166,7 @@ void Idle::theHostIsAskedAgainAfterItWasLetWrite()
     QCOMPARE(core.log.count(mayWrite), 2);
 }
 
-void Idle::messagesGoOutWhileTheHostWaits()
+void LinkIdleTest::messagesGoOutWhileTheHostWaits()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -182,7 +182,7 @@ void Idle::messagesGoOutWhileTheHostWaits()
     QCOMPARE(core.driver->written(), expected);
 }
 
-void Idle::theRequestOutlivesTheLink()
+void LinkIdleTest::theRequestOutlivesTheLink()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -201,7 +201,7 @@ void Idle::theRequestOutlivesTheLink()
     QCOMPARE(core.log.count(mayWrite), 1);
 }
 
-void Idle::thirtyReadsAreCountedInSixtyFourBits()
+void LinkIdleTest::thirtyReadsAreCountedInSixtyFourBits()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -212,5 +212,5 @@ void Idle::thirtyReadsAreCountedInSixtyFourBits()
     QCOMPARE(core.log.count(askToWait), 0);
 }
 
-QTEST_GUILESS_MAIN(Idle)
+QTEST_GUILESS_MAIN(LinkIdleTest)
 #include "tst_link_idle.moc"

@@ -55,7 +55,7 @@ bool endsWell(std::future<bool> &call)
 } // namespace
 
 /** A start beside the end before it. */
-class Lifecycle : public QObject
+class LinkLifecycleTest : public QObject
 {
     Q_OBJECT
 
@@ -97,7 +97,7 @@ private:
     }
 };
 
-void Lifecycle::twoOpenersReturnWhenTheNewCommunicationRuns()
+void LinkLifecycleTest::twoOpenersReturnWhenTheNewCommunicationRuns()
 {
     for (int round = 0; round < 20; ++round) {
         LinkProbe core;
@@ -119,7 +119,7 @@ void Lifecycle::twoOpenersReturnWhenTheNewCommunicationRuns()
     }
 }
 
-void Lifecycle::aStopBesideAWaitingOpenerDoesNotFailIt()
+void LinkLifecycleTest::aStopBesideAWaitingOpenerDoesNotFailIt()
 {
     for (int round = 0; round < 20; ++round) {
         LinkProbe core;
@@ -146,7 +146,7 @@ void Lifecycle::aStopBesideAWaitingOpenerDoesNotFailIt()
     }
 }
 
-void Lifecycle::anOpenerOutlastsAStopThatTakesTooLong()
+void LinkLifecycleTest::anOpenerOutlastsAStopThatTakesTooLong()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -166,7 +166,7 @@ void Lifecycle::anOpenerOutlastsAStopThatTakesTooLong()
     QVERIFY(core.waitForConnected(patience));
 }
 
-void Lifecycle::aDestructorInTheEndingThreadMayCallTheCore()
+void LinkLifecycleTest::aDestructorInTheEndingThreadMayCallTheCore()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -196,7 +196,7 @@ void Lifecycle::aDestructorInTheEndingThreadMayCallTheCore()
     QVERIFY(core.waitForConnected(patience));
 }
 
-void Lifecycle::aDestructorInTheEndingThreadCannotStartIt()
+void LinkLifecycleTest::aDestructorInTheEndingThreadCannotStartIt()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -215,7 +215,7 @@ void Lifecycle::aDestructorInTheEndingThreadCannotStartIt()
     QVERIFY(core.waitForConnected(patience));
 }
 
-void Lifecycle::aDestructorInTheEndingThreadMayStop()
+void LinkLifecycleTest::aDestructorInTheEndingThreadMayStop()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -236,7 +236,7 @@ void Lifecycle::aDestructorInTheEndingThreadMayStop()
     QVERIFY(!core.log.contains("stop: communication thread still running"));
 }
 
-void Lifecycle::theOwnersThreadMayOpenRightAfterAHandlersStop()
+void LinkLifecycleTest::theOwnersThreadMayOpenRightAfterAHandlersStop()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -252,7 +252,7 @@ void Lifecycle::theOwnersThreadMayOpenRightAfterAHandlersStop()
     QVERIFY(core._mainLoopTimer.isActive());
 }
 
-void Lifecycle::aCoreWithoutDriversAnswers()
+void LinkLifecycleTest::aCoreWithoutDriversAnswers()
 {
     const LogCapture log;
     UsbHAL core({});
@@ -271,7 +271,7 @@ void Lifecycle::aCoreWithoutDriversAnswers()
     QVERIFY(log.contains("stop: communication thread stopped"));
 }
 
-void Lifecycle::aStopInAHandlerEndsTheBuffer()
+void LinkLifecycleTest::aStopInAHandlerEndsTheBuffer()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -287,7 +287,7 @@ void Lifecycle::aStopInAHandlerEndsTheBuffer()
     QCOMPARE(core.queuedMessages(1), 1);
 }
 
-void Lifecycle::noPayloadOfBeforeAStopReachesTheNewPort()
+void LinkLifecycleTest::noPayloadOfBeforeAStopReachesTheNewPort()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -316,7 +316,7 @@ void Lifecycle::noPayloadOfBeforeAStopReachesTheNewPort()
 using Wait = std::function<bool(LinkProbe &)>; // returns whether it was not reached
 Q_DECLARE_METATYPE(Wait)
 
-void Lifecycle::anOpenInTheStoppedThreadResetsTheWatchdog()
+void LinkLifecycleTest::anOpenInTheStoppedThreadResetsTheWatchdog()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -338,7 +338,7 @@ void Lifecycle::anOpenInTheStoppedThreadResetsTheWatchdog()
     QCOMPARE(after, 0U);
 }
 
-void Lifecycle::aWaitInAHandlerEndsWithAStop_data()
+void LinkLifecycleTest::aWaitInAHandlerEndsWithAStop_data()
 {
     constexpr int forLong = 600000; // ms
     QTest::addColumn<Wait>("wait");
@@ -357,7 +357,7 @@ void Lifecycle::aWaitInAHandlerEndsWithAStop_data()
     });
 }
 
-void Lifecycle::aWaitInAHandlerEndsWithAStop()
+void LinkLifecycleTest::aWaitInAHandlerEndsWithAStop()
 {
     QFETCH(Wait, wait);
     LinkProbe core;
@@ -381,7 +381,7 @@ void Lifecycle::aWaitInAHandlerEndsWithAStop()
     QVERIFY(QObject::disconnect(handler));
 }
 
-void Lifecycle::aWaitInAStoppedHandlerDoesNotBegin()
+void LinkLifecycleTest::aWaitInAStoppedHandlerDoesNotBegin()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -396,5 +396,5 @@ void Lifecycle::aWaitInAStoppedHandlerDoesNotBegin()
     QVERIFY(core.waitForEndOfThread());
 }
 
-QTEST_GUILESS_MAIN(Lifecycle)
+QTEST_GUILESS_MAIN(LinkLifecycleTest)
 #include "tst_link_lifecycle.moc"

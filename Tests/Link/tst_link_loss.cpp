@@ -20,7 +20,7 @@ const QString lossEnd = "_connectedFunc: closeDriverAfterConnectionError = ";
 } // namespace
 
 /** How the link is lost, and what the loss does to the ports, the queues and the driver. */
-class Loss : public QObject
+class LinkLossTest : public QObject
 {
     Q_OBJECT
 
@@ -49,7 +49,7 @@ private slots:
     void theSameDriverGoesOnUnlessItWantsToBeClosed();
 };
 
-void Loss::oneFailedReadAboveTheRetriesTakesTheLinkDown_data()
+void LinkLossTest::oneFailedReadAboveTheRetriesTakesTheLinkDown_data()
 {
     QTest::addColumn<int>("retries");
     QTest::newRow("no retry") << 0;
@@ -58,7 +58,7 @@ void Loss::oneFailedReadAboveTheRetriesTakesTheLinkDown_data()
     QTest::newRow("ten retries") << 10;
 }
 
-void Loss::oneFailedReadAboveTheRetriesTakesTheLinkDown()
+void LinkLossTest::oneFailedReadAboveTheRetriesTakesTheLinkDown()
 {
     QFETCH(int, retries);
     LinkProbe core;
@@ -83,7 +83,7 @@ void Loss::oneFailedReadAboveTheRetriesTakesTheLinkDown()
              lossLines(retries + 1, 0, QString::number(retries), false, false));
 }
 
-void Loss::oneFailedWriteAboveTheRetriesTakesTheLinkDown()
+void LinkLossTest::oneFailedWriteAboveTheRetriesTakesTheLinkDown()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -95,7 +95,7 @@ void Loss::oneFailedWriteAboveTheRetriesTakesTheLinkDown()
     QCOMPARE(core.logged("_connectedFunc").mid(1), lossLines(0, 5, "4", false, false));
 }
 
-void Loss::asManyFailedWritesAsRetriesDoNot()
+void LinkLossTest::asManyFailedWritesAsRetriesDoNot()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -105,7 +105,7 @@ void Loss::asManyFailedWritesAsRetriesDoNot()
     QVERIFY(!core.log.contains(lossEnd + "false"));
 }
 
-void Loss::failedTransfersAreCountedInARow()
+void LinkLossTest::failedTransfersAreCountedInARow()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -120,7 +120,7 @@ void Loss::failedTransfersAreCountedInARow()
     QVERIFY(!core.log.contains(lossEnd + "false"));
 }
 
-void Loss::rejectedBlocksAloneDoNotAccumulate()
+void LinkLossTest::rejectedBlocksAloneDoNotAccumulate()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -130,7 +130,7 @@ void Loss::rejectedBlocksAloneDoNotAccumulate()
     QVERIFY(core.eventually([&] { return core._readErrors == 1; }));
 }
 
-void Loss::withoutRetriesOneRejectedBlockTakesTheLinkDown()
+void LinkLossTest::withoutRetriesOneRejectedBlockTakesTheLinkDown()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -142,7 +142,7 @@ void Loss::withoutRetriesOneRejectedBlockTakesTheLinkDown()
     QCOMPARE(core.logged("_connectedFunc").mid(1), lossLines(1, 0, "0", false, false));
 }
 
-void Loss::failedReadsDuringTheHandshakeAreBorne()
+void LinkLossTest::failedReadsDuringTheHandshakeAreBorne()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -156,7 +156,7 @@ void Loss::failedReadsDuringTheHandshakeAreBorne()
     QVERIFY(!core.log.contains(lossEnd + "false"));
 }
 
-void Loss::failedWritesDuringTheHandshakeAreBorne()
+void LinkLossTest::failedWritesDuringTheHandshakeAreBorne()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -169,7 +169,7 @@ void Loss::failedWritesDuringTheHandshakeAreBorne()
     QVERIFY(!core.log.contains(lossEnd + "false"));
 }
 
-void Loss::aDriverMayHaveTheLinkForcedDownWithItsLastPort()
+void LinkLossTest::aDriverMayHaveTheLinkForcedDownWithItsLastPort()
 {
     LinkProbe core;
     core.driver->setAvoidClosingDuringHandshake(true);
@@ -188,7 +188,7 @@ void Loss::aDriverMayHaveTheLinkForcedDownWithItsLastPort()
     QVERIFY(core.eventually([&] { return !core._forceLowLevelDisconnection; }));
 }
 
-void Loss::theLinkIsForcedDownDuringTheHandshakeToo()
+void LinkLossTest::theLinkIsForcedDownDuringTheHandshakeToo()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -206,7 +206,7 @@ void Loss::theLinkIsForcedDownDuringTheHandshakeToo()
     QCOMPARE(recorder.all(), expected);
 }
 
-void Loss::otherDriversKeepTheLinkWithoutPorts()
+void LinkLossTest::otherDriversKeepTheLinkWithoutPorts()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -217,7 +217,7 @@ void Loss::otherDriversKeepTheLinkWithoutPorts()
     QVERIFY(!core.log.contains("_onDisconnected: [USBHAL] force low-level disconnection"));
 }
 
-void Loss::theSignalsOfALossComeInTheirOrder()
+void LinkLossTest::theSignalsOfALossComeInTheirOrder()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -246,7 +246,7 @@ void Loss::theSignalsOfALossComeInTheirOrder()
     QCOMPARE(lines.mid(begin), logged);
 }
 
-void Loss::theSignalsOfAReturnComeInTheirOrder()
+void LinkLossTest::theSignalsOfAReturnComeInTheirOrder()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -262,7 +262,7 @@ void Loss::theSignalsOfAReturnComeInTheirOrder()
     QVERIFY(core.log.contains("_updateStatus: UsbHal switched to CONNECTED state"));
 }
 
-void Loss::aLossDropsWhatWasNotWrittenAndNotRead()
+void LinkLossTest::aLossDropsWhatWasNotWrittenAndNotRead()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -282,7 +282,7 @@ void Loss::aLossDropsWhatWasNotWrittenAndNotRead()
     QCOMPARE(core.driver->writtenData(), QList<QByteArray>());
 }
 
-void Loss::aLossStartsTheHandshakeAfresh()
+void LinkLossTest::aLossStartsTheHandshakeAfresh()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -300,7 +300,7 @@ void Loss::aLossStartsTheHandshakeAfresh()
     QCOMPARE(core.log.count(lossEnd + "false"), 1);
 }
 
-void Loss::theSameDriverGoesOnUnlessItWantsToBeClosed()
+void LinkLossTest::theSameDriverGoesOnUnlessItWantsToBeClosed()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -312,5 +312,5 @@ void Loss::theSameDriverGoesOnUnlessItWantsToBeClosed()
     QCOMPARE(core.driver->closes(), 0);
 }
 
-QTEST_GUILESS_MAIN(Loss)
+QTEST_GUILESS_MAIN(LinkLossTest)
 #include "tst_link_loss.moc"

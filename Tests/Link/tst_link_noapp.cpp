@@ -5,7 +5,7 @@
 #include <Background.h>
 
 /** A client without a QCoreApplication. */
-class NoApplication : public QObject
+class LinkNoAppTest : public QObject
 {
     Q_OBJECT
 
@@ -23,7 +23,7 @@ private slots:
     void aTimerChangeLostWithItsApplicationHoldsNoOtherBack();
 };
 
-void NoApplication::theLinkWorksAndRecovers()
+void LinkNoAppTest::theLinkWorksAndRecovers()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -39,7 +39,7 @@ void NoApplication::theLinkWorksAndRecovers()
     QVERIFY(core.closeConnection(1));
 }
 
-void NoApplication::theCommunicationStopsAndStartsAgain()
+void LinkNoAppTest::theCommunicationStopsAndStartsAgain()
 {
     LinkProbe core;
     for (int port = 1; port <= 3; ++port) {
@@ -50,7 +50,7 @@ void NoApplication::theCommunicationStopsAndStartsAgain()
     }
 }
 
-void NoApplication::aCoreIsDestroyedWhileItRuns()
+void LinkNoAppTest::aCoreIsDestroyedWhileItRuns()
 {
     const auto driver = QSharedPointer<RecordingDriver>::create();
     {
@@ -60,7 +60,7 @@ void NoApplication::aCoreIsDestroyedWhileItRuns()
     QCOMPARE(driver->closes(), 1);
 }
 
-void NoApplication::aTimerChangeLostWithItsApplicationHoldsNoOtherBack()
+void LinkNoAppTest::aTimerChangeLostWithItsApplicationHoldsNoOtherBack()
 {
     LinkProbe core;
     int argc = 0;
@@ -74,5 +74,5 @@ void NoApplication::aTimerChangeLostWithItsApplicationHoldsNoOtherBack()
     QTRY_VERIFY(core._mainLoopTimer.isActive());
 }
 
-QTEST_APPLESS_MAIN(NoApplication)
+QTEST_APPLESS_MAIN(LinkNoAppTest)
 #include "tst_link_noapp.moc"

@@ -12,7 +12,7 @@ const QString closedFolder = "/proc/self";
 } // namespace
 
 /** A log that cannot be opened. */
-class NoLog : public QObject
+class LinkNoLogTest : public QObject
 {
     Q_OBJECT
 
@@ -24,7 +24,7 @@ private slots:
     void theCoreRunsOnWithoutALog();
 };
 
-void NoLog::theFolderIsReportedOnStandardOutput()
+void LinkNoLogTest::theFolderIsReportedOnStandardOutput()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -38,7 +38,7 @@ void NoLog::theFolderIsReportedOnStandardOutput()
     QVERIFY(!UsbHalLog::getInstance()->isLogCreated());
 }
 
-void NoLog::theCoreRunsOnWithoutALog()
+void LinkNoLogTest::theCoreRunsOnWithoutALog()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -53,5 +53,5 @@ void NoLog::theCoreRunsOnWithoutALog()
     QVERIFY(output.contains("USBHAL] stop - communication thread stopped\n"));
 }
 
-QTEST_GUILESS_MAIN(NoLog)
+QTEST_GUILESS_MAIN(LinkNoLogTest)
 #include "tst_link_nolog.moc"

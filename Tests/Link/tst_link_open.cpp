@@ -38,7 +38,7 @@ private:
 } // namespace
 
 /** From the start of the communication to an open driver. */
-class Open : public QObject
+class LinkOpenTest : public QObject
 {
     Q_OBJECT
 
@@ -62,7 +62,7 @@ private slots:
     void aStopDuringAnOpenClosesTheDriver();
 };
 
-void Open::theFirstDriverThatOpensIsTaken()
+void LinkOpenTest::theFirstDriverThatOpensIsTaken()
 {
     const auto first = QSharedPointer<ScriptedDriver>::create("first");
     const auto second = QSharedPointer<ScriptedDriver>::create("second");
@@ -73,7 +73,7 @@ void Open::theFirstDriverThatOpensIsTaken()
     QCOMPARE(second->opens(), 0);
 }
 
-void Open::theDriversAreTriedInTheirOrder()
+void LinkOpenTest::theDriversAreTriedInTheirOrder()
 {
     const auto first = QSharedPointer<ScriptedDriver>::create("first");
     const auto second = QSharedPointer<ScriptedDriver>::create("second");
@@ -86,7 +86,7 @@ void Open::theDriversAreTriedInTheirOrder()
     QCOMPARE(second->opens(), 1);
 }
 
-void Open::everyRoundBeginsWithTheFirstDriver()
+void LinkOpenTest::everyRoundBeginsWithTheFirstDriver()
 {
     const auto first = QSharedPointer<ScriptedDriver>::create("first");
     const auto second = QSharedPointer<ScriptedDriver>::create("second");
@@ -100,7 +100,7 @@ void Open::everyRoundBeginsWithTheFirstDriver()
     QCOMPARE(second->opens(), 2);
 }
 
-void Open::failedOpensAreLoggedOnceAfterFiftyOne_data()
+void LinkOpenTest::failedOpensAreLoggedOnceAfterFiftyOne_data()
 {
     QTest::addColumn<int>("failures");
     QTest::addColumn<int>("lines");
@@ -109,7 +109,7 @@ void Open::failedOpensAreLoggedOnceAfterFiftyOne_data()
     QTest::newRow("a hundred and twenty") << 120 << 1;
 }
 
-void Open::failedOpensAreLoggedOnceAfterFiftyOne()
+void LinkOpenTest::failedOpensAreLoggedOnceAfterFiftyOne()
 {
     QFETCH(int, failures);
     QFETCH(int, lines);
@@ -120,7 +120,7 @@ void Open::failedOpensAreLoggedOnceAfterFiftyOne()
     QCOMPARE(core.log.count(openFailed), lines);
 }
 
-void Open::failedOpensTouchNoPort()
+void LinkOpenTest::failedOpensTouchNoPort()
 {
     LinkProbe core;
     SignalRecorder recorder(&core);
@@ -135,7 +135,7 @@ void Open::failedOpensTouchNoPort()
     QCOMPARE(recorder.all(), expected);
 }
 
-void Open::theErrorCountsStartAtZero()
+void LinkOpenTest::theErrorCountsStartAtZero()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -147,7 +147,7 @@ void Open::theErrorCountsStartAtZero()
     QCOMPARE(core.locked([&](QMutexLocker &) { return core._readErrors + core._writeErrors; }), 0u);
 }
 
-void Open::anOpenedDriverTakesTheConfiguration()
+void LinkOpenTest::anOpenedDriverTakesTheConfiguration()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -162,7 +162,7 @@ void Open::anOpenedDriverTakesTheConfiguration()
     QCOMPARE(core.driver->getNbRetry(), 7u);
 }
 
-void Open::aDriverIsOpenedWithoutAConfiguration()
+void LinkOpenTest::aDriverIsOpenedWithoutAConfiguration()
 {
     LinkProbe core;
     core._param.rdTimeout = 1234;
@@ -175,7 +175,7 @@ void Open::aDriverIsOpenedWithoutAConfiguration()
     QCOMPARE(core.driver->getRdTimeout(), 2000u);
 }
 
-void Open::anOpenForgetsTheForcedDisconnection()
+void LinkOpenTest::anOpenForgetsTheForcedDisconnection()
 {
     LinkProbe core;
     core._forceLowLevelDisconnection = true;
@@ -183,7 +183,7 @@ void Open::anOpenForgetsTheForcedDisconnection()
     QVERIFY(!core._forceLowLevelDisconnection);
 }
 
-void Open::anOpenThatFailsLeavesNoDriver()
+void LinkOpenTest::anOpenThatFailsLeavesNoDriver()
 {
     LinkProbe core;
     core._forceLowLevelDisconnection = true;
@@ -197,7 +197,7 @@ void Open::anOpenThatFailsLeavesNoDriver()
     QCOMPARE(core._lastMaxReadSize, 55u);
 }
 
-void Open::aDriverThatRefusedToCloseIsClosedBeforeTheNextOpen()
+void LinkOpenTest::aDriverThatRefusedToCloseIsClosedBeforeTheNextOpen()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -211,7 +211,7 @@ void Open::aDriverThatRefusedToCloseIsClosedBeforeTheNextOpen()
     QCOMPARE(core.driver->opens(), 2);
 }
 
-void Open::aDriverThatStillRefusesToCloseIsOpenedAgain()
+void LinkOpenTest::aDriverThatStillRefusesToCloseIsOpenedAgain()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -226,7 +226,7 @@ void Open::aDriverThatStillRefusesToCloseIsOpenedAgain()
     QVERIFY(!recorder.all().contains("error(8,0)"));
 }
 
-void Open::aStopDuringAnOpenClosesTheDriver()
+void LinkOpenTest::aStopDuringAnOpenClosesTheDriver()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -245,5 +245,5 @@ void Open::aStopDuringAnOpenClosesTheDriver()
     QVERIFY(core.log.contains("stop: communication thread stopped"));
 }
 
-QTEST_GUILESS_MAIN(Open)
+QTEST_GUILESS_MAIN(LinkOpenTest)
 #include "tst_link_open.moc"

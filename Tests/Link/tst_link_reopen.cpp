@@ -26,7 +26,7 @@ public:
 } // namespace
 
 /** A driver that is closed after a lost link, and the end of the thread. */
-class Reopen : public QObject
+class LinkReopenTest : public QObject
 {
     Q_OBJECT
 
@@ -57,7 +57,7 @@ private:
     }
 };
 
-void Reopen::theDriverIsClosedAndOpenedAgain()
+void LinkReopenTest::theDriverIsClosedAndOpenedAgain()
 {
     LinkProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -72,7 +72,7 @@ void Reopen::theDriverIsClosedAndOpenedAgain()
     QCOMPARE(core.socketStatus(1), SocketState::OPENED);
 }
 
-void Reopen::aDriverThatDoesNotOpenIsTriedOnceASecond()
+void LinkReopenTest::aDriverThatDoesNotOpenIsTriedOnceASecond()
 {
     LinkProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -93,7 +93,7 @@ void Reopen::aDriverThatDoesNotOpenIsTriedOnceASecond()
     QCOMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void Reopen::aDriverThatRefusesToCloseIsReportedAndOpenedAgain()
+void LinkReopenTest::aDriverThatRefusesToCloseIsReportedAndOpenedAgain()
 {
     LinkProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -109,7 +109,7 @@ void Reopen::aDriverThatRefusesToCloseIsReportedAndOpenedAgain()
     QCOMPARE(core.status(), DriverState::CONNECTED);
 }
 
-void Reopen::aStopDuringTheLossReopensNothing()
+void LinkReopenTest::aStopDuringTheLossReopensNothing()
 {
     LinkProbe core;
     core.driver->setCloseDriverAfterConnectionError(true);
@@ -125,7 +125,7 @@ void Reopen::aStopDuringTheLossReopensNothing()
     QCOMPARE(core.driver->closes(), 1);
 }
 
-void Reopen::aStoppedReopenEndsWithTheDriverThatOpens()
+void LinkReopenTest::aStoppedReopenEndsWithTheDriverThatOpens()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -142,7 +142,7 @@ void Reopen::aStoppedReopenEndsWithTheDriverThatOpens()
     QCOMPARE(core.driver->closes(), 2);
 }
 
-void Reopen::theThreadClosesTheDriverAtItsEnd()
+void LinkReopenTest::theThreadClosesTheDriverAtItsEnd()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -159,7 +159,7 @@ void Reopen::theThreadClosesTheDriverAtItsEnd()
     QVERIFY(!core._mainLoopTimer.isActive());
 }
 
-void Reopen::aDriverThatRefusesToCloseAtTheEndIsReported()
+void LinkReopenTest::aDriverThatRefusesToCloseAtTheEndIsReported()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -174,7 +174,7 @@ void Reopen::aDriverThatRefusesToCloseAtTheEndIsReported()
     QVERIFY(core._driverOpened);
 }
 
-void Reopen::aMessageIsSkippedOnceTheCommunicationEnds()
+void LinkReopenTest::aMessageIsSkippedOnceTheCommunicationEnds()
 {
     EndingProbe core;
     ParamHal param = core.quietSetup();
@@ -195,5 +195,5 @@ void Reopen::aMessageIsSkippedOnceTheCommunicationEnds()
     QCOMPARE(core.logged("_connectedFunc").mid(1), expected);
 }
 
-QTEST_GUILESS_MAIN(Reopen)
+QTEST_GUILESS_MAIN(LinkReopenTest)
 #include "tst_link_reopen.moc"

@@ -11,7 +11,7 @@ const QString configured = "setupConfig: configuration is now set";
 } // namespace
 
 /** What a configuration sets, and when. */
-class Setup : public QObject
+class LinkSetupTest : public QObject
 {
     Q_OBJECT
 
@@ -27,7 +27,7 @@ private slots:
     void theTimerRunsAtTheConfiguredPeriod();
 };
 
-void Setup::theFirstConfigurationStays()
+void LinkSetupTest::theFirstConfigurationStays()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -43,7 +43,7 @@ void Setup::theFirstConfigurationStays()
     QCOMPARE(core.log.count(configured), 1);
 }
 
-void Setup::everyFieldIsTakenOver()
+void LinkSetupTest::everyFieldIsTakenOver()
 {
     LinkProbe core;
     ParamHal param;
@@ -77,7 +77,7 @@ void Setup::everyFieldIsTakenOver()
     QCOMPARE(taken.maxLogLines, 700);
 }
 
-void Setup::theDriverInUseIsConfigured()
+void LinkSetupTest::theDriverInUseIsConfigured()
 {
     LinkProbe core;
     core._hwDriver = core.driver.data();
@@ -88,7 +88,7 @@ void Setup::theDriverInUseIsConfigured()
     QCOMPARE(core.driver->getRdTimeout(), 1234u);
 }
 
-void Setup::withoutADriverInUseNoneIsConfigured()
+void LinkSetupTest::withoutADriverInUseNoneIsConfigured()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -98,7 +98,7 @@ void Setup::withoutADriverInUseNoneIsConfigured()
     QCOMPARE(core.driver->getRdTimeout(), 2000u);
 }
 
-void Setup::theTimerRunsAtTheConfiguredPeriod_data()
+void LinkSetupTest::theTimerRunsAtTheConfiguredPeriod_data()
 {
     QTest::addColumn<quint32>("period");
     QTest::addColumn<int>("interval");
@@ -107,7 +107,7 @@ void Setup::theTimerRunsAtTheConfiguredPeriod_data()
     QTest::newRow("a thousand") << 1000u << 1000;
 }
 
-void Setup::theTimerRunsAtTheConfiguredPeriod()
+void LinkSetupTest::theTimerRunsAtTheConfiguredPeriod()
 {
     QFETCH(quint32, period);
     QFETCH(int, interval);
@@ -123,5 +123,5 @@ void Setup::theTimerRunsAtTheConfiguredPeriod()
     QVERIFY(!core._mainLoopTimer.isSingleShot());
 }
 
-QTEST_GUILESS_MAIN(Setup)
+QTEST_GUILESS_MAIN(LinkSetupTest)
 #include "tst_link_setup.moc"

@@ -21,7 +21,7 @@ bool isAsleep(pid_t thread)
 } // namespace
 
 /** Birth and death of the core, its one configuration, its state and the waits for it. */
-class Status : public QObject
+class LinkStatusTest : public QObject
 {
     Q_OBJECT
 
@@ -55,7 +55,7 @@ private slots:
     void anotherCoreStartsOnceTheThreadIsFree();
 };
 
-void Status::aNewCoreIsIdle()
+void LinkStatusTest::aNewCoreIsIdle()
 {
     LinkProbe core;
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
@@ -68,7 +68,7 @@ void Status::aNewCoreIsIdle()
     QVERIFY(!core._mainLoopTimer.isActive());
 }
 
-void Status::theStatesCanTravelBetweenThreads()
+void LinkStatusTest::theStatesCanTravelBetweenThreads()
 {
     LinkProbe core;
     for (const char *type : {"DriverState", "SocketState", "TargetType", "UsbConnID"})
@@ -76,7 +76,7 @@ void Status::theStatesCanTravelBetweenThreads()
     QCOMPARE(QMetaType::type("UsbConnID"), int(QMetaType::Int));
 }
 
-void Status::aStateIsReportedOnce()
+void LinkStatusTest::aStateIsReportedOnce()
 {
     LinkProbe core;
     core.configure();
@@ -94,7 +94,7 @@ void Status::aStateIsReportedOnce()
     QCOMPARE(core.logged("_updateStatus").last(), QString("UsbHal switched to DISCONNECTED state"));
 }
 
-void Status::aHandlerMayAskForTheState()
+void LinkStatusTest::aHandlerMayAskForTheState()
 {
     LinkProbe core;
     core.configure();
@@ -107,7 +107,7 @@ void Status::aHandlerMayAskForTheState()
     QCOMPARE(seen, expected);
 }
 
-void Status::aConnectedLinkOpensThePortsThatWereLost()
+void LinkStatusTest::aConnectedLinkOpensThePortsThatWereLost()
 {
     LinkProbe core;
     core.configure();
@@ -119,7 +119,7 @@ void Status::aConnectedLinkOpensThePortsThatWereLost()
     QCOMPARE(core.socketStatus(8), SocketState::CLOSED);
 }
 
-void Status::aLostLinkTakesTheOpenPorts()
+void LinkStatusTest::aLostLinkTakesTheOpenPorts()
 {
     LinkProbe core;
     core.configure();
@@ -133,7 +133,7 @@ void Status::aLostLinkTakesTheOpenPorts()
     QCOMPARE(core.socketStatus(8), SocketState::CLOSED);
 }
 
-void Status::aWaitOfNoTimeOnlyLooks_data()
+void LinkStatusTest::aWaitOfNoTimeOnlyLooks_data()
 {
     QTest::addColumn<int>("msecs");
     QTest::newRow("zero") << 0;
@@ -141,7 +141,7 @@ void Status::aWaitOfNoTimeOnlyLooks_data()
     QTest::newRow("most negative") << std::numeric_limits<int>::min();
 }
 
-void Status::aWaitOfNoTimeOnlyLooks()
+void LinkStatusTest::aWaitOfNoTimeOnlyLooks()
 {
     QFETCH(int, msecs);
     LinkProbe core;
@@ -152,7 +152,7 @@ void Status::aWaitOfNoTimeOnlyLooks()
     QVERIFY(!core.waitForDisconnected(msecs));
 }
 
-void Status::aWaitEndsWithTheStateItWaitsFor()
+void LinkStatusTest::aWaitEndsWithTheStateItWaitsFor()
 {
     LinkProbe core;
     auto connecting = inBackground([&] { return core.waitForConnected(60000); });
@@ -165,7 +165,7 @@ void Status::aWaitEndsWithTheStateItWaitsFor()
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
 }
 
-void Status::aWaitEndsWithItsTime()
+void LinkStatusTest::aWaitEndsWithItsTime()
 {
     LinkProbe core;
     QElapsedTimer timer;
@@ -178,14 +178,14 @@ void Status::aWaitEndsWithItsTime()
     QVERIFY(timer.elapsed() >= 100);
 }
 
-void Status::oneOfTwoWaitersIsWoken_data()
+void LinkStatusTest::oneOfTwoWaitersIsWoken_data()
 {
     QTest::addColumn<bool>("connect");
     QTest::newRow("for the link") << true;
     QTest::newRow("for its loss") << false;
 }
 
-void Status::oneOfTwoWaitersIsWoken()
+void LinkStatusTest::oneOfTwoWaitersIsWoken()
 {
     QFETCH(bool, connect);
     constexpr int limit = 2000;
@@ -216,7 +216,7 @@ void Status::oneOfTwoWaitersIsWoken()
     core._driverState = DriverState::DISCONNECTED;
 }
 
-void Status::errorsAreLogged_data()
+void LinkStatusTest::errorsAreLogged_data()
 {
     QTest::addColumn<int>("code");
     QTest::addColumn<QStringList>("lines");
@@ -236,7 +236,7 @@ void Status::errorsAreLogged_data()
     QTest::newRow("11") << 11 << QStringList();
 }
 
-void Status::errorsAreLogged()
+void LinkStatusTest::errorsAreLogged()
 {
     QFETCH(int, code);
     QFETCH(QStringList, lines);
@@ -246,7 +246,7 @@ void Status::errorsAreLogged()
     QCOMPARE(core.logged("_onError"), lines);
 }
 
-void Status::theWatchdogSwitchDoesNothing()
+void LinkStatusTest::theWatchdogSwitchDoesNothing()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -275,7 +275,7 @@ public:
 
 } // namespace
 
-void Status::theNameOfTheDriverMayChangeAtAnyTime()
+void LinkStatusTest::theNameOfTheDriverMayChangeAtAnyTime()
 {
     LinkProbe core(QSharedPointer<RenamingDriver>::create());
     QVERIFY(core.connectIdle());
@@ -288,7 +288,7 @@ void Status::theNameOfTheDriverMayChangeAtAnyTime()
     QVERIFY(names.size() > 1);
 }
 
-void Status::theDestructorStopsTheCommunication()
+void LinkStatusTest::theDestructorStopsTheCommunication()
 {
     const LogCapture log;
     const auto driver = QSharedPointer<RecordingDriver>::create();
@@ -318,7 +318,7 @@ void Status::theDestructorStopsTheCommunication()
     QCOMPARE(lines.mid(lines.indexOf(expected.first())), expected);
 }
 
-void Status::theDestructorDropsTheDrivers()
+void LinkStatusTest::theDestructorDropsTheDrivers()
 {
     QWeakPointer<RecordingDriver> watched;
     {
@@ -329,7 +329,7 @@ void Status::theDestructorDropsTheDrivers()
     QVERIFY(watched.isNull());
 }
 
-void Status::anotherCoreLeavesTheThreadAlone()
+void LinkStatusTest::anotherCoreLeavesTheThreadAlone()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -349,7 +349,7 @@ void Status::anotherCoreLeavesTheThreadAlone()
     QCOMPARE(core.driver->cancels(), 0);
 }
 
-void Status::anotherCoreStartsOnceTheThreadIsFree()
+void LinkStatusTest::anotherCoreStartsOnceTheThreadIsFree()
 {
     LinkProbe core;
     LinkProbe other;
@@ -362,5 +362,5 @@ void Status::anotherCoreStartsOnceTheThreadIsFree()
     QVERIFY(other.waitForConnected(0));
 }
 
-QTEST_GUILESS_MAIN(Status)
+QTEST_GUILESS_MAIN(LinkStatusTest)
 #include "tst_link_status.moc"

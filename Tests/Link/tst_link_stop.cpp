@@ -16,7 +16,7 @@ const QString watchdogStopped = "stop: watchdog stopped";
 } // namespace
 
 /** stop() in every situation in which the thread ends by itself, and the start after it. */
-class Stop : public QObject
+class LinkStopTest : public QObject
 {
     Q_OBJECT
 
@@ -49,7 +49,7 @@ private slots:
     void aHandlerCannotOpenWhileAStopWaitsForIt();
 };
 
-void Stop::aCoreThatNeverRanIsStopped()
+void LinkStopTest::aCoreThatNeverRanIsStopped()
 {
     LinkProbe core;
     core.configure();
@@ -62,7 +62,7 @@ void Stop::aCoreThatNeverRanIsStopped()
     QCOMPARE(core.driver->cancels(), 0);
 }
 
-void Stop::anUnconfiguredCoreIsStopped()
+void LinkStopTest::anUnconfiguredCoreIsStopped()
 {
     LinkProbe core;
     SignalRecorder recorder(&core);
@@ -73,7 +73,7 @@ void Stop::anUnconfiguredCoreIsStopped()
     QVERIFY(!core.isRunning());
 }
 
-void Stop::aStopWithoutALinkChangesNoState()
+void LinkStopTest::aStopWithoutALinkChangesNoState()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -86,7 +86,7 @@ void Stop::aStopWithoutALinkChangesNoState()
     QCOMPARE(core.driver->closes(), 1);
 }
 
-void Stop::aStopLeavesThePortsAsTheyAre()
+void LinkStopTest::aStopLeavesThePortsAsTheyAre()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -106,7 +106,7 @@ void Stop::aStopLeavesThePortsAsTheyAre()
     QCOMPARE(core.write(1, "more"), 0);
 }
 
-void Stop::aStopLogsItsSteps()
+void LinkStopTest::aStopLogsItsSteps()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -124,7 +124,7 @@ void Stop::aStopLogsItsSteps()
     QCOMPARE(core.driver->cancels(), 1);
 }
 
-void Stop::aSecondStopFindsNothingToDo()
+void LinkStopTest::aSecondStopFindsNothingToDo()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle());
@@ -137,14 +137,14 @@ void Stop::aSecondStopFindsNothingToDo()
     QCOMPARE(core.driver->closes(), 1);
 }
 
-void Stop::aBlockedDriverIsCancelled_data()
+void LinkStopTest::aBlockedDriverIsCancelled_data()
 {
     QTest::addColumn<bool>("write");
     QTest::newRow("in a read") << false;
     QTest::newRow("in a write") << true;
 }
 
-void Stop::aBlockedDriverIsCancelled()
+void LinkStopTest::aBlockedDriverIsCancelled()
 {
     QFETCH(bool, write);
     LinkProbe core;
@@ -162,7 +162,7 @@ void Stop::aBlockedDriverIsCancelled()
     QVERIFY(!core.log.contains(stillRunning));
 }
 
-void Stop::twoThreadsMayStopAtOnce()
+void LinkStopTest::twoThreadsMayStopAtOnce()
 {
     LinkProbe core;
     SignalRecorder recorder(&core);
@@ -181,7 +181,7 @@ void Stop::twoThreadsMayStopAtOnce()
     QVERIFY(!core.log.contains(stillRunning));
 }
 
-void Stop::aStopFromAHandlerNeitherWaitsNorKills()
+void LinkStopTest::aStopFromAHandlerNeitherWaitsNorKills()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise());
@@ -206,7 +206,7 @@ void Stop::aStopFromAHandlerNeitherWaitsNorKills()
     QVERIFY(core.log.contains("_endOfConnectedThread: clean exit of communication thread"));
 }
 
-void Stop::aLinkThatAHandlerStoppedDoesNotComeUp()
+void LinkStopTest::aLinkThatAHandlerStoppedDoesNotComeUp()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -222,7 +222,7 @@ void Stop::aLinkThatAHandlerStoppedDoesNotComeUp()
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
 }
 
-void Stop::aHandlerMayStopAndOpenAgain()
+void LinkStopTest::aHandlerMayStopAndOpenAgain()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -249,7 +249,7 @@ void Stop::aHandlerMayStopAndOpenAgain()
     QVERIFY(opened);
 }
 
-void Stop::aHandlerMayStopAndOpenAndStopAgain()
+void LinkStopTest::aHandlerMayStopAndOpenAndStopAgain()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -268,7 +268,7 @@ void Stop::aHandlerMayStopAndOpenAndStopAgain()
     QCOMPARE(core.status(), DriverState::DISCONNECTED);
 }
 
-void Stop::aStopOfTheNewStartEndsIt()
+void LinkStopTest::aStopOfTheNewStartEndsIt()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -289,7 +289,7 @@ void Stop::aStopOfTheNewStartEndsIt()
     QCOMPARE(core.driver->closes(), 2);
 }
 
-void Stop::failedOpensEndWithAStop()
+void LinkStopTest::failedOpensEndWithAStop()
 {
     LinkProbe core;
     core.setupConfig(core.quietSetup());
@@ -303,7 +303,7 @@ void Stop::failedOpensEndWithAStop()
     QCOMPARE(core.driver->cancels(), 0);
 }
 
-void Stop::theCommunicationStartsAgain()
+void LinkStopTest::theCommunicationStartsAgain()
 {
     LinkProbe core;
     for (int i = 1; i <= 3; ++i) {
@@ -319,7 +319,7 @@ void Stop::theCommunicationStartsAgain()
     QCOMPARE(core.log.count("openConnection: start communication thread"), 3);
 }
 
-void Stop::aPortThatIsStillOpenIsNotOpenedAgain()
+void LinkStopTest::aPortThatIsStillOpenIsNotOpenedAgain()
 {
     LinkProbe core;
     QVERIFY(core.connectIdle(1));
@@ -333,7 +333,7 @@ void Stop::aPortThatIsStillOpenIsNotOpenedAgain()
     QCOMPARE(core.socketStatus(1), SocketState::OPENED);
 }
 
-void Stop::aStartEmptiesTheQueues()
+void LinkStopTest::aStartEmptiesTheQueues()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -348,7 +348,7 @@ void Stop::aStartEmptiesTheQueues()
     QCOMPARE(core.locked([&](QMutexLocker &) { return core._totalBytesWaitingRead; }), 0u);
 }
 
-void Stop::anOpenDuringAStopStartsAfresh()
+void LinkStopTest::anOpenDuringAStopStartsAfresh()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -370,7 +370,7 @@ void Stop::anOpenDuringAStopStartsAfresh()
     QVERIFY(core.driver->waitForWrite(dataMessage(2, "alive")));
 }
 
-void Stop::anOpenGivesUpOnAStopThatDoesNotEnd()
+void LinkStopTest::anOpenGivesUpOnAStopThatDoesNotEnd()
 {
     LinkProbe core;
     ParamHal param = core.quietSetup();
@@ -397,7 +397,7 @@ void Stop::anOpenGivesUpOnAStopThatDoesNotEnd()
     QVERIFY(core.waitForConnected(5000));
 }
 
-void Stop::anOpenWaitsForTheThreadThatAHandlerStopped()
+void LinkStopTest::anOpenWaitsForTheThreadThatAHandlerStopped()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -426,7 +426,7 @@ void Stop::anOpenWaitsForTheThreadThatAHandlerStopped()
     QVERIFY(core.driver->waitForWrite(dataMessage(2, "alive")));
 }
 
-void Stop::aHandlerCannotOpenWhileAStopWaitsForIt()
+void LinkStopTest::aHandlerCannotOpenWhileAStopWaitsForIt()
 {
     LinkProbe core;
     QVERIFY(core.connectStepwise(1));
@@ -448,5 +448,5 @@ void Stop::aHandlerCannotOpenWhileAStopWaitsForIt()
     QCOMPARE(core.socketStatus(2), SocketState::CLOSED);
 }
 
-QTEST_GUILESS_MAIN(Stop)
+QTEST_GUILESS_MAIN(LinkStopTest)
 #include "tst_link_stop.moc"

@@ -88,7 +88,7 @@ bool useLink(LinkProbe &core)
 } // namespace
 
 /** Owners, openers, stoppers and destroyers in threads with and without an event loop. */
-class Threads : public QObject
+class LinkThreadsTest : public QObject
 {
     Q_OBJECT
 
@@ -110,14 +110,14 @@ private slots:
     void aCoreMayBeDestroyedBesideTheThreadThatMadeIt();
 };
 
-void Threads::anyThreadMayOpen_data()
+void LinkThreadsTest::anyThreadMayOpen_data()
 {
     QTest::addColumn<bool>("events");
     QTest::newRow("the owner handles events") << true;
     QTest::newRow("the owner handles none") << false;
 }
 
-void Threads::anyThreadMayOpen()
+void LinkThreadsTest::anyThreadMayOpen()
 {
     QFETCH(bool, events);
     LinkProbe core;
@@ -133,12 +133,12 @@ void Threads::anyThreadMayOpen()
     QVERIFY(core.waitForConnected(5000));
 }
 
-void Threads::anyThreadMayStop_data()
+void LinkThreadsTest::anyThreadMayStop_data()
 {
     anyThreadMayOpen_data();
 }
 
-void Threads::anyThreadMayStop()
+void LinkThreadsTest::anyThreadMayStop()
 {
     QFETCH(bool, events);
     LinkProbe core;
@@ -157,7 +157,7 @@ void Threads::anyThreadMayStop()
     QVERIFY(core._mainLoopTimer.isActive());
 }
 
-void Threads::aClientWithoutAnEventLoopUsesTheLink()
+void LinkThreadsTest::aClientWithoutAnEventLoopUsesTheLink()
 {
     LinkProbe core;
     QVERIFY(useLink(core));
@@ -165,7 +165,7 @@ void Threads::aClientWithoutAnEventLoopUsesTheLink()
     QVERIFY(!core.isRunning());
 }
 
-void Threads::aClientWithoutAnEventLoopHasNoWatchdog()
+void LinkThreadsTest::aClientWithoutAnEventLoopHasNoWatchdog()
 {
     LinkProbe core;
     ParamHal param = core.testSetup();
@@ -183,7 +183,7 @@ void Threads::aClientWithoutAnEventLoopHasNoWatchdog()
     QCOMPARE(core.logged("_mainLoop"), QStringList());
 }
 
-void Threads::aThreadThatEndsByItselfDoesNotWaitForEverOnTheTimer()
+void LinkThreadsTest::aThreadThatEndsByItselfDoesNotWaitForEverOnTheTimer()
 {
     LinkProbe core;
     core.playsHost = true;
@@ -196,7 +196,7 @@ void Threads::aThreadThatEndsByItselfDoesNotWaitForEverOnTheTimer()
     QTRY_VERIFY(!core._mainLoopTimer.isActive());
 }
 
-void Threads::aCoreMayLiveInAThreadWithoutAnEventLoop()
+void LinkThreadsTest::aCoreMayLiveInAThreadWithoutAnEventLoop()
 {
     auto living = inBackground([] {
         LinkProbe core;
@@ -207,7 +207,7 @@ void Threads::aCoreMayLiveInAThreadWithoutAnEventLoop()
     QVERIFY(living.get());
 }
 
-void Threads::aCoreMayLiveInAThreadWithAnEventLoop()
+void LinkThreadsTest::aCoreMayLiveInAThreadWithAnEventLoop()
 {
     LoopThread thread;
     std::unique_ptr<LinkProbe> core;
@@ -225,7 +225,7 @@ void Threads::aCoreMayLiveInAThreadWithAnEventLoop()
     thread.run([&] { core.reset(); });
 }
 
-void Threads::aCoreMayOutliveTheThreadThatMadeIt_data()
+void LinkThreadsTest::aCoreMayOutliveTheThreadThatMadeIt_data()
 {
     QTest::addColumn<bool>("loop");
     QTest::addColumn<bool>("stopped");
@@ -235,7 +235,7 @@ void Threads::aCoreMayOutliveTheThreadThatMadeIt_data()
     QTest::newRow("a thread without an event loop, running") << false << false;
 }
 
-void Threads::aCoreMayOutliveTheThreadThatMadeIt()
+void LinkThreadsTest::aCoreMayOutliveTheThreadThatMadeIt()
 {
     QFETCH(bool, loop);
     QFETCH(bool, stopped);
@@ -259,7 +259,7 @@ void Threads::aCoreMayOutliveTheThreadThatMadeIt()
     core.reset();
 }
 
-void Threads::aCoreMayBeDestroyedBesideTheThreadThatMadeIt()
+void LinkThreadsTest::aCoreMayBeDestroyedBesideTheThreadThatMadeIt()
 {
     LoopThread thread;
     std::unique_ptr<LinkProbe> core;
@@ -274,5 +274,5 @@ void Threads::aCoreMayBeDestroyedBesideTheThreadThatMadeIt()
     core.reset();
 }
 
-QTEST_GUILESS_MAIN(Threads)
+QTEST_GUILESS_MAIN(LinkThreadsTest)
 #include "tst_link_threads.moc"

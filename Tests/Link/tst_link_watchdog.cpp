@@ -43,7 +43,7 @@ const QString gaveUp = "_mainLoop: max watchdog errors: 3";
 } // namespace
 
 /** What the watchdog takes for a stuck thread, and what keeps it quiet. */
-class Watchdog : public QObject
+class LinkWatchdogTest : public QObject
 {
     Q_OBJECT
 
@@ -67,7 +67,7 @@ private slots:
     void aHandlerMayStopDuringTheRestart();
 };
 
-void Watchdog::aThreadAtWorkIsLeftAlone()
+void LinkWatchdogTest::aThreadAtWorkIsLeftAlone()
 {
     WatchedProbe core;
     core.configureWatchdog(100);
@@ -78,7 +78,7 @@ void Watchdog::aThreadAtWorkIsLeftAlone()
     QCOMPARE(core.driver->opens(), 1);
 }
 
-void Watchdog::eachTickWithoutProgressCounts()
+void LinkWatchdogTest::eachTickWithoutProgressCounts()
 {
     WatchedProbe core;
     core.configureWatchdog(1000000);
@@ -95,7 +95,7 @@ void Watchdog::eachTickWithoutProgressCounts()
     QVERIFY(counted <= quint32(core.ticks - ticks));
 }
 
-void Watchdog::progressEndsTheCount()
+void LinkWatchdogTest::progressEndsTheCount()
 {
     WatchedProbe core;
     core.configureWatchdog(1000000);
@@ -107,7 +107,7 @@ void Watchdog::progressEndsTheCount()
     QCOMPARE(core.logged("_mainLoop"), QStringList());
 }
 
-void Watchdog::theTimerActsOncePerTickAfterEveryStart()
+void LinkWatchdogTest::theTimerActsOncePerTickAfterEveryStart()
 {
     WatchedProbe core;
     core.configureWatchdog(1000000);
@@ -126,7 +126,7 @@ void Watchdog::theTimerActsOncePerTickAfterEveryStart()
     QVERIFY(core.errors() > before);
 }
 
-void Watchdog::aTickBeforeItsTimeDoesNothing()
+void LinkWatchdogTest::aTickBeforeItsTimeDoesNothing()
 {
     WatchedProbe core;
     ParamHal param = core.quietSetup();
@@ -141,7 +141,7 @@ void Watchdog::aTickBeforeItsTimeDoesNothing()
     QCOMPARE(core.locked([&](QMutexLocker &) { return core._lastLoopCounter; }), 0u);
 }
 
-void Watchdog::aThreadWithoutADriverIsNotWatched()
+void LinkWatchdogTest::aThreadWithoutADriverIsNotWatched()
 {
     WatchedProbe core;
     core.configureWatchdog(0);
@@ -154,7 +154,7 @@ void Watchdog::aThreadWithoutADriverIsNotWatched()
     QVERIFY(core.isRunning());
 }
 
-void Watchdog::aHandshakeThatMustNotBeClosedIsNotWatched()
+void LinkWatchdogTest::aHandshakeThatMustNotBeClosedIsNotWatched()
 {
     WatchedProbe core;
     core.configureWatchdog(1000000);
@@ -168,7 +168,7 @@ void Watchdog::aHandshakeThatMustNotBeClosedIsNotWatched()
     QTRY_VERIFY(core.errors() > 0);
 }
 
-void Watchdog::theWrapOfThePassCounterIsProgress()
+void LinkWatchdogTest::theWrapOfThePassCounterIsProgress()
 {
     WatchedProbe core;
     core.configureWatchdog(100);
@@ -188,7 +188,7 @@ void Watchdog::theWrapOfThePassCounterIsProgress()
     QVERIFY(core.errors() < 100);
 }
 
-void Watchdog::aStoppedCoreIsNotWatched()
+void LinkWatchdogTest::aStoppedCoreIsNotWatched()
 {
     WatchedProbe core;
     ParamHal param = core.testSetup();
@@ -207,7 +207,7 @@ void Watchdog::aStoppedCoreIsNotWatched()
     QCOMPARE(core.logged("_mainLoop"), QStringList());
 }
 
-void Watchdog::aCancelledHostThreadIsStartedAfresh()
+void LinkWatchdogTest::aCancelledHostThreadIsStartedAfresh()
 {
     WatchedProbe core;
     core.playsHost = true;
@@ -226,7 +226,7 @@ void Watchdog::aCancelledHostThreadIsStartedAfresh()
     QVERIFY(core.driver->waitForWrite(dataMessage(1, "alive")));
 }
 
-void Watchdog::theRestartReportsTheLoss()
+void LinkWatchdogTest::theRestartReportsTheLoss()
 {
     WatchedProbe core;
     core.playsHost = true;
@@ -243,7 +243,7 @@ void Watchdog::theRestartReportsTheLoss()
     QCOMPARE(recorder.all(), expected);
 }
 
-void Watchdog::aStopDuringTheRestartWins()
+void LinkWatchdogTest::aStopDuringTheRestartWins()
 {
     WatchedProbe core;
     core.configureWatchdog(3);
@@ -270,7 +270,7 @@ void Watchdog::aStopDuringTheRestartWins()
     QVERIFY(!core._running);
 }
 
-void Watchdog::aHandlerMayStopDuringTheRestart()
+void LinkWatchdogTest::aHandlerMayStopDuringTheRestart()
 {
     WatchedProbe core;
     core.playsHost = true;
@@ -287,5 +287,5 @@ void Watchdog::aHandlerMayStopDuringTheRestart()
     QVERIFY(!core._running);
 }
 
-QTEST_GUILESS_MAIN(Watchdog)
+QTEST_GUILESS_MAIN(LinkWatchdogTest)
 #include "tst_link_watchdog.moc"

@@ -2,7 +2,7 @@
 #include "PortFixture.h"
 
 /** A communication thread that the watchdog has to kill beneath a port. */
-class KillPort : public QObject
+class KillPortLibTest : public QObject
 {
     Q_OBJECT
 
@@ -10,7 +10,7 @@ private slots:
     void unreadBytesOfBeforeARestartAreDropped();
 };
 
-void KillPort::unreadBytesOfBeforeARestartAreDropped()
+void KillPortLibTest::unreadBytesOfBeforeARestartAreDropped()
 {
     PortFixture fixture([](ParamHal &param) {
         param.maxWatchdogErrors = 3;
@@ -34,5 +34,5 @@ void KillPort::unreadBytesOfBeforeARestartAreDropped()
     QCOMPARE(port.readAll(), QByteArray("new"));
 }
 
-QTEST_GUILESS_MAIN(KillPort)
+QTEST_GUILESS_MAIN(KillPortLibTest)
 #include "tst_kill_portlib.moc"

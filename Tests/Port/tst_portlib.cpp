@@ -10,7 +10,7 @@
 #include <atomic>
 
 /** What a port's user sees while the link stands, and how a port is opened and closed. */
-class Port : public QObject
+class PortLibTest : public QObject
 {
     Q_OBJECT
 
@@ -44,7 +44,7 @@ QByteArray readUntil(UsbHalPort &port, int size)
 
 } // namespace
 
-void Port::openingIsRefusedWithASentence()
+void PortLibTest::openingIsRefusedWithASentence()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -84,7 +84,7 @@ void Port::openingIsRefusedWithASentence()
     QVERIFY(seventh.open(QIODevice::ReadWrite));
 }
 
-void Port::bytesPassBothWays()
+void PortLibTest::bytesPassBothWays()
 {
     PortFixture fixture;
     QStringList seen;
@@ -109,7 +109,7 @@ void Port::bytesPassBothWays()
                                 "aboutToClose", "state 0", "finished", "disconnected"}));
 }
 
-void Port::aMessageWithoutBytesHidesNothing()
+void PortLibTest::aMessageWithoutBytesHidesNothing()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -121,7 +121,7 @@ void Port::aMessageWithoutBytesHidesNothing()
     QCOMPARE(port.readAll(), QByteArray("abc"));
 }
 
-void Port::linesAndTransactionsSpanMessages()
+void PortLibTest::linesAndTransactionsSpanMessages()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -166,7 +166,7 @@ void Port::linesAndTransactionsSpanMessages()
     }
 }
 
-void Port::aFullQueueDropsNothing()
+void PortLibTest::aFullQueueDropsNothing()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -201,20 +201,20 @@ void Port::aFullQueueDropsNothing()
     QCOMPARE(fixture.host.received(1), bytes.left(200000) + 'y');
 }
 
-void Port::theReadBufferIsBounded()
+void PortLibTest::theReadBufferIsBounded()
 {
     PortFixture fixture;
     _readInPieces(fixture);
 }
 
-void Port::theReadBufferIsBoundedOnASlowNode()
+void PortLibTest::theReadBufferIsBoundedOnASlowNode()
 {
     PortFixture fixture;
     fixture.command("latency 100");
     _readInPieces(fixture);
 }
 
-void Port::_readInPieces(PortFixture &fixture)
+void PortLibTest::_readInPieces(PortFixture &fixture)
 {
     UsbHalPort port(1);
     QVERIFY(fixture.connect(port));
@@ -247,7 +247,7 @@ void Port::_readInPieces(PortFixture &fixture)
     QVERIFY(got == bytes);
 }
 
-void Port::withoutAnEventLoop()
+void PortLibTest::withoutAnEventLoop()
 {
     PortFixture fixture;
     fixture.host.plugIn();
@@ -272,7 +272,7 @@ void Port::withoutAnEventLoop()
     QCOMPARE(echoed, countedBytes(30000));
 }
 
-void Port::theModesReadOrWriteOnly()
+void PortLibTest::theModesReadOrWriteOnly()
 {
     PortFixture fixture;
     UsbHalPort reader(1);
@@ -292,7 +292,7 @@ void Port::theModesReadOrWriteOnly()
     QVERIFY(fixture.host.waitForReceived(2, "x"));
 }
 
-void Port::nothingRunsWhileIdle()
+void PortLibTest::nothingRunsWhileIdle()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -324,7 +324,7 @@ void Port::nothingRunsWhileIdle()
     QCOMPARE(counter.count, 0);
 }
 
-void Port::tenThousandOpensAndCloses()
+void PortLibTest::tenThousandOpensAndCloses()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -340,7 +340,7 @@ void Port::tenThousandOpensAndCloses()
     QVERIFY(fixture.host.waitForReceived(1, "still there"));
 }
 
-void Port::tenObjectsInTenThreads()
+void PortLibTest::tenObjectsInTenThreads()
 {
     PortFixture fixture;
     fixture.host.plugIn();
@@ -373,5 +373,5 @@ void Port::tenObjectsInTenThreads()
     QCOMPARE(UsbHALIntf::getInstance()->nbClients(), 0u);
 }
 
-QTEST_GUILESS_MAIN(Port)
+QTEST_GUILESS_MAIN(PortLibTest)
 #include "tst_portlib.moc"

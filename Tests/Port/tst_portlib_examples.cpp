@@ -8,7 +8,7 @@
 #include <QTest>
 
 /** The examples as their users run them, on the node of this process. */
-class PortExamples : public QObject
+class PortLibExamplesTest : public QObject
 {
     Q_OBJECT
 
@@ -29,7 +29,7 @@ private:
     HostEnd _host{SimNodeControl::directoryFromEnvironment()};
 };
 
-void PortExamples::theChatWritesAndReadsLines()
+void PortLibExamplesTest::theChatWritesAndReadsLines()
 {
     ForkedProcess program;
     _start(program, PORT_CHAT);
@@ -44,7 +44,7 @@ void PortExamples::theChatWritesAndReadsLines()
              QByteArray("the host says: good morning\nthe host says: and good night\n"));
 }
 
-void PortExamples::messagesAreAnswered()
+void PortLibExamplesTest::messagesAreAnswered()
 {
     ForkedProcess program;
     _start(program, PORT_MESSAGES);
@@ -67,5 +67,5 @@ void PortExamples::messagesAreAnswered()
     QCOMPARE(program.exitCode(), 0);
 }
 
-QTEST_GUILESS_MAIN(PortExamples)
+QTEST_GUILESS_MAIN(PortLibExamplesTest)
 #include "tst_portlib_examples.moc"

@@ -4,7 +4,7 @@
 #include <QThread>
 
 /** What a port's handlers may do to it, and how a process may end with ports open. */
-class PortHandlers : public QObject
+class PortLibHandlersTest : public QObject
 {
     Q_OBJECT
 
@@ -49,7 +49,7 @@ void live(PortFixture &fixture, std::unique_ptr<UsbHalPort> &port, const bool &a
 
 } // namespace
 
-void PortHandlers::_actInEveryHandler(Action action)
+void PortLibHandlersTest::_actInEveryHandler(Action action)
 {
     PortFixture fixture;
     fixture.host.plugIn();
@@ -71,12 +71,12 @@ void PortHandlers::_actInEveryHandler(Action action)
     }
 }
 
-void PortHandlers::everyHandlerMayCloseThePort()
+void PortLibHandlersTest::everyHandlerMayCloseThePort()
 {
     _actInEveryHandler([](std::unique_ptr<UsbHalPort> &port) { port->close(); });
 }
 
-void PortHandlers::everyHandlerMayOpenItAfresh()
+void PortLibHandlersTest::everyHandlerMayOpenItAfresh()
 {
     _actInEveryHandler([](std::unique_ptr<UsbHalPort> &port) {
         port->close();
@@ -84,12 +84,12 @@ void PortHandlers::everyHandlerMayOpenItAfresh()
     });
 }
 
-void PortHandlers::everyHandlerMayDestroyIt()
+void PortLibHandlersTest::everyHandlerMayDestroyIt()
 {
     _actInEveryHandler([](std::unique_ptr<UsbHalPort> &port) { port.reset(); });
 }
 
-void PortHandlers::everyHandlerMayWaitAndWrite()
+void PortLibHandlersTest::everyHandlerMayWaitAndWrite()
 {
     _actInEveryHandler([](std::unique_ptr<UsbHalPort> &port) {
         port->write("more");
@@ -104,7 +104,7 @@ void PortHandlers::everyHandlerMayWaitAndWrite()
     });
 }
 
-void PortHandlers::noSignalComesWithinItself()
+void PortLibHandlersTest::noSignalComesWithinItself()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -145,7 +145,7 @@ void PortHandlers::noSignalComesWithinItself()
     QCOMPARE(deepest, 1);
 }
 
-void PortHandlers::anEndWithAnOpenPortInAStaticObject()
+void PortLibHandlersTest::anEndWithAnOpenPortInAStaticObject()
 {
     static PortFixture fixture;
     static UsbHalPort port(1);
@@ -153,7 +153,7 @@ void PortHandlers::anEndWithAnOpenPortInAStaticObject()
     port.write("pending");
 }
 
-void PortHandlers::anEndWithPortsInRunningThreads()
+void PortLibHandlersTest::anEndWithPortsInRunningThreads()
 {
     static PortFixture fixture;
     fixture.host.plugIn();
@@ -170,7 +170,7 @@ void PortHandlers::anEndWithPortsInRunningThreads()
         QTRY_VERIFY_WITH_TIMEOUT(fixture.host.received(number).size() > 30, 20000);
 }
 
-void PortHandlers::anEndWithAPortThatOutlivesItsThread()
+void PortLibHandlersTest::anEndWithAPortThatOutlivesItsThread()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -184,5 +184,5 @@ void PortHandlers::anEndWithAPortThatOutlivesItsThread()
     fixture.host.send(1, "nobody reads this");
 }
 
-QTEST_GUILESS_MAIN(PortHandlers)
+QTEST_GUILESS_MAIN(PortLibHandlersTest)
 #include "tst_portlib_handlers.moc"

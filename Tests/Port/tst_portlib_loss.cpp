@@ -6,7 +6,7 @@
 #include <QSignalSpy>
 
 /** A link that is lost in the middle of what a port does, and what is left of it. */
-class PortLoss : public QObject
+class PortLibLossTest : public QObject
 {
     Q_OBJECT
 
@@ -22,7 +22,7 @@ private slots:
     void aCloseLeavesNoDelayBehind();
 };
 
-void PortLoss::aLossIsToldWithWhatItTookAlong()
+void PortLibLossTest::aLossIsToldWithWhatItTookAlong()
 {
     PortFixture fixture;
     QStringList seen;
@@ -62,7 +62,7 @@ void PortLoss::aLossIsToldWithWhatItTookAlong()
     QCOMPARE(port.bytesAvailable(), 0);
 }
 
-void PortLoss::aLossBetweenTwoLooksIsStillTold()
+void PortLibLossTest::aLossBetweenTwoLooksIsStillTold()
 {
     PortFixture fixture;
     QStringList seen;
@@ -78,7 +78,7 @@ void PortLoss::aLossBetweenTwoLooksIsStillTold()
     QCOMPARE(seen, QStringList({"error 6", "state 1", "disconnected", "state 2", "connected"}));
 }
 
-void PortLoss::aLossEndsEveryWait()
+void PortLibLossTest::aLossEndsEveryWait()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -104,7 +104,7 @@ void PortLoss::aLossEndsEveryWait()
     QCOMPARE(port.state(), UsbHalPort::UnconnectedState);
 }
 
-void PortLoss::bytesOfAnOldLinkAreNotMixedWithNewOnes()
+void PortLibLossTest::bytesOfAnOldLinkAreNotMixedWithNewOnes()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -129,7 +129,7 @@ void PortLoss::bytesOfAnOldLinkAreNotMixedWithNewOnes()
     QCOMPARE(port.readAll(), QByteArray("whole message"));
 }
 
-void PortLoss::withoutReopenALossIsTheEnd()
+void PortLibLossTest::withoutReopenALossIsTheEnd()
 {
     PortFixture fixture;
     QStringList seen;
@@ -155,7 +155,7 @@ void PortLoss::withoutReopenALossIsTheEnd()
     QVERIFY(fixture.host.waitForReceived(1, "afresh"));
 }
 
-void PortLoss::aStopOfTheLibraryIsALoss()
+void PortLibLossTest::aStopOfTheLibraryIsALoss()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -177,7 +177,7 @@ void PortLoss::aStopOfTheLibraryIsALoss()
     QVERIFY(fixture.host.waitForReceived(1, "after"));
 }
 
-void PortLoss::aLinkThatComesUpUnannounced()
+void PortLibLossTest::aLinkThatComesUpUnannounced()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -192,7 +192,7 @@ void PortLoss::aLinkThatComesUpUnannounced()
     QCOMPARE(UsbHALIntf::getInstance()->nbClients(), 1u);
 }
 
-void PortLoss::aCloseWritesWhatItCanAndTellsTheRest()
+void PortLibLossTest::aCloseWritesWhatItCanAndTellsTheRest()
 {
     PortFixture fixture;
     UsbHalPort port(1);
@@ -222,7 +222,7 @@ void PortLoss::aCloseWritesWhatItCanAndTellsTheRest()
     QCOMPARE(port.bytesToWrite(), 0);
 }
 
-void PortLoss::aCloseLeavesNoDelayBehind()
+void PortLibLossTest::aCloseLeavesNoDelayBehind()
 {
     PortFixture fixture;
     UsbHalPort other(2);
@@ -240,5 +240,5 @@ void PortLoss::aCloseLeavesNoDelayBehind()
     QCOMPARE(other.readAll(), QByteArray("on"));
 }
 
-QTEST_GUILESS_MAIN(PortLoss)
+QTEST_GUILESS_MAIN(PortLibLossTest)
 #include "tst_portlib_loss.moc"

@@ -10,7 +10,7 @@
  * Random sequences of operations against what a byte stream promises: while the link stands nothing
  * is lost, doubled or out of order, and over a loss every byte written is told as written or lost.
  */
-class PortModel : public QObject
+class PortLibModelTest : public QObject
 {
     Q_OBJECT
 
@@ -158,7 +158,7 @@ private:
 
 } // namespace
 
-void PortModel::aStreamKeepsItsBytes()
+void PortLibModelTest::aStreamKeepsItsBytes()
 {
     PortFixture fixture;
     const quint32 seed = Campaign::seed();
@@ -176,5 +176,5 @@ void PortModel::aStreamKeepsItsBytes()
     QCOMPARE(stream.port.droppedBytes(), 0);
 }
 
-QTEST_GUILESS_MAIN(PortModel)
+QTEST_GUILESS_MAIN(PortLibModelTest)
 #include "tst_portlib_model.moc"

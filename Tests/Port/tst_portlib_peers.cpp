@@ -7,7 +7,7 @@
  * The same operations on a port, on a TCP socket and on a local socket: what they return, what is
  * signalled, and in which order.
  */
-class PortPeers : public QObject
+class PortLibPeersTest : public QObject
 {
     Q_OBJECT
 
@@ -190,7 +190,7 @@ bool tells(const char *who, const Row &row, const QStringList &told, const QStri
 
 } // namespace
 
-void PortPeers::aPortBehavesLikeASocket()
+void PortLibPeersTest::aPortBehavesLikeASocket()
 {
     PortFixture fixture;
     for (const Row &row : rows) {
@@ -202,5 +202,5 @@ void PortPeers::aPortBehavesLikeASocket()
     }
 }
 
-QTEST_GUILESS_MAIN(PortPeers)
+QTEST_GUILESS_MAIN(PortLibPeersTest)
 #include "tst_portlib_peers.moc"

@@ -37,7 +37,7 @@ bool exchange(FacadeFixture &fixture, const QList<int> &ports, int size,
 
 } // namespace
 
-class FacadeLink : public QObject
+class FacadeLinkTest : public QObject
 {
     Q_OBJECT
 
@@ -52,14 +52,14 @@ private slots:
     void aLinkThatIsUsedFromTheStartNeedsNoEventLoop();
 };
 
-void FacadeLink::bytesTravelBothWays()
+void FacadeLinkTest::bytesTravelBothWays()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({3}));
     QVERIFY(exchange(fixture, {3}, 1000));
 }
 
-void FacadeLink::fivePortsCarryBytesAtOnce()
+void FacadeLinkTest::fivePortsCarryBytesAtOnce()
 {
     FacadeFixture fixture;
     const QList<int> ports = {1, 2, 3, 4, 5};
@@ -69,7 +69,7 @@ void FacadeLink::fivePortsCarryBytesAtOnce()
     QVERIFY(!fixture.facade->openConnection(6));
 }
 
-void FacadeLink::theLinkRecoversAfterTheCableWasOut()
+void FacadeLinkTest::theLinkRecoversAfterTheCableWasOut()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1, 2}));
@@ -88,7 +88,7 @@ void FacadeLink::theLinkRecoversAfterTheCableWasOut()
     QVERIFY(exchange(fixture, {1, 2}, 500, before));
 }
 
-void FacadeLink::aHostThatRestartsFindsTheLinkStillUp()
+void FacadeLinkTest::aHostThatRestartsFindsTheLinkStillUp()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1}));
@@ -100,7 +100,7 @@ void FacadeLink::aHostThatRestartsFindsTheLinkStillUp()
     QCOMPARE(fixture.signalsSeen.all().filter("stateChanged(").size(), 0);
 }
 
-void FacadeLink::aPortThatTheHostReopensIsOpenAgain()
+void FacadeLinkTest::aPortThatTheHostReopensIsOpenAgain()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1}));
@@ -113,7 +113,7 @@ void FacadeLink::aPortThatTheHostReopensIsOpenAgain()
     QVERIFY(exchange(fixture, {1}, 500));
 }
 
-void FacadeLink::aNodeThatAppearsLaterIsOpened()
+void FacadeLinkTest::aNodeThatAppearsLaterIsOpened()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.command("node missing"));
@@ -128,7 +128,7 @@ void FacadeLink::aNodeThatAppearsLaterIsOpened()
     QVERIFY(exchange(fixture, {1}, 500));
 }
 
-void FacadeLink::theCommunicationStartsAgainAfterAStop()
+void FacadeLinkTest::theCommunicationStartsAgainAfterAStop()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1}));
@@ -145,7 +145,7 @@ void FacadeLink::theCommunicationStartsAgainAfterAStop()
     QCOMPARE(fixture.node.statusValue("read_timeout"), std::string("200"));
 }
 
-void FacadeLink::aLinkThatIsUsedFromTheStartNeedsNoEventLoop()
+void FacadeLinkTest::aLinkThatIsUsedFromTheStartNeedsNoEventLoop()
 {
     // Nothing in here runs the event loop: only waits of the facade and of the host.
     FacadeFixture fixture;
@@ -163,5 +163,5 @@ void FacadeLink::aLinkThatIsUsedFromTheStartNeedsNoEventLoop()
     QVERIFY(!fixture.facade->isRunning());
 }
 
-QTEST_GUILESS_MAIN(FacadeLink)
+QTEST_GUILESS_MAIN(FacadeLinkTest)
 #include "tst_facade_link.moc"

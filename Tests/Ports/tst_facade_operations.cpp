@@ -3,7 +3,7 @@
 
 #include <thread>
 
-class FacadeOperations : public QObject
+class FacadeOperationsTest : public QObject
 {
     Q_OBJECT
 
@@ -20,7 +20,7 @@ private slots:
     void handlersMayCallTheFacadeBack();
 };
 
-void FacadeOperations::operationsBeforeTheConfigurationReachTheCore()
+void FacadeOperationsTest::operationsBeforeTheConfigurationReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -40,7 +40,7 @@ void FacadeOperations::operationsBeforeTheConfigurationReachTheCore()
     QVERIFY(facade->isRunning());
 }
 
-void FacadeOperations::textsAndDefaultsReachTheCore()
+void FacadeOperationsTest::textsAndDefaultsReachTheCore()
 {
     FacadeFixture fixture;
     ParamHal param;
@@ -55,7 +55,7 @@ void FacadeOperations::textsAndDefaultsReachTheCore()
     QCOMPARE(fixture.facade->getSocketStateStr(static_cast<SocketState>(3)), QString());
 }
 
-void FacadeOperations::portOperationsReachTheCore()
+void FacadeOperationsTest::portOperationsReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -79,7 +79,7 @@ void FacadeOperations::portOperationsReachTheCore()
                           "socketStateChanged(2,DISCONNECTED)"}));
 }
 
-void FacadeOperations::linkOperationsReachTheCore()
+void FacadeOperationsTest::linkOperationsReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -99,7 +99,7 @@ void FacadeOperations::linkOperationsReachTheCore()
     QCOMPARE(facade->status(), DriverState::CONNECTED);
 }
 
-void FacadeOperations::writingOperationsReachTheCore()
+void FacadeOperationsTest::writingOperationsReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -117,7 +117,7 @@ void FacadeOperations::writingOperationsReachTheCore()
     facade->flush(60000);
 }
 
-void FacadeOperations::readingOperationsReachTheCore()
+void FacadeOperationsTest::readingOperationsReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -136,7 +136,7 @@ void FacadeOperations::readingOperationsReachTheCore()
     QCOMPARE(facade->nbBytesReceived(1), 0);
 }
 
-void FacadeOperations::waitingOperationsReachTheCore()
+void FacadeOperationsTest::waitingOperationsReachTheCore()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -149,7 +149,7 @@ void FacadeOperations::waitingOperationsReachTheCore()
     QVERIFY(facade->waitForDisconnected(40000));
 }
 
-void FacadeOperations::stoppingReachesTheCore()
+void FacadeOperationsTest::stoppingReachesTheCore()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1}));
@@ -159,7 +159,7 @@ void FacadeOperations::stoppingReachesTheCore()
     QCOMPARE(fixture.facade->socketStatus(1), SocketState::OPENED);
 }
 
-void FacadeOperations::theSignalsOfALinkArriveInTheirOrder()
+void FacadeOperationsTest::theSignalsOfALinkArriveInTheirOrder()
 {
     FacadeFixture fixture;
     QVERIFY(fixture.connectPorts({1}));
@@ -174,7 +174,7 @@ void FacadeOperations::theSignalsOfALinkArriveInTheirOrder()
                           "disconnected(1)", "socketStateChanged(1,DISCONNECTED)", "error(6,2)"}));
 }
 
-void FacadeOperations::handlersMayCallTheFacadeBack()
+void FacadeOperationsTest::handlersMayCallTheFacadeBack()
 {
     FacadeFixture fixture;
     UsbHALIntf *const facade = fixture.facade;
@@ -188,5 +188,5 @@ void FacadeOperations::handlersMayCallTheFacadeBack()
     fixture.signalsSeen.setHandler({});
 }
 
-QTEST_GUILESS_MAIN(FacadeOperations)
+QTEST_GUILESS_MAIN(FacadeOperationsTest)
 #include "tst_facade_operations.moc"

@@ -42,7 +42,7 @@ struct CoreDrivers : UsbHAL
 
 } // namespace
 
-class FacadeRelay : public QObject
+class FacadeRelayTest : public QObject
 {
     Q_OBJECT
 
@@ -57,7 +57,7 @@ private slots:
     void freeingDestroysTheCoreAndKeepsThePointerToIt(); // the last use of this process
 };
 
-void FacadeRelay::severalThreadsGetTheSameInstance()
+void FacadeRelayTest::severalThreadsGetTheSameInstance()
 {
     constexpr int count = 8;
     std::atomic<int> ready{0};
@@ -84,7 +84,7 @@ void FacadeRelay::severalThreadsGetTheSameInstance()
     QCOMPARE(UsbHALIntf::getInstance(), instances[0]);
 }
 
-void FacadeRelay::theNineSignalsOfTheCoreReachTheFacade_data()
+void FacadeRelayTest::theNineSignalsOfTheCoreReachTheFacade_data()
 {
     using Emission = std::function<void(UsbHAL *)>;
     QTest::addColumn<Emission>("emission");
@@ -106,7 +106,7 @@ void FacadeRelay::theNineSignalsOfTheCoreReachTheFacade_data()
         [](UsbHAL *core) { emit core->socketStateChanged(3, SocketState::DISCONNECTED); });
 }
 
-void FacadeRelay::theNineSignalsOfTheCoreReachTheFacade()
+void FacadeRelayTest::theNineSignalsOfTheCoreReachTheFacade()
 {
     QFETCH(std::function<void(UsbHAL *)>, emission);
     QFETCH(QString, expected);
@@ -117,7 +117,7 @@ void FacadeRelay::theNineSignalsOfTheCoreReachTheFacade()
     QCOMPARE(recorder.all(), QStringList(expected));
 }
 
-void FacadeRelay::aSignalArrivesInTheThreadThatEmittedIt()
+void FacadeRelayTest::aSignalArrivesInTheThreadThatEmittedIt()
 {
     UsbHALIntf *const facade = UsbHALIntf::getInstance();
     SignalRecorder recorder(facade);
@@ -133,7 +133,7 @@ void FacadeRelay::aSignalArrivesInTheThreadThatEmittedIt()
     QVERIFY(handled == emitted);
 }
 
-void FacadeRelay::everySignalIsRelayedOnce()
+void FacadeRelayTest::everySignalIsRelayedOnce()
 {
     UsbHALIntf *const facade = UsbHALIntf::getInstance();
     SignalRecorder recorder(facade);
@@ -143,13 +143,13 @@ void FacadeRelay::everySignalIsRelayedOnce()
     QCOMPARE(recorder.all(), QStringList({"connected", "readyRead(2)"}));
 }
 
-void FacadeRelay::theFacadeHasNoParent()
+void FacadeRelayTest::theFacadeHasNoParent()
 {
     QVERIFY(UsbHALIntf::getInstance()->parent() == nullptr);
     QVERIFY(coreOf(UsbHALIntf::getInstance())->parent() == nullptr);
 }
 
-void FacadeRelay::theCoreGetsTwoDriversOfTheGadgetNode()
+void FacadeRelayTest::theCoreGetsTwoDriversOfTheGadgetNode()
 {
     const UsbHAL *const core = coreOf(UsbHALIntf::getInstance());
     const QList<QSharedPointer<AbstractDriver>> drivers = core->*(&CoreDrivers::_drivers);
@@ -159,7 +159,7 @@ void FacadeRelay::theCoreGetsTwoDriversOfTheGadgetNode()
         QVERIFY(qobject_cast<GadgetDriver *>(driver.data()) != nullptr);
 }
 
-void FacadeRelay::freeingDestroysTheCoreAndKeepsThePointerToIt()
+void FacadeRelayTest::freeingDestroysTheCoreAndKeepsThePointerToIt()
 {
     UsbHALIntf *const facade = UsbHALIntf::getInstance();
     UsbHAL *const core = coreOf(facade);
@@ -170,5 +170,5 @@ void FacadeRelay::freeingDestroysTheCoreAndKeepsThePointerToIt()
     QCOMPARE(coreOf(facade), core);
 }
 
-QTEST_GUILESS_MAIN(FacadeRelay)
+QTEST_GUILESS_MAIN(FacadeRelayTest)
 #include "tst_facade_relay.moc"

@@ -21,7 +21,7 @@ bool connectWithBlockedWrites(PortsProbe &core, const QList<int> &ports)
 
 } // namespace
 
-class PortClosing : public QObject
+class PortClosingTest : public QObject
 {
     Q_OBJECT
 
@@ -47,7 +47,7 @@ private slots:
     void ofTwoThreadsThatCloseOnePortOneGetsError6();
 };
 
-void PortClosing::aCloseWithoutAnOpenPortYieldsError6_data()
+void PortClosingTest::aCloseWithoutAnOpenPortYieldsError6_data()
 {
     QTest::addColumn<QString>("how");
     QTest::newRow("unknown port") << "unknown";
@@ -57,7 +57,7 @@ void PortClosing::aCloseWithoutAnOpenPortYieldsError6_data()
     QTest::newRow("no client counted") << "uncounted";
 }
 
-void PortClosing::aCloseWithoutAnOpenPortYieldsError6()
+void PortClosingTest::aCloseWithoutAnOpenPortYieldsError6()
 {
     QFETCH(QString, how);
     PortsProbe core;
@@ -85,7 +85,7 @@ void PortClosing::aCloseWithoutAnOpenPortYieldsError6()
              QStringList("closeConnection: closeConnection on port " + QString::number(port)));
 }
 
-void PortClosing::disconnectingAnUnknownPortFromTheHostDoesNothing()
+void PortClosingTest::disconnectingAnUnknownPortFromTheHostDoesNothing()
 {
     PortsProbe core;
     core.configure();
@@ -98,7 +98,7 @@ void PortClosing::disconnectingAnUnknownPortFromTheHostDoesNothing()
     QCOMPARE(core.nbClients(), 1u);
 }
 
-void PortClosing::disconnectingAClosedPortFromTheHostYieldsError6()
+void PortClosingTest::disconnectingAClosedPortFromTheHostYieldsError6()
 {
     PortsProbe core;
     core.configure();
@@ -113,7 +113,7 @@ void PortClosing::disconnectingAClosedPortFromTheHostYieldsError6()
                           "disconnectFromHost: 1 is now closed"}));
 }
 
-void PortClosing::aCloseWithAnEmptyFifoDoesNotWait()
+void PortClosingTest::aCloseWithAnEmptyFifoDoesNotWait()
 {
     // A hundred closes that each waited would take half a minute.
     PortsProbe core;
@@ -127,7 +127,7 @@ void PortClosing::aCloseWithAnEmptyFifoDoesNotWait()
     QVERIFY(timer.elapsed() < 100 * flushTime / 2);
 }
 
-void PortClosing::aCloseWaitsForTheFifoAndGoesOnRegardless()
+void PortClosingTest::aCloseWaitsForTheFifoAndGoesOnRegardless()
 {
     PortsProbe core;
     QVERIFY(connectWithBlockedWrites(core, {1, 2}));
@@ -143,7 +143,7 @@ void PortClosing::aCloseWaitsForTheFifoAndGoesOnRegardless()
     QVERIFY(core.driver->waitForWrite("FADA000090002stuck"));
 }
 
-void PortClosing::aCloseLetsTheFifoBeSentMeanwhile()
+void PortClosingTest::aCloseLetsTheFifoBeSentMeanwhile()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -153,7 +153,7 @@ void PortClosing::aCloseLetsTheFifoBeSentMeanwhile()
     QCOMPARE(core.log.count("_onDisconnected: 0 messages removed from Write FIFO for port 1"), 1);
 }
 
-void PortClosing::aCloseEndsItsWaitWhenItIsWoken()
+void PortClosingTest::aCloseEndsItsWaitWhenItIsWoken()
 {
     // As the host the communication thread wakes whoever waits for the FIFO.
     PortsProbe core;
@@ -172,7 +172,7 @@ void PortClosing::aCloseEndsItsWaitWhenItIsWoken()
     QCOMPARE(core.driver->writtenData().size(), rounds);
 }
 
-void PortClosing::aCloseRemovesTheMessagesOfAnOpenPort()
+void PortClosingTest::aCloseRemovesTheMessagesOfAnOpenPort()
 {
     PortsProbe core;
     QVERIFY(connectWithBlockedWrites(core, {1, 2}));
@@ -187,7 +187,7 @@ void PortClosing::aCloseRemovesTheMessagesOfAnOpenPort()
     QCOMPARE(core.driver->writtenData(), QList<QByteArray>({"FADA000070002two"}));
 }
 
-void PortClosing::aCloseOfADisconnectedPortLeavesItsMessages()
+void PortClosingTest::aCloseOfADisconnectedPortLeavesItsMessages()
 {
     PortsProbe core;
     QVERIFY(connectWithBlockedWrites(core, {1}));
@@ -199,7 +199,7 @@ void PortClosing::aCloseOfADisconnectedPortLeavesItsMessages()
     QVERIFY(core.driver->waitForWrite("FADA000070001abc"));
 }
 
-void PortClosing::aPeerDisconnectionRemovesTheMessagesOfThePort()
+void PortClosingTest::aPeerDisconnectionRemovesTheMessagesOfThePort()
 {
     PortsProbe core;
     QVERIFY(connectWithBlockedWrites(core, {1, 2}));
@@ -212,7 +212,7 @@ void PortClosing::aPeerDisconnectionRemovesTheMessagesOfThePort()
     QCOMPARE(core.driver->writtenData(), QList<QByteArray>({"FADA000070002two"}));
 }
 
-void PortClosing::aCloseEmptiesTheReadQueueButKeepsIt()
+void PortClosingTest::aCloseEmptiesTheReadQueueButKeepsIt()
 {
     PortsProbe core;
     core.configure();
@@ -230,7 +230,7 @@ void PortClosing::aCloseEmptiesTheReadQueueButKeepsIt()
     QCOMPARE(core._socketStates.value(1, SocketState::OPENED), SocketState::CLOSED);
 }
 
-void PortClosing::aCloseCountsAMessageOnlyUpToItsFirstZeroByte()
+void PortClosingTest::aCloseCountsAMessageOnlyUpToItsFirstZeroByte()
 {
     PortsProbe core;
     core.configure();
@@ -244,7 +244,7 @@ void PortClosing::aCloseCountsAMessageOnlyUpToItsFirstZeroByte()
              1);
 }
 
-void PortClosing::aDisconnectedPortClearsTheExchangeOfTheMaximumSize()
+void PortClosingTest::aDisconnectedPortClearsTheExchangeOfTheMaximumSize()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1, 2}));
@@ -258,7 +258,7 @@ void PortClosing::aDisconnectedPortClearsTheExchangeOfTheMaximumSize()
     QVERIFY(core.log.waitFor(sent, 3));
 }
 
-void PortClosing::theLastOpenPortForcesTheLinkDown_data()
+void PortClosingTest::theLastOpenPortForcesTheLinkDown_data()
 {
     QTest::addColumn<bool>("driverInUse");
     QTest::addColumn<bool>("avoidsClosing");
@@ -272,7 +272,7 @@ void PortClosing::theLastOpenPortForcesTheLinkDown_data()
     QTest::newRow("forced before") << true << true << false << true << false;
 }
 
-void PortClosing::theLastOpenPortForcesTheLinkDown()
+void PortClosingTest::theLastOpenPortForcesTheLinkDown()
 {
     QFETCH(bool, driverInUse);
     QFETCH(bool, avoidsClosing);
@@ -295,7 +295,7 @@ void PortClosing::theLastOpenPortForcesTheLinkDown()
              forced ? 1 : 0);
 }
 
-void PortClosing::theForcedDisconnectionTakesTheLinkDown()
+void PortClosingTest::theForcedDisconnectionTakesTheLinkDown()
 {
     PortsProbe core;
     core.driver->setAvoidClosingDuringHandshake(true);
@@ -312,14 +312,14 @@ void PortClosing::theForcedDisconnectionTakesTheLinkDown()
                           "stateChanged(DISCONNECTED)", "disconnected"}));
 }
 
-void PortClosing::ofTwoThreadsThatCloseOnePortOneGetsError6_data()
+void PortClosingTest::ofTwoThreadsThatCloseOnePortOneGetsError6_data()
 {
     QTest::addColumn<QList<int>>("ports");
     QTest::newRow("the only port") << QList<int>({1});
     QTest::newRow("one of two ports") << QList<int>({1, 2});
 }
 
-void PortClosing::ofTwoThreadsThatCloseOnePortOneGetsError6()
+void PortClosingTest::ofTwoThreadsThatCloseOnePortOneGetsError6()
 {
     QFETCH(QList<int>, ports);
     PortsProbe core;
@@ -341,5 +341,5 @@ void PortClosing::ofTwoThreadsThatCloseOnePortOneGetsError6()
     core.driver->releaseWrites();
 }
 
-QTEST_GUILESS_MAIN(PortClosing)
+QTEST_GUILESS_MAIN(PortClosingTest)
 #include "tst_port_closing.moc"

@@ -103,7 +103,7 @@ const QList<NamedAction> &actions()
 
 } // namespace
 
-class PortHandlers : public QObject
+class PortHandlersTest : public QObject
 {
     Q_OBJECT
 
@@ -123,7 +123,7 @@ private slots:
     void aHandlerInAnotherThreadIsReachedByAQueuedConnection();
 };
 
-void PortHandlers::aHandlerMayCallBack_data()
+void PortHandlersTest::aHandlerMayCallBack_data()
 {
     QTest::addColumn<int>("occasion");
     QTest::addColumn<int>("action");
@@ -135,7 +135,7 @@ void PortHandlers::aHandlerMayCallBack_data()
     }
 }
 
-void PortHandlers::aHandlerMayCallBack()
+void PortHandlersTest::aHandlerMayCallBack()
 {
     QFETCH(int, occasion);
     QFETCH(int, action);
@@ -172,14 +172,14 @@ void PortHandlers::aHandlerMayCallBack()
     QVERIFY(core.driver->waitForWrite("FADA000090009alive"));
 }
 
-void PortHandlers::aHandlerOfAnyErrorMayCallBack_data()
+void PortHandlersTest::aHandlerOfAnyErrorMayCallBack_data()
 {
     QTest::addColumn<int>("code");
     for (const int code : {4, 5, 6, 7})
         QTest::addRow("error %d", code) << code;
 }
 
-void PortHandlers::aHandlerOfAnyErrorMayCallBack()
+void PortHandlersTest::aHandlerOfAnyErrorMayCallBack()
 {
     QFETCH(int, code);
     PortsProbe core;
@@ -203,7 +203,7 @@ void PortHandlers::aHandlerOfAnyErrorMayCallBack()
     QCOMPARE(core.nbClients(), 0u);
 }
 
-void PortHandlers::aHandlerReadsTheMessageThatItIsToldOf()
+void PortHandlersTest::aHandlerReadsTheMessageThatItIsToldOf()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -222,7 +222,7 @@ void PortHandlers::aHandlerReadsTheMessageThatItIsToldOf()
     QCOMPARE(bytes, QByteArray("abcde"));
 }
 
-void PortHandlers::aHandlerAnswersTheMessageThatItIsToldOf()
+void PortHandlersTest::aHandlerAnswersTheMessageThatItIsToldOf()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -234,7 +234,7 @@ void PortHandlers::aHandlerAnswersTheMessageThatItIsToldOf()
     QVERIFY(core.driver->waitForWrite(blockForPort1));
 }
 
-void PortHandlers::aHandlerClosesThePortThatWasJustOpened()
+void PortHandlersTest::aHandlerClosesThePortThatWasJustOpened()
 {
     PortsProbe core;
     core.configure();
@@ -251,7 +251,7 @@ void PortHandlers::aHandlerClosesThePortThatWasJustOpened()
     QCOMPARE(core.nbClients(), 0u);
 }
 
-void PortHandlers::aHandlerReopensThePortThatIsClosed()
+void PortHandlersTest::aHandlerReopensThePortThatIsClosed()
 {
     PortsProbe core;
     core.configure();
@@ -265,7 +265,7 @@ void PortHandlers::aHandlerReopensThePortThatIsClosed()
     QCOMPARE(core.nbClients(), 1u);
 }
 
-void PortHandlers::aHandlerReopensAPortThatTheLinkTakesDown()
+void PortHandlersTest::aHandlerReopensAPortThatTheLinkTakesDown()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -281,7 +281,7 @@ void PortHandlers::aHandlerReopensAPortThatTheLinkTakesDown()
     QCOMPARE(core.nbClients(), 2u);
 }
 
-void PortHandlers::aHandlerClosesEveryPortWhileTheLinkTakesThemDown()
+void PortHandlersTest::aHandlerClosesEveryPortWhileTheLinkTakesThemDown()
 {
     const QList<int> ports = {1, 2, 3, 4, 5};
     PortsProbe core;
@@ -307,7 +307,7 @@ void PortHandlers::aHandlerClosesEveryPortWhileTheLinkTakesThemDown()
     QCOMPARE(core.log.count("_changeAllSocketsState: emit disconnected"), 1);
 }
 
-void PortHandlers::aHandlerOpensManyPortsWhileTheLinkTakesThemDown()
+void PortHandlersTest::aHandlerOpensManyPortsWhileTheLinkTakesThemDown()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1, 2}));
@@ -335,7 +335,7 @@ void PortHandlers::aHandlerOpensManyPortsWhileTheLinkTakesThemDown()
     QCOMPARE(core.nbClients(), 3u);
 }
 
-void PortHandlers::aHandlerClosesEveryPortWhileTheLinkBringsThemBack()
+void PortHandlersTest::aHandlerClosesEveryPortWhileTheLinkBringsThemBack()
 {
     const QList<int> ports = {1, 2, 3};
     PortsProbe core;
@@ -361,7 +361,7 @@ void PortHandlers::aHandlerClosesEveryPortWhileTheLinkBringsThemBack()
     QCOMPARE(core.nbClients(), 0u);
 }
 
-void PortHandlers::aHandlerInAnotherThreadIsReachedByAQueuedConnection()
+void PortHandlersTest::aHandlerInAnotherThreadIsReachedByAQueuedConnection()
 {
     PortsProbe core;
     QObject receiver;
@@ -379,5 +379,5 @@ void PortHandlers::aHandlerInAnotherThreadIsReachedByAQueuedConnection()
     QTRY_COMPARE(changes, expected);
 }
 
-QTEST_GUILESS_MAIN(PortHandlers)
+QTEST_GUILESS_MAIN(PortHandlersTest)
 #include "tst_port_handlers.moc"

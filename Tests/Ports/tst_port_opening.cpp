@@ -23,7 +23,7 @@ void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept
     }
 }
 
-class PortOpening : public QObject
+class PortOpeningTest : public QObject
 {
     Q_OBJECT
 
@@ -48,7 +48,7 @@ private slots:
     void anyNumberNamesAPort();
 };
 
-void PortOpening::asManyPortsOpenAsTheLimitAllows_data()
+void PortOpeningTest::asManyPortsOpenAsTheLimitAllows_data()
 {
     QTest::addColumn<quint32>("maxClients");
     QTest::addColumn<int>("limit");
@@ -60,7 +60,7 @@ void PortOpening::asManyPortsOpenAsTheLimitAllows_data()
     QTest::newRow("nine") << 9u << 5;
 }
 
-void PortOpening::asManyPortsOpenAsTheLimitAllows()
+void PortOpeningTest::asManyPortsOpenAsTheLimitAllows()
 {
     QFETCH(quint32, maxClients);
     QFETCH(int, limit);
@@ -81,7 +81,7 @@ void PortOpening::asManyPortsOpenAsTheLimitAllows()
     QVERIFY(core.openConnection(next));
 }
 
-void PortOpening::anOpenPortCannotBeOpenedAgain()
+void PortOpeningTest::anOpenPortCannotBeOpenedAgain()
 {
     PortsProbe core;
     core.configure();
@@ -98,7 +98,7 @@ void PortOpening::anOpenPortCannotBeOpenedAgain()
     QCOMPARE(core.log.count("openConnection: opening driver"), 2);
 }
 
-void PortOpening::anOpenPortIsReportedBeforeTheLimit()
+void PortOpeningTest::anOpenPortIsReportedBeforeTheLimit()
 {
     PortsProbe core;
     core.configureFor(1);
@@ -108,7 +108,7 @@ void PortOpening::anOpenPortIsReportedBeforeTheLimit()
     QCOMPARE(core.signalsSeen.all(), QStringList("error(4,3)"));
 }
 
-void PortOpening::nothingOpensBeforeTheConfiguration()
+void PortOpeningTest::nothingOpensBeforeTheConfiguration()
 {
     PortsProbe core;
     QVERIFY(UsbHalLog::getInstance()->open(core.log.folder(), "UsbHal"));
@@ -124,7 +124,7 @@ void PortOpening::nothingOpensBeforeTheConfiguration()
     QVERIFY(core.openConnection(2));
 }
 
-void PortOpening::nothingOpensOnceTheCoreIsRetired()
+void PortOpeningTest::nothingOpensOnceTheCoreIsRetired()
 {
     PortsProbe core;
     QVERIFY(core.connectLink());
@@ -137,7 +137,7 @@ void PortOpening::nothingOpensOnceTheCoreIsRetired()
     QVERIFY(!core.isRunning());
 }
 
-void PortOpening::anOpenBeforeTheConfigurationEmptiesTheQueues()
+void PortOpeningTest::anOpenBeforeTheConfigurationEmptiesTheQueues()
 {
     PortsProbe core;
     core._writeFifo.append("FADA000050003x");
@@ -151,7 +151,7 @@ void PortOpening::anOpenBeforeTheConfigurationEmptiesTheQueues()
     QCOMPARE(core.bytesWaiting(), 0u);
 }
 
-void PortOpening::aPortWithoutMemoryForItsQueueStaysClosed()
+void PortOpeningTest::aPortWithoutMemoryForItsQueueStaysClosed()
 {
     PortsProbe core;
     core.configure();
@@ -165,7 +165,7 @@ void PortOpening::aPortWithoutMemoryForItsQueueStaysClosed()
     QCOMPARE(core.nbClients(), 0u);
 }
 
-void PortOpening::aPortThatHadNoMemoryOpensLater()
+void PortOpeningTest::aPortThatHadNoMemoryOpensLater()
 {
     PortsProbe core;
     core.configure();
@@ -179,7 +179,7 @@ void PortOpening::aPortThatHadNoMemoryOpensLater()
     QCOMPARE(core.nbClients(), 1u);
 }
 
-void PortOpening::theFirstOpenStartsTheCommunication()
+void PortOpeningTest::theFirstOpenStartsTheCommunication()
 {
     PortsProbe core;
     core.configure();
@@ -196,7 +196,7 @@ void PortOpening::theFirstOpenStartsTheCommunication()
     QCOMPARE(core.driver->opens(), 1);
 }
 
-void PortOpening::theFirstOpenEmptiesTheQueues()
+void PortOpeningTest::theFirstOpenEmptiesTheQueues()
 {
     PortsProbe core;
     core.configure();
@@ -210,7 +210,7 @@ void PortOpening::theFirstOpenEmptiesTheQueues()
     QCOMPARE(core.bytesWaiting(), 0u);
 }
 
-void PortOpening::aFurtherOpenKeepsTheQueuesOfOtherPorts()
+void PortOpeningTest::aFurtherOpenKeepsTheQueuesOfOtherPorts()
 {
     PortsProbe core;
     core.configure();
@@ -221,7 +221,7 @@ void PortOpening::aFurtherOpenKeepsTheQueuesOfOtherPorts()
     QCOMPARE(core.bytesWaiting(), 7u);
 }
 
-void PortOpening::closingTheLastPortDoesNotStopTheCommunication()
+void PortOpeningTest::closingTheLastPortDoesNotStopTheCommunication()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -234,7 +234,7 @@ void PortOpening::closingTheLastPortDoesNotStopTheCommunication()
     QCOMPARE(core.log.count("openConnection: start communication thread"), 1);
 }
 
-void PortOpening::anOpenAfterAStopStartsTheCommunicationAgain()
+void PortOpeningTest::anOpenAfterAStopStartsTheCommunicationAgain()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -247,7 +247,7 @@ void PortOpening::anOpenAfterAStopStartsTheCommunicationAgain()
     QCOMPARE(core.driver->opens(), 2);
 }
 
-void PortOpening::reopeningEmptiesTheReadQueue()
+void PortOpeningTest::reopeningEmptiesTheReadQueue()
 {
     PortsProbe core;
     core.configure();
@@ -264,7 +264,7 @@ void PortOpening::reopeningEmptiesTheReadQueue()
     QCOMPARE(core.log.count("openConnection: >>>> openConnection _totalBytesWaitingRead = 5"), 1);
 }
 
-void PortOpening::reopeningCountsAMessageOnlyUpToItsFirstZeroByte()
+void PortOpeningTest::reopeningCountsAMessageOnlyUpToItsFirstZeroByte()
 {
     PortsProbe core;
     core.configure();
@@ -280,7 +280,7 @@ void PortOpening::reopeningCountsAMessageOnlyUpToItsFirstZeroByte()
     QCOMPARE(core.log.count("openConnection: >>>> openConnection _totalBytesWaitingRead = 9"), 1);
 }
 
-void PortOpening::anyNumberNamesAPort_data()
+void PortOpeningTest::anyNumberNamesAPort_data()
 {
     QTest::addColumn<int>("port");
     QTest::newRow("zero") << 0;
@@ -290,7 +290,7 @@ void PortOpening::anyNumberNamesAPort_data()
     QTest::newRow("smallest") << std::numeric_limits<int>::min();
 }
 
-void PortOpening::anyNumberNamesAPort()
+void PortOpeningTest::anyNumberNamesAPort()
 {
     QFETCH(int, port);
     PortsProbe core;
@@ -305,5 +305,5 @@ void PortOpening::anyNumberNamesAPort()
                           "socketStateChanged(" + text + ",DISCONNECTED)"}));
 }
 
-QTEST_GUILESS_MAIN(PortOpening)
+QTEST_GUILESS_MAIN(PortOpeningTest)
 #include "tst_port_opening.moc"

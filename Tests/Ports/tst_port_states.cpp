@@ -30,7 +30,7 @@ struct SeenAtSignal
 
 } // namespace
 
-class PortStates : public QObject
+class PortStatesTest : public QObject
 {
     Q_OBJECT
 
@@ -55,7 +55,7 @@ private slots:
     void openPortsAreCountedByState();
 };
 
-void PortStates::aPortThatWasNeverOpenedIsClosed()
+void PortStatesTest::aPortThatWasNeverOpenedIsClosed()
 {
     PortsProbe core;
     QCOMPARE(core.socketStatus(3), SocketState::CLOSED);
@@ -64,7 +64,7 @@ void PortStates::aPortThatWasNeverOpenedIsClosed()
     QVERIFY2(!core._socketStates.contains(3), "the look created an entry");
 }
 
-void PortStates::openingAnUnknownPortOpensIt()
+void PortStatesTest::openingAnUnknownPortOpensIt()
 {
     PortsProbe core;
     core.configure();
@@ -75,7 +75,7 @@ void PortStates::openingAnUnknownPortOpensIt()
     QCOMPARE(core.log.count("_onConnected: socket #1CONNECTED"), 1);
 }
 
-void PortStates::openingAClosedPortOpensItAgain()
+void PortStatesTest::openingAClosedPortOpensItAgain()
 {
     PortsProbe core;
     core.configure();
@@ -88,7 +88,7 @@ void PortStates::openingAClosedPortOpensItAgain()
     QCOMPARE(core.nbClients(), 1u);
 }
 
-void PortStates::openingAPortThatThePeerCutOpensItWithoutAClose()
+void PortStatesTest::openingAPortThatThePeerCutOpensItWithoutAClose()
 {
     PortsProbe core;
     core.configure();
@@ -100,7 +100,7 @@ void PortStates::openingAPortThatThePeerCutOpensItWithoutAClose()
     QCOMPARE(core.socketStatus(1), SocketState::OPENED);
 }
 
-void PortStates::aReopenedPortThatThePeerCutCountsTwiceUntilItIsClosed()
+void PortStatesTest::aReopenedPortThatThePeerCutCountsTwiceUntilItIsClosed()
 {
     PortsProbe core;
     core.configureFor(2);
@@ -115,7 +115,7 @@ void PortStates::aReopenedPortThatThePeerCutCountsTwiceUntilItIsClosed()
     QVERIFY(core.openConnection(2));
 }
 
-void PortStates::aPeerDisconnectionCutsAnOpenPort()
+void PortStatesTest::aPeerDisconnectionCutsAnOpenPort()
 {
     PortsProbe core;
     core.configure();
@@ -129,7 +129,7 @@ void PortStates::aPeerDisconnectionCutsAnOpenPort()
     QCOMPARE(core.log.count("_onDisconnected: 0 messages removed from Write FIFO for port 4"), 1);
 }
 
-void PortStates::aPeerDisconnectionLeavesOtherPortsAlone()
+void PortStatesTest::aPeerDisconnectionLeavesOtherPortsAlone()
 {
     PortsProbe core;
     core.configure();
@@ -147,14 +147,14 @@ void PortStates::aPeerDisconnectionLeavesOtherPortsAlone()
     QVERIFY2(!core._socketStates.contains(3), "an unknown port got an entry");
 }
 
-void PortStates::closingAnOpenPortSignalsDisconnectedAndLeavesItClosed_data()
+void PortStatesTest::closingAnOpenPortSignalsDisconnectedAndLeavesItClosed_data()
 {
     QTest::addColumn<bool>("fromHost");
     QTest::newRow("closeConnection") << false;
     QTest::newRow("disconnectFromHost") << true;
 }
 
-void PortStates::closingAnOpenPortSignalsDisconnectedAndLeavesItClosed()
+void PortStatesTest::closingAnOpenPortSignalsDisconnectedAndLeavesItClosed()
 {
     QFETCH(bool, fromHost);
     PortsProbe core;
@@ -182,12 +182,12 @@ void PortStates::closingAnOpenPortSignalsDisconnectedAndLeavesItClosed()
     QCOMPARE(core.log.lines().mid(before), expected);
 }
 
-void PortStates::closingADisconnectedPortSignalsNothing_data()
+void PortStatesTest::closingADisconnectedPortSignalsNothing_data()
 {
     closingAnOpenPortSignalsDisconnectedAndLeavesItClosed_data();
 }
 
-void PortStates::closingADisconnectedPortSignalsNothing()
+void PortStatesTest::closingADisconnectedPortSignalsNothing()
 {
     QFETCH(bool, fromHost);
     PortsProbe core;
@@ -205,7 +205,7 @@ void PortStates::closingADisconnectedPortSignalsNothing()
     QCOMPARE(core.log.count("_closeConnection: port #1 has been CLOSED"), 1);
 }
 
-void PortStates::aLostLinkDisconnectsEveryOpenPort()
+void PortStatesTest::aLostLinkDisconnectsEveryOpenPort()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1, 2, 3}));
@@ -227,7 +227,7 @@ void PortStates::aLostLinkDisconnectsEveryOpenPort()
     QCOMPARE(linesWith(core, "socket #2DISCONNECTED").size(), 1);
 }
 
-void PortStates::aLinkThatIsBackReopensOnlyDisconnectedPorts()
+void PortStatesTest::aLinkThatIsBackReopensOnlyDisconnectedPorts()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1, 2, 3}));
@@ -249,7 +249,7 @@ void PortStates::aLinkThatIsBackReopensOnlyDisconnectedPorts()
     QCOMPARE(core.nbClients(), 3u);
 }
 
-void PortStates::aLostLinkLeavesAPortAloneThatThePeerHadCut()
+void PortStatesTest::aLostLinkLeavesAPortAloneThatThePeerHadCut()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1}));
@@ -264,7 +264,7 @@ void PortStates::aLostLinkLeavesAPortAloneThatThePeerHadCut()
              QStringList({"stateChanged(CONNECTED)", "connected"}) + openedSignals(1));
 }
 
-void PortStates::anyStateButOpenedIsTakenByEveryPortThatIsNotClosed()
+void PortStatesTest::anyStateButOpenedIsTakenByEveryPortThatIsNotClosed()
 {
     PortsProbe core;
     core.configure();
@@ -283,7 +283,7 @@ void PortStates::anyStateButOpenedIsTakenByEveryPortThatIsNotClosed()
     QCOMPARE(core.socketStatus(2), SocketState::CLOSED);
 }
 
-void PortStates::theStateIsWrittenBeforeTheSignalsGoOut()
+void PortStatesTest::theStateIsWrittenBeforeTheSignalsGoOut()
 {
     PortsProbe core;
     QMutex mutex;
@@ -315,7 +315,7 @@ void PortStates::theStateIsWrittenBeforeTheSignalsGoOut()
     QCOMPARE(statesAt("socketStateChanged(1,DISCONNECTED)"), lostAndClosed);
 }
 
-void PortStates::theLogLineOfAPortStandsBetweenItsTwoSignals()
+void PortStatesTest::theLogLineOfAPortStandsBetweenItsTwoSignals()
 {
     PortsProbe core;
     core.configure();
@@ -333,7 +333,7 @@ void PortStates::theLogLineOfAPortStandsBetweenItsTwoSignals()
     QCOMPARE(lines, QList<int>({0, 1, 1, 2}));
 }
 
-void PortStates::openPortsAreCountedByState()
+void PortStatesTest::openPortsAreCountedByState()
 {
     PortsProbe core;
     core.configure();
@@ -350,5 +350,5 @@ void PortStates::openPortsAreCountedByState()
     QCOMPARE(core.nbClients(), 2u);
 }
 
-QTEST_GUILESS_MAIN(PortStates)
+QTEST_GUILESS_MAIN(PortStatesTest)
 #include "tst_port_states.moc"

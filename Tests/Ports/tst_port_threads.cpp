@@ -94,7 +94,7 @@ void joinAll(std::vector<std::thread> &threads)
 
 } // namespace
 
-class PortThreads : public QObject
+class PortThreadsTest : public QObject
 {
     Q_OBJECT
 
@@ -104,7 +104,7 @@ private slots:
     void manyThreadsCloseTheSamePorts();
 };
 
-void PortThreads::manyThreadsShareThePorts()
+void PortThreadsTest::manyThreadsShareThePorts()
 {
     PortsProbe core;
     core.configure();
@@ -134,7 +134,7 @@ void PortThreads::manyThreadsShareThePorts()
     }
 }
 
-void PortThreads::manyThreadsOpenPortsWhileAnotherStops()
+void PortThreadsTest::manyThreadsOpenPortsWhileAnotherStops()
 {
     PortsProbe core;
     core.configure();
@@ -167,7 +167,7 @@ void PortThreads::manyThreadsOpenPortsWhileAnotherStops()
     QVERIFY(core.driver->waitForWrite("FADA000090001alive"));
 }
 
-void PortThreads::manyThreadsCloseTheSamePorts()
+void PortThreadsTest::manyThreadsCloseTheSamePorts()
 {
     PortsProbe core;
     QVERIFY(core.connectPorts({1, 2, 3, 4, 5}));
@@ -191,5 +191,5 @@ void PortThreads::manyThreadsCloseTheSamePorts()
     QCOMPARE(core.signalsSeen.all().filter("error(6,").size(), 3 * threadCount - 3);
 }
 
-QTEST_GUILESS_MAIN(PortThreads)
+QTEST_GUILESS_MAIN(PortThreadsTest)
 #include "tst_port_threads.moc"

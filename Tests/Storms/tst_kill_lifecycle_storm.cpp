@@ -200,7 +200,7 @@ private:
 } // namespace
 
 /** Starts beside ends, in all the ways that clients and handlers have, under schedule noise. */
-class LifecycleStorm : public QObject
+class KillLifecycleStormTest : public QObject
 {
     Q_OBJECT
 
@@ -211,7 +211,7 @@ private slots:
     void restartsUnderDeferredDeletesAndThreadStorage();
 };
 
-void LifecycleStorm::opensAndClosesBesideStops()
+void KillLifecycleStormTest::opensAndClosesBesideStops()
 {
     const quint64 seeds = Campaign::scaled(fullOperations) / seedOperations + 1;
     const quint32 first = Campaign::seed();
@@ -238,7 +238,7 @@ void LifecycleStorm::opensAndClosesBesideStops()
     QVERIFY(done[0] > 0 && done[1] > 0 && done[2] > 0);
 }
 
-void LifecycleStorm::restartsUnderDeferredDeletesAndThreadStorage()
+void KillLifecycleStormTest::restartsUnderDeferredDeletesAndThreadStorage()
 {
     const quint64 restarts = Campaign::scaled(fullRestarts);
     FlatResources resources("haunted restarts", restarts, 2048);
@@ -269,5 +269,5 @@ void LifecycleStorm::restartsUnderDeferredDeletesAndThreadStorage()
     QVERIFY(resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(LifecycleStorm)
+QTEST_GUILESS_MAIN(KillLifecycleStormTest)
 #include "tst_kill_lifecycle_storm.moc"

@@ -159,7 +159,7 @@ private:
 } // namespace
 
 /** The watchdog kills and restarts the thread hundreds of times, wherever that is stuck. */
-class KillWatchdogStorm : public QObject
+class KillWatchdogStormTest : public QObject
 {
     Q_OBJECT
 
@@ -169,7 +169,7 @@ private slots:
     void everyKillIsFollowedByAWorkingLink();
 };
 
-void KillWatchdogStorm::everyKillIsFollowedByAWorkingLink_data()
+void KillWatchdogStormTest::everyKillIsFollowedByAWorkingLink_data()
 {
     QTest::addColumn<int>("place");
     QTest::newRow("in a read") << static_cast<int>(Place::Read);
@@ -178,7 +178,7 @@ void KillWatchdogStorm::everyKillIsFollowedByAWorkingLink_data()
     QTest::newRow("in a pause") << static_cast<int>(Place::Pause);
 }
 
-void KillWatchdogStorm::everyKillIsFollowedByAWorkingLink()
+void KillWatchdogStormTest::everyKillIsFollowedByAWorkingLink()
 {
     QFETCH(int, place);
     const quint64 kills = Campaign::scaled(fullKills) / 4 + 1;
@@ -193,5 +193,5 @@ void KillWatchdogStorm::everyKillIsFollowedByAWorkingLink()
     QVERIFY(resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(KillWatchdogStorm)
+QTEST_GUILESS_MAIN(KillWatchdogStormTest)
 #include "tst_kill_watchdog_storm.moc"

@@ -187,7 +187,7 @@ private:
 } // namespace
 
 /** The link is lost thousands of times, each time in a moment of no pauses. */
-class LossStorm : public QObject
+class LossStormTest : public QObject
 {
     Q_OBJECT
 
@@ -197,12 +197,12 @@ private slots:
     void everyLossIsFollowedByACleanReturn();
 };
 
-void LossStorm::initTestCase()
+void LossStormTest::initTestCase()
 {
     VirtualTime::setPauseDivisor(1000);
 }
 
-void LossStorm::everyLossIsFollowedByACleanReturn_data()
+void LossStormTest::everyLossIsFollowedByACleanReturn_data()
 {
     QTest::addColumn<int>("cause");
     QTest::addColumn<bool>("closesDriver");
@@ -217,7 +217,7 @@ void LossStorm::everyLossIsFollowedByACleanReturn_data()
     row("forced, driver closed", Cause::Forced, true);
 }
 
-void LossStorm::everyLossIsFollowedByACleanReturn()
+void LossStormTest::everyLossIsFollowedByACleanReturn()
 {
     QFETCH(int, cause);
     QFETCH(bool, closesDriver);
@@ -233,5 +233,5 @@ void LossStorm::everyLossIsFollowedByACleanReturn()
     QVERIFY(resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(LossStorm)
+QTEST_GUILESS_MAIN(LossStormTest)
 #include "tst_loss_storm.moc"

@@ -195,7 +195,7 @@ private:
 } // namespace
 
 /** Millions of messages over five ports, both ways, each compared byte by byte. */
-class MessageStorm : public QObject
+class MessageStormTest : public QObject
 {
     Q_OBJECT
 
@@ -215,7 +215,7 @@ private:
     FlatResources _resources{"message storm", rows, 4 * FlatResources::defaultGrowth};
 };
 
-void MessageStorm::initTestCase()
+void MessageStormTest::initTestCase()
 {
     VirtualTime::setPauseDivisor(0);
     _host = QSharedPointer<StormHost>::create();
@@ -223,14 +223,14 @@ void MessageStorm::initTestCase()
     QVERIFY(_core->start());
 }
 
-void MessageStorm::everyMessageArrivesOnceAndInOrder_data()
+void MessageStormTest::everyMessageArrivesOnceAndInOrder_data()
 {
     QTest::addColumn<int>("tenth");
     for (int tenth = 1; tenth <= rows; ++tenth)
         QTest::addRow("tenth %d", tenth) << tenth;
 }
 
-void MessageStorm::everyMessageArrivesOnceAndInOrder()
+void MessageStormTest::everyMessageArrivesOnceAndInOrder()
 {
     // Without flow control and with it: what a tenth leaves in the heap is that of both.
     const quint64 eachWay = _messagesInRow / 4 / StormHost::portCount;
@@ -243,7 +243,7 @@ void MessageStorm::everyMessageArrivesOnceAndInOrder()
     _resources.count();
 }
 
-void MessageStorm::theDelaysWereAskedForAndMemoryStayedFlat()
+void MessageStormTest::theDelaysWereAskedForAndMemoryStayedFlat()
 {
     quint64 toHost = 0;
     for (int port = 1; port <= StormHost::portCount; ++port)
@@ -254,5 +254,5 @@ void MessageStorm::theDelaysWereAskedForAndMemoryStayedFlat()
     QVERIFY(_resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(MessageStorm)
+QTEST_GUILESS_MAIN(MessageStormTest)
 #include "tst_message_storm.moc"

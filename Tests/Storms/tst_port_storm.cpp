@@ -140,7 +140,7 @@ private:
 } // namespace
 
 /** Eight threads open and close the same five ports. */
-class PortStorm : public QObject
+class PortStormTest : public QObject
 {
     Q_OBJECT
 
@@ -154,7 +154,7 @@ private:
 };
 
 // The errors of other threads are also queued to this one, which takes them meanwhile.
-void PortStorm::actInThreads(ContestedPorts &core, quint32 seed, quint64 calls)
+void PortStormTest::actInThreads(ContestedPorts &core, quint32 seed, quint64 calls)
 {
     std::vector<std::future<void>> threads;
     for (quint32 i = 0; i < threadCount; ++i) {
@@ -171,7 +171,7 @@ void PortStorm::actInThreads(ContestedPorts &core, quint32 seed, quint64 calls)
     QCoreApplication::processEvents();
 }
 
-void PortStorm::closeAll(ContestedPorts &core)
+void PortStormTest::closeAll(ContestedPorts &core)
 {
     for (int port = 1; port <= portCount; ++port) {
         const auto index = static_cast<size_t>(port);
@@ -184,7 +184,7 @@ void PortStorm::closeAll(ContestedPorts &core)
     }
 }
 
-void PortStorm::everyOpenIsClosedOnceAndEveryRefusalHasItsError()
+void PortStormTest::everyOpenIsClosedOnceAndEveryRefusalHasItsError()
 {
     const quint64 perTenth = (Campaign::scaled(fullCalls) + 9) / 10;
     const quint32 seed = Campaign::seed();
@@ -212,5 +212,5 @@ void PortStorm::everyOpenIsClosedOnceAndEveryRefusalHasItsError()
     QVERIFY(resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(PortStorm)
+QTEST_GUILESS_MAIN(PortStormTest)
 #include "tst_port_storm.moc"

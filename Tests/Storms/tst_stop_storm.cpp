@@ -211,7 +211,7 @@ private:
 } // namespace
 
 /** Hundreds of stops, each with clients inside every call that may block. */
-class StopStorm : public QObject
+class StopStormTest : public QObject
 {
     Q_OBJECT
 
@@ -221,7 +221,7 @@ private slots:
     void everyClientReturnsAndEveryRestartWorks();
 };
 
-void StopStorm::everyClientReturnsAndEveryRestartWorks_data()
+void StopStormTest::everyClientReturnsAndEveryRestartWorks_data()
 {
     QTest::addColumn<int>("clients");
     QTest::newRow("clients of a link") << static_cast<int>(Clients::OfALink);
@@ -229,7 +229,7 @@ void StopStorm::everyClientReturnsAndEveryRestartWorks_data()
     QTest::newRow("clients of a host") << static_cast<int>(Clients::OfAHost);
 }
 
-void StopStorm::everyClientReturnsAndEveryRestartWorks()
+void StopStormTest::everyClientReturnsAndEveryRestartWorks()
 {
     QFETCH(int, clients);
     const quint64 cycles = Campaign::scaled(fullCycles) / 3 + 1;
@@ -244,5 +244,5 @@ void StopStorm::everyClientReturnsAndEveryRestartWorks()
     QVERIFY(resources.areFlat());
 }
 
-QTEST_GUILESS_MAIN(StopStorm)
+QTEST_GUILESS_MAIN(StopStormTest)
 #include "tst_stop_storm.moc"

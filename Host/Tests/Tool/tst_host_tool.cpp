@@ -37,7 +37,7 @@ QByteArray contentOf(const QString &path)
 } // namespace
 
 /// `usbhal` as a device sees it, and as its user does.
-class ToolTest : public QObject
+class HostToolTest : public QObject
 {
     Q_OBJECT
 
@@ -103,7 +103,7 @@ private:
     QScopedPointer<ForkedProcess> _program;
 };
 
-void ToolTest::init()
+void HostToolTest::init()
 {
     _folder.reset(new QTemporaryDir);
     _node.reset(new Listener(_file("host").toStdString()));
@@ -112,7 +112,7 @@ void ToolTest::init()
     _program.reset(new ForkedProcess);
 }
 
-void ToolTest::cleanup()
+void HostToolTest::cleanup()
 {
     _program->kill();
     _program->waitForFinished();
@@ -121,7 +121,7 @@ void ToolTest::cleanup()
     _control.reset();
 }
 
-void ToolTest::_start(const QStringList &arguments, const QByteArray &input)
+void HostToolTest::_start(const QStringList &arguments, const QByteArray &input)
 {
     startBuilt(*_program, USBHAL_TOOL, QStringList{"--device", _device()} + arguments);
     _program->write(input);
@@ -130,19 +130,19 @@ void ToolTest::_start(const QStringList &arguments, const QByteArray &input)
     _program->closeWriteChannel();
 }
 
-void ToolTest::_run(const QStringList &arguments)
+void HostToolTest::_run(const QStringList &arguments)
 {
     startBuilt(*_program, USBHAL_TOOL, arguments);
     _program->closeWriteChannel();
     _program->waitForFinished();
 }
 
-bool ToolTest::_accept()
+bool HostToolTest::_accept()
 {
     return _node->accept() && _exchange(noData, readSize);
 }
 
-bool ToolTest::_exchange(const std::string &expected, const std::string &answer)
+bool HostToolTest::_exchange(const std::string &expected, const std::string &answer)
 {
     const std::string transfer = _node->receive();
     if (transfer != expected)
@@ -150,20 +150,20 @@ bool ToolTest::_exchange(const std::string &expected, const std::string &answer)
     return transfer == expected && _node->send(answer);
 }
 
-int ToolTest::_answerToTheEnd()
+int HostToolTest::_answerToTheEnd()
 {
     while (_node->receive() == noData && _node->send(readSize)) {
     }
     return _exitStatus();
 }
 
-int ToolTest::_exitStatus()
+int HostToolTest::_exitStatus()
 {
     _program->waitForFinished();
     return _program->exitStatus() == QProcess::NormalExit ? _program->exitCode() : -1;
 }
 
-void ToolTest::catSendsTheInputAndPrintsWhatThePortSends()
+void HostToolTest::catSendsTheInputAndPrintsWhatThePortSends()
 {
     _start({"cat", "3", "--linger", "0.2"}, "hello, device\n");
     QVERIFY(_accept());
@@ -173,7 +173,7 @@ void ToolTest::catSendsTheInputAndPrintsWhatThePortSends()
     QCOMPARE(_errors(), QByteArray());
 }
 
-void ToolTest::catPrintsNothingOfOtherPorts()
+void HostToolTest::catPrintsNothingOfOtherPorts()
 {
     _start({"cat", "1", "--linger", "0.2"});
     QVERIFY(_accept());
@@ -182,7 +182,7 @@ void ToolTest::catPrintsNothingOfOtherPorts()
     QCOMPARE(_program->readAllStandardOutput(), QByteArray("one"));
 }
 
-void ToolTest::catWaitsForTheDeviceAndSaysSo()
+void HostToolTest::catWaitsForTheDeviceAndSaysSo()
 {
     _node.reset();
     QVERIFY(QFile::remove(_file("host")));
@@ -199,7 +199,7 @@ void ToolTest::catWaitsForTheDeviceAndSaysSo()
     QCOMPARE(_answerToTheEnd(), 0);
 }
 
-void ToolTest::catLingersForMoreFromTheDevice()
+void HostToolTest::catLingersForMoreFromTheDevice()
 {
     _start({"cat", "1", "--linger", "1"});
     QVERIFY(_accept());
@@ -214,7 +214,7 @@ void ToolTest::catLingersForMoreFromTheDevice()
     QCOMPARE(_program->readAllStandardOutput(), QByteArray("late"));
 }
 
-void ToolTest::catFillsWholeTransfers()
+void HostToolTest::catFillsWholeTransfers()
 {
     const QByteArray input(3 * payloadSize, 'x');
     _start({"cat", "1", "--linger", "0"}, input);
@@ -224,7 +224,7 @@ void ToolTest::catFillsWholeTransfers()
     QCOMPARE(_answerToTheEnd(), 0);
 }
 
-void ToolTest::catFailsWhenTheLinkEndsWithBytesLeft()
+void HostToolTest::catFailsWhenTheLinkEndsWithBytesLeft()
 {
     _start({"cat", "1"}, "hello");
     QVERIFY(_accept());
@@ -236,7 +236,7 @@ void ToolTest::catFailsWhenTheLinkEndsWithBytesLeft()
     QVERIFY2(errors.contains("5 bytes may not have reached the device"), errors);
 }
 
-void ToolTest::catEndsWellWhenTheLinkEndsWithNothingLeft()
+void HostToolTest::catEndsWellWhenTheLinkEndsWithNothingLeft()
 {
     _start({"cat", "1", "--linger", "100"}, "hello");
     QVERIFY(_accept());
@@ -246,7 +246,7 @@ void ToolTest::catEndsWellWhenTheLinkEndsWithNothingLeft()
     QCOMPARE(_exitStatus(), 0);
 }
 
-void ToolTest::catCountsATransferThatIsNotAnswered()
+void HostToolTest::catCountsATransferThatIsNotAnswered()
 {
     _start({"cat", "1", "--linger", "0"}, "hello");
     QVERIFY(_accept());
@@ -258,7 +258,7 @@ void ToolTest::catCountsATransferThatIsNotAnswered()
 }
 
 // What was in flight is lost and counted; what was not sent yet reaches the device that comes back.
-void ToolTest::catGoesOnWithADeviceThatComesBack()
+void HostToolTest::catGoesOnWithADeviceThatComesBack()
 {
     const QByteArray input = QByteArray(payloadSize, 'x') + "rest";
     _start({"cat", "1", "--linger", "0", "--reconnect"}, input);
@@ -273,7 +273,7 @@ void ToolTest::catGoesOnWithADeviceThatComesBack()
     QVERIFY2(errors.contains("9987 bytes may not have reached the device"), errors);
 }
 
-void ToolTest::catWithClosedStreamsDoesNotReadItsOwnSocket()
+void HostToolTest::catWithClosedStreamsDoesNotReadItsOwnSocket()
 {
     const QStringList words = wordsToRun(USBHAL_TOOL);
     _program->start("sh", QStringList{"-c", R"(exec "$@" <&- >&-)", "sh"} + words +
@@ -284,7 +284,7 @@ void ToolTest::catWithClosedStreamsDoesNotReadItsOwnSocket()
     QCOMPARE(_errors(), QByteArray());
 }
 
-void ToolTest::catEndsWhenItsOutputCannotBeWritten()
+void HostToolTest::catEndsWhenItsOutputCannotBeWritten()
 {
     _program->setStandardOutputFile("/dev/full");
     _start({"cat", "1", "--linger", "100"});
@@ -295,7 +295,7 @@ void ToolTest::catEndsWhenItsOutputCannotBeWritten()
                                    "make room, or name another place\n"));
 }
 
-void ToolTest::catStopsTheExchangeForAReaderThatTakesNothing()
+void HostToolTest::catStopsTheExchangeForAReaderThatTakesNothing()
 {
     const std::string block = data(1, std::string(payloadSize, 'x'));
     _start({"cat", "1", "--linger", "0.1"});
@@ -323,7 +323,7 @@ void ToolTest::catStopsTheExchangeForAReaderThatTakesNothing()
     QVERIFY2(errors.isEmpty() || errors.contains("the reader of the output takes nothing"), errors);
 }
 
-void ToolTest::sendEndsWhenTheDeviceHasAnsweredTheLastByte()
+void HostToolTest::sendEndsWhenTheDeviceHasAnsweredTheLastByte()
 {
     QFile file(_file("file"));
     QVERIFY(file.open(QIODevice::WriteOnly) && file.write("content") == 7);
@@ -335,7 +335,7 @@ void ToolTest::sendEndsWhenTheDeviceHasAnsweredTheLastByte()
     QCOMPARE(_errors(), QByteArray());
 }
 
-void ToolTest::recvEndsWithTheLastByteAskedFor()
+void HostToolTest::recvEndsWithTheLastByteAskedFor()
 {
     _start({"recv", "2", _file("file"), "--bytes", "5"});
     QVERIFY(_accept());
@@ -345,7 +345,7 @@ void ToolTest::recvEndsWithTheLastByteAskedFor()
     QCOMPARE(contentOf(_file("file")), QByteArray("abcde"));
 }
 
-void ToolTest::recvEndsWhenNothingComesAnyMore()
+void HostToolTest::recvEndsWhenNothingComesAnyMore()
 {
     _start({"recv", "2", "-", "--idle", "0.3"});
     QVERIFY(_accept());
@@ -354,7 +354,7 @@ void ToolTest::recvEndsWhenNothingComesAnyMore()
     QCOMPARE(_program->readAllStandardOutput(), QByteArray("abc"));
 }
 
-void ToolTest::recvEndsBySignal()
+void HostToolTest::recvEndsBySignal()
 {
     _start({"recv", "2", _file("file")});
     QVERIFY(_accept());
@@ -365,7 +365,7 @@ void ToolTest::recvEndsBySignal()
     QCOMPARE(contentOf(_file("file")), QByteArray("abc"));
 }
 
-void ToolTest::badFilesAreSaid_data()
+void HostToolTest::badFilesAreSaid_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("text");
@@ -379,7 +379,7 @@ void ToolTest::badFilesAreSaid_data()
                                    "can be written, or - for standard output\n");
 }
 
-void ToolTest::badFilesAreSaid()
+void HostToolTest::badFilesAreSaid()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, text);
@@ -388,7 +388,7 @@ void ToolTest::badFilesAreSaid()
     QCOMPARE(_errors(), text);
 }
 
-void ToolTest::aFullDiskIsSaid()
+void HostToolTest::aFullDiskIsSaid()
 {
     _start({"recv", "1", "/dev/full"});
     QVERIFY(_accept());
@@ -398,7 +398,7 @@ void ToolTest::aFullDiskIsSaid()
                                    "room, or name another place\n"));
 }
 
-void ToolTest::listShowsTheNodeAsTextAndAsJson()
+void HostToolTest::listShowsTheNodeAsTextAndAsJson()
 {
     _run({"list"});
     QCOMPARE(_program->exitCode(), 0);
@@ -415,7 +415,7 @@ void ToolTest::listShowsTheNodeAsTextAndAsJson()
     QVERIFY(found);
 }
 
-void ToolTest::waitEndsWhenTheDeviceIsThere()
+void HostToolTest::waitEndsWhenTheDeviceIsThere()
 {
     _run({"--device", _device(), "wait", "connected"});
     QCOMPARE(_program->exitCode(), 0);
@@ -424,7 +424,7 @@ void ToolTest::waitEndsWhenTheDeviceIsThere()
     QCOMPARE(_program->exitCode(), 0);
 }
 
-void ToolTest::waitEndsWithATimeOut()
+void HostToolTest::waitEndsWithATimeOut()
 {
     _run({"--device", _device(), "wait", "disconnected", "--timeout", "0.1"});
     QCOMPARE(_program->exitCode(), 4);
@@ -432,7 +432,7 @@ void ToolTest::waitEndsWithATimeOut()
                             " to be disconnected\n");
 }
 
-void ToolTest::severalDevicesAreAChoiceOfTheUser()
+void HostToolTest::severalDevicesAreAChoiceOfTheUser()
 {
     const QTemporaryDir other;
     const Listener host(other.filePath("host").toStdString());
@@ -445,7 +445,7 @@ void ToolTest::severalDevicesAreAChoiceOfTheUser()
     QVERIFY2(errors.contains(_device().toUtf8()) && errors.contains(other.path().toUtf8()), errors);
 }
 
-void ToolTest::withoutADeviceTheStatusIsThree()
+void HostToolTest::withoutADeviceTheStatusIsThree()
 {
     _node.reset();
     QVERIFY(QFile::remove(_file("host")));
@@ -455,7 +455,7 @@ void ToolTest::withoutADeviceTheStatusIsThree()
     QVERIFY2(errors.startsWith("usbhal: no device for 0.1 s: connect to "), errors);
 }
 
-void ToolTest::aNodeThatAnotherHostHasIsSaid()
+void HostToolTest::aNodeThatAnotherHostHasIsSaid()
 {
     _start({"--wait", "0", "cat", "1"});
     QVERIFY(_node->accept());
@@ -465,7 +465,7 @@ void ToolTest::aNodeThatAnotherHostHasIsSaid()
                                    "host that has it, if there is one\n"));
 }
 
-void ToolTest::aDeviceThatDoesNotAnswerIsATimeOut()
+void HostToolTest::aDeviceThatDoesNotAnswerIsATimeOut()
 {
     _start({"--wait", "0.1", "cat", "1"}, "hello");
     QVERIFY(_node->accept());
@@ -476,7 +476,7 @@ void ToolTest::aDeviceThatDoesNotAnswerIsATimeOut()
                             "open?\n");
 }
 
-void ToolTest::aDeviceThatSpeaksSomethingElseIsSaidWithAnExcerpt()
+void HostToolTest::aDeviceThatSpeaksSomethingElseIsSaidWithAnExcerpt()
 {
     _start({"cat", "1"}, "hello");
     QVERIFY(_node->accept());
@@ -489,7 +489,7 @@ void ToolTest::aDeviceThatSpeaksSomethingElseIsSaidWithAnExcerpt()
              errors);
 }
 
-void ToolTest::whatWaitingCannotMendIsSaidAtOnce_data()
+void HostToolTest::whatWaitingCannotMendIsSaidAtOnce_data()
 {
     QTest::addColumn<QString>("device");
     QTest::addColumn<QByteArray>("text");
@@ -503,7 +503,7 @@ void ToolTest::whatWaitingCannotMendIsSaidAtOnce_data()
                                       "/host is longer than a socket's path may be\n";
 }
 
-void ToolTest::whatWaitingCannotMendIsSaidAtOnce()
+void HostToolTest::whatWaitingCannotMendIsSaidAtOnce()
 {
     QFETCH(QString, device);
     QFETCH(QByteArray, text);
@@ -515,7 +515,7 @@ void ToolTest::whatWaitingCannotMendIsSaidAtOnce()
     QCOMPARE(_errors(), text);
 }
 
-void ToolTest::theEnvironmentNamesTheDevice()
+void HostToolTest::theEnvironmentNamesTheDevice()
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("USBHAL_DEVICE", _device());
@@ -526,7 +526,7 @@ void ToolTest::theEnvironmentNamesTheDevice()
     QCOMPARE(_answerToTheEnd(), 0);
 }
 
-void ToolTest::verboseTellsEveryTransfer()
+void HostToolTest::verboseTellsEveryTransfer()
 {
     _start({"-v", "cat", "1", "--linger", "0"});
     QVERIFY(_accept());
@@ -537,7 +537,7 @@ void ToolTest::verboseTellsEveryTransfer()
              errors);
 }
 
-void ToolTest::wrongCommandLinesAreSaid_data()
+void HostToolTest::wrongCommandLinesAreSaid_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QByteArray>("text");
@@ -564,7 +564,7 @@ void ToolTest::wrongCommandLinesAreSaid_data()
     device("usb:1d6b:0104:", "the serial number is empty");
 }
 
-void ToolTest::wrongCommandLinesAreSaid()
+void HostToolTest::wrongCommandLinesAreSaid()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, text);
@@ -574,14 +574,14 @@ void ToolTest::wrongCommandLinesAreSaid()
     QVERIFY2(errors.contains(text), errors);
 }
 
-void ToolTest::helpShowsExamples_data()
+void HostToolTest::helpShowsExamples_data()
 {
     QTest::addColumn<QString>("command");
     for (const char *command : {"list", "wait", "cat", "send", "recv", "completion"})
         QTest::newRow(command) << QString(command);
 }
 
-void ToolTest::helpShowsExamples()
+void HostToolTest::helpShowsExamples()
 {
     QFETCH(QString, command);
     _run({command, "--help"});
@@ -590,7 +590,7 @@ void ToolTest::helpShowsExamples()
     QVERIFY2(text.contains("Example") && text.contains("usbhal "), text);
 }
 
-void ToolTest::theInstalledCompletionIsTheOneOfTheOptions_data()
+void HostToolTest::theInstalledCompletionIsTheOneOfTheOptions_data()
 {
     QTest::addColumn<QString>("shell");
     QTest::addColumn<QString>("file");
@@ -598,7 +598,7 @@ void ToolTest::theInstalledCompletionIsTheOneOfTheOptions_data()
     QTest::newRow("zsh") << "zsh" << USBHAL_COMPLETION_DIR "/_usbhal";
 }
 
-void ToolTest::theInstalledCompletionIsTheOneOfTheOptions()
+void HostToolTest::theInstalledCompletionIsTheOneOfTheOptions()
 {
     QFETCH(QString, shell);
     QFETCH(QString, file);
@@ -609,7 +609,7 @@ void ToolTest::theInstalledCompletionIsTheOneOfTheOptions()
     QCOMPARE(contentOf(file), made);
 }
 
-void ToolTest::bashCompletesCommandsAndOptions()
+void HostToolTest::bashCompletesCommandsAndOptions()
 {
     _program->start("bash", {"-c", "source " USBHAL_COMPLETION_DIR "/usbhal\n"
                                    "COMP_WORDS=(usbhal re) COMP_CWORD=1; _usbhal\n"
@@ -620,5 +620,5 @@ void ToolTest::bashCompletesCommandsAndOptions()
     QCOMPARE(_program->readAllStandardOutput(), QByteArray("recv\n--reconnect\n"));
 }
 
-QTEST_GUILESS_MAIN(ToolTest)
+QTEST_GUILESS_MAIN(HostToolTest)
 #include "tst_host_tool.moc"

@@ -35,7 +35,7 @@ void openToAll(const std::string &folder)
 } // namespace
 
 /// The transport over a device on USB that this process plays itself.
-class UsbTest : public QObject
+class HostUsbTest : public QObject
 {
     Q_OBJECT
 
@@ -77,20 +77,20 @@ private:
     QScopedPointer<UsbTransport> _host;
 };
 
-void UsbTest::init()
+void HostUsbTest::init()
 {
     _usb.reset(new MockUsb);
     _host.reset(new UsbTransport({}));
 }
 
-void UsbTest::cleanup()
+void HostUsbTest::cleanup()
 {
     _host.reset();
     QCOMPARE(_usb->underWay(), std::size_t(0));
     _usb.reset();
 }
 
-void UsbTest::aDeviceIsFoundByItsInterfaceAndShownAsTheSystemKnowsIt()
+void HostUsbTest::aDeviceIsFoundByItsInterfaceAndShownAsTheSystemKnowsIt()
 {
     _usb->plug({});
     const std::vector<UsbDevice> devices = findUsbDevices();
@@ -104,7 +104,7 @@ void UsbTest::aDeviceIsFoundByItsInterfaceAndShownAsTheSystemKnowsIt()
     QCOMPARE(devices[0].holder, std::string());
 }
 
-void UsbTest::aDeviceWithoutTheInterfaceIsNone()
+void HostUsbTest::aDeviceWithoutTheInterfaceIsNone()
 {
     MockUsb::Device device;
     device.interfaceClass = "08";
@@ -112,7 +112,7 @@ void UsbTest::aDeviceWithoutTheInterfaceIsNone()
     QVERIFY(findUsbDevices().empty());
 }
 
-void UsbTest::aDeviceIsChosenBy_data()
+void HostUsbTest::aDeviceIsChosenBy_data()
 {
     QTest::addColumn<int>("vendor");
     QTest::addColumn<int>("product");
@@ -126,7 +126,7 @@ void UsbTest::aDeviceIsChosenBy_data()
                            << "1-3";
 }
 
-void UsbTest::aDeviceIsChosenBy()
+void HostUsbTest::aDeviceIsChosenBy()
 {
     QFETCH(int, vendor);
     QFETCH(int, product);
@@ -150,7 +150,7 @@ void UsbTest::aDeviceIsChosenBy()
     QCOMPARE(devices[0].busPath, std::string("1-3"));
 }
 
-void UsbTest::withoutADeviceItMayComeLater()
+void HostUsbTest::withoutADeviceItMayComeLater()
 {
     const TransferResult result = UsbTransport({0x1234, 0x5678, "SN7", "1-3"}).connect();
     QCOMPARE(result.status, Status::Closed);
@@ -160,7 +160,7 @@ void UsbTest::withoutADeviceItMayComeLater()
                      "USB at 1-3 now: plug it in"));
 }
 
-void UsbTest::severalDevicesAreAChoiceOfTheUser()
+void HostUsbTest::severalDevicesAreAChoiceOfTheUser()
 {
     _usb->plug({});
     MockUsb::Device other;
@@ -174,7 +174,7 @@ void UsbTest::severalDevicesAreAChoiceOfTheUser()
 }
 
 // Root may open everything, so the process is somebody else for the time of the attempt.
-void UsbTest::withoutPermissionTheMissingRuleIsSaid()
+void HostUsbTest::withoutPermissionTheMissingRuleIsSaid()
 {
     _usb->plug({});
     const std::string file = _usb->nodeFile();
@@ -193,7 +193,7 @@ void UsbTest::withoutPermissionTheMissingRuleIsSaid()
                      "TAG+=\"uaccess\"' and plug the device in again"));
 }
 
-void UsbTest::whoHoldsTheInterfaceIsSaid_data()
+void HostUsbTest::whoHoldsTheInterfaceIsSaid_data()
 {
     QTest::addColumn<QString>("driver");
     QTest::addColumn<QString>("holder");
@@ -205,7 +205,7 @@ void UsbTest::whoHoldsTheInterfaceIsSaid_data()
                              << "a process of another user";
 }
 
-void UsbTest::whoHoldsTheInterfaceIsSaid()
+void HostUsbTest::whoHoldsTheInterfaceIsSaid()
 {
     QFETCH(QString, driver);
     QFETCH(QString, holder);
@@ -222,7 +222,7 @@ void UsbTest::whoHoldsTheInterfaceIsSaid()
         QCOMPARE(QString::fromStdString(findUsbDevices().at(0).holder), holder);
 }
 
-void UsbTest::transfersKeepTheirBoundsInBothDirections()
+void HostUsbTest::transfersKeepTheirBoundsInBothDirections()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -240,7 +240,7 @@ void UsbTest::transfersKeepTheirBoundsInBothDirections()
     QCOMPARE(_usb->taken()[1].bytes, std::string("four"));
 }
 
-void UsbTest::theLargestTransferIsReceivedWhole()
+void HostUsbTest::theLargestTransferIsReceivedWhole()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -252,7 +252,7 @@ void UsbTest::theLargestTransferIsReceivedWhole()
     QVERIFY(transfer == large);
 }
 
-void UsbTest::anEmptyTransferIsTheEndOfTheOneBefore()
+void HostUsbTest::anEmptyTransferIsTheEndOfTheOneBefore()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -266,7 +266,7 @@ void UsbTest::anEmptyTransferIsTheEndOfTheOneBefore()
     QCOMPARE(transfer, std::string("next"));
 }
 
-void UsbTest::everyWriteAsksForAnEmptyPacketWhereItsEndWouldNotShow()
+void HostUsbTest::everyWriteAsksForAnEmptyPacketWhereItsEndWouldNotShow()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -275,7 +275,7 @@ void UsbTest::everyWriteAsksForAnEmptyPacketWhereItsEndWouldNotShow()
     QVERIFY(_usb->taken()[0].endShown);
 }
 
-void UsbTest::silenceEndsWithTheTimeOutAndNothingIsLost()
+void HostUsbTest::silenceEndsWithTheTimeOutAndNothingIsLost()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -287,7 +287,7 @@ void UsbTest::silenceEndsWithTheTimeOutAndNothingIsLost()
     QCOMPARE(transfer, std::string("late"));
 }
 
-void UsbTest::aDeviceThatTakesNothingEndsTheWriteWithTheTimeOut()
+void HostUsbTest::aDeviceThatTakesNothingEndsTheWriteWithTheTimeOut()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -300,7 +300,7 @@ void UsbTest::aDeviceThatTakesNothingEndsTheWriteWithTheTimeOut()
     QCOMPARE(_usb->taken()[0].bytes, std::string("again"));
 }
 
-void UsbTest::aTransferTakenInPartClosesTheConnection()
+void HostUsbTest::aTransferTakenInPartClosesTheConnection()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -312,7 +312,7 @@ void UsbTest::aTransferTakenInPartClosesTheConnection()
     QVERIFY(!_host->isConnected());
 }
 
-void UsbTest::anUnplugIsSeenByAReadThatWaits()
+void HostUsbTest::anUnplugIsSeenByAReadThatWaits()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -325,7 +325,7 @@ void UsbTest::anUnplugIsSeenByAReadThatWaits()
     QVERIFY(!_host->isConnected());
 }
 
-void UsbTest::anUnplugIsSeenByAWriteThatWaits()
+void HostUsbTest::anUnplugIsSeenByAWriteThatWaits()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -337,7 +337,7 @@ void UsbTest::anUnplugIsSeenByAWriteThatWaits()
     QVERIFY(QString::fromStdString(result.text).contains("the device was unplugged"));
 }
 
-void UsbTest::aReplugIsFoundAndStaleBytesAreThrownAway()
+void HostUsbTest::aReplugIsFoundAndStaleBytesAreThrownAway()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -355,7 +355,7 @@ void UsbTest::aReplugIsFoundAndStaleBytesAreThrownAway()
     QCOMPARE(transfer, std::string("fresh"));
 }
 
-void UsbTest::aFailedReadClosesTheConnection_data()
+void HostUsbTest::aFailedReadClosesTheConnection_data()
 {
     QTest::addColumn<int>("error");
     QTest::addColumn<QString>("text");
@@ -364,7 +364,7 @@ void UsbTest::aFailedReadClosesTheConnection_data()
     QTest::newRow("bus") << EPROTO << "the transfer failed on the bus (libusb status 1)";
 }
 
-void UsbTest::aFailedReadClosesTheConnection()
+void HostUsbTest::aFailedReadClosesTheConnection()
 {
     QFETCH(int, error);
     QFETCH(QString, text);
@@ -378,7 +378,7 @@ void UsbTest::aFailedReadClosesTheConnection()
     QCOMPARE(_host->send("hello", longTime).status, Status::Closed);
 }
 
-void UsbTest::aFailedWriteClosesTheConnection()
+void HostUsbTest::aFailedWriteClosesTheConnection()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -389,7 +389,7 @@ void UsbTest::aFailedWriteClosesTheConnection()
              QString("the device has stopped its endpoint (stall)"));
 }
 
-void UsbTest::aStallIsClearedByTheNextConnect()
+void HostUsbTest::aStallIsClearedByTheNextConnect()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -401,7 +401,7 @@ void UsbTest::aStallIsClearedByTheNextConnect()
     QCOMPARE(_usb->count(USBDEVFS_CLEAR_HALT), 2);
 }
 
-void UsbTest::closingWithdrawsWhatIsUnderWay()
+void HostUsbTest::closingWithdrawsWhatIsUnderWay()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -412,7 +412,7 @@ void UsbTest::closingWithdrawsWhatIsUnderWay()
     QCOMPARE(_usb->count(USBDEVFS_RELEASEINTERFACE), 1);
 }
 
-void UsbTest::withoutAConnectionNothingIsMoved()
+void HostUsbTest::withoutAConnectionNothingIsMoved()
 {
     std::string transfer;
     QCOMPARE(_host->send("hello", longTime).status, Status::Closed);
@@ -420,7 +420,7 @@ void UsbTest::withoutAConnectionNothingIsMoved()
     QCOMPARE(_host->receive(transfer, longTime).text, std::string("not connected"));
 }
 
-void UsbTest::aSessionRunsOverIt()
+void HostUsbTest::aSessionRunsOverIt()
 {
     _usb->plug({});
     QCOMPARE(_host->connect().status, Status::Done);
@@ -436,5 +436,5 @@ void UsbTest::aSessionRunsOverIt()
     QCOMPARE(_usb->taken()[1].bytes, std::string("FADA000070003abc"));
 }
 
-QTEST_GUILESS_MAIN(UsbTest)
+QTEST_GUILESS_MAIN(HostUsbTest)
 #include "tst_host_usb.moc"

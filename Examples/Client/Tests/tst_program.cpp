@@ -21,7 +21,7 @@ bool isLogIn(const QTemporaryDir &folder)
 } // namespace
 
 // The client of the README over a simulated node.
-class ClientTest : public QObject
+class ProgramTest : public QObject
 {
     Q_OBJECT
 
@@ -53,13 +53,13 @@ private:
     }
 };
 
-void ClientTest::withoutAHostItSaysWhatFailed()
+void ProgramTest::withoutAHostItSaysWhatFailed()
 {
     const QTemporaryDir folder;
     checkFailure({}, folder, "no USB host came");
 }
 
-void ClientTest::withoutItsNodeItSaysWhatFailed()
+void ProgramTest::withoutItsNodeItSaysWhatFailed()
 {
     const QTemporaryDir folder;
     QFile script(folder.filePath("script"));
@@ -68,7 +68,7 @@ void ClientTest::withoutItsNodeItSaysWhatFailed()
     checkFailure({"--script", script.fileName()}, folder, "the device node did not open");
 }
 
-void ClientTest::bytesGoBothWays()
+void ProgramTest::bytesGoBothWays()
 {
     const QTemporaryDir folder;
     ForkedProcess client;
@@ -94,5 +94,5 @@ void ClientTest::bytesGoBothWays()
     QVERIFY(isLogIn(folder));
 }
 
-QTEST_GUILESS_MAIN(ClientTest)
-#include "test_program.moc"
+QTEST_GUILESS_MAIN(ProgramTest)
+#include "tst_program.moc"
