@@ -1,16 +1,32 @@
 # How every folder adds its tests.
 
+# QtTest takes half of what a test program takes to compile: TARGET parses it once for all programs that are
+# compiled with the options of the same libraries.
+function(usbhal_precompile_tests target)
+    add_library(${target} OBJECT ${PROJECT_SOURCE_DIR}/cmake/PrecompiledTests.cpp)
+    target_link_libraries(${target} PRIVATE ${ARGN} Qt5::Test UsbHalCompilerSettings)
+    target_precompile_headers(${target} PRIVATE <QtTest>)
+endfunction()
+usbhal_precompile_tests(UsbHalPrecompiledTests)
+
+# Adds a test as add_test does. The time limit ends what hangs on the busiest machine and judges nothing: it
+# is above the five minutes after which QtTest ends a test function and names it.
+function(usbhal_register_test test)
+    add_test(NAME ${test} COMMAND ${ARGN})
+    set_tests_properties(${test} PROPERTIES TIMEOUT 600)
+endfunction()
+
 # A QtTest program of the sources. ctest knows it as TEST, such as demo.exchange, and the program is
 # named after it: tst_demo_exchange, and without the area for the library's own, usbhal.*.
 #
 #   usbhal_add_test_program(TEST SOURCES source... [LIBRARIES library...] [RUNNER word...]
-#       [TIMEOUT seconds] [SCENARIOS])
+#       [PRECOMPILED target] [SCENARIOS])
 #
 # The first source holds the test's class. RUNNER is the command that starts the program, such as one that
-# gives it a node of its own. With SCENARIOS each test function runs in a process of its own, which ctest
-# knows as TEST.FUNCTION.
+# gives it a node of its own. PRECOMPILED is what usbhal_precompile_tests has made for libraries with
+# options. With SCENARIOS each test function runs in a process of its own, which ctest knows as TEST.FUNCTION.
 function(usbhal_add_test_program test)
-    cmake_parse_arguments(ARG "SCENARIOS" "TIMEOUT" "SOURCES;LIBRARIES;RUNNER" ${ARGN})
+    cmake_parse_arguments(ARG "SCENARIOS" "PRECOMPILED" "SOURCES;LIBRARIES;RUNNER" ${ARGN})
     list(GET ARG_SOURCES 0 source)
     usbhal_check_test_class(${source})
     usbhal_test_program_name(program ${test})
@@ -20,16 +36,18 @@ function(usbhal_add_test_program test)
     # drawn in.
     target_link_libraries(${program} PRIVATE
         ${ARG_LIBRARIES} Qt5::Test UsbHalCompilerSettings $<TARGET_NAME_IF_EXISTS:UsbHalQtAnnotations>)
+    if(NOT ARG_PRECOMPILED)
+        set(ARG_PRECOMPILED UsbHalPrecompiledTests)
+    endif()
+    target_precompile_headers(${program} REUSE_FROM ${ARG_PRECOMPILED})
     set(command ${ARG_RUNNER} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${program}>)
     if(NOT ARG_SCENARIOS)
-        add_test(NAME ${test} COMMAND ${command})
-        set_tests_properties(${test} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+        usbhal_register_test(${test} ${command})
         return()
     endif()
     usbhal_read_scenarios(scenarios ${source})
     foreach(scenario IN LISTS scenarios)
-        add_test(NAME ${test}.${scenario} COMMAND ${command} ${scenario})
-        set_tests_properties(${test}.${scenario} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+        usbhal_register_test(${test}.${scenario} ${command} ${scenario})
     endforeach()
 endfunction()
 
