@@ -8,25 +8,25 @@ import dataclasses
 import datetime
 import json
 import pathlib
-import platform
 import re
 import statistics
-import subprocess
 import sys
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "Tests" / "Support"))
+from figures import first_line_of, machine, output_of, recorded  # pylint: disable=wrong-import-position
 
 
 class Figures:
     """The medians of the figures that the programs have left behind."""
 
-    def __init__(self, files):
+    def __init__(self, options):
         self._values = collections.defaultdict(list)
-        for file in files:
-            if file.suffix == ".json":
-                self._take_timed(json.loads(file.read_text()))
-            else:
-                self._take_printed(file.read_text())
+        for report in options.reports:
+            self._take_timed(json.loads(report.read_text()))
+        for name, value in recorded(options.figures):
+            self._values[name].append(value)
+        self._take_instructions(options.instructions.read_text())
 
     def _take_timed(self, report):
         """What Google Benchmark measured: ns for one operation, of which a run may do several."""
@@ -38,9 +38,7 @@ class Figures:
                 name = run["run_name"].partition("/")[0]
                 self._values[name].append(run["real_time"] / run.get("operations", 1))
 
-    def _take_printed(self, text):
-        for name, value in re.findall(r"^FIGURE (\S+): (\S+)$", text, re.MULTILINE):
-            self._values[name].append(float(value))
+    def _take_instructions(self, text):
         # What comes before the operations falls out of the difference of two runs.
         counted = collections.defaultdict(dict)
         for name, operations, instructions in re.findall(
@@ -261,27 +259,15 @@ def table(figures, judged):
     return "".join(f"| {' | '.join(cells)} |\n" for cells in rows)
 
 
-def output_of(*command):
-    return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
-
-
-def machine():
-    cpu = re.search(r"^model name\s*: (.*)$", pathlib.Path("/proc/cpuinfo").read_text(),
-                    re.MULTILINE)
-    count = output_of("nproc")
-    compiler = output_of("c++", "--version").splitlines()[0]
-    qt = output_of("pkg-config", "--modversion", "Qt5Core")
-    return (f"{cpu.group(1) if cpu else platform.machine()}, {count} processors, "
-            f"Linux {platform.release()}, {compiler}, Qt {qt}")
-
-
 def document(figures, repetitions):
+    compiler = first_line_of("c++", "--version")
+    qt = output_of("pkg-config", "--modversion", "Qt5Core")
     commit = output_of("git", "-C", str(HERE), "describe", "--always", "--dirty")
     return "\n".join([
         "# Benchmarks", "",
         "Written by `Scripts/benchmark`; do not edit. Medians of at least "
         f"{repetitions} repetitions, release preset.", "",
-        f"- Machine: {machine()}",
+        f"- Machine: {machine()}, {compiler}, Qt {qt}",
         f"- Date: {datetime.date.today().isoformat()}",
         f"- Commit: {commit}", "", table(figures, judged=True), (HERE / "notes.md").read_text()])
 
@@ -293,9 +279,14 @@ def main():
     parser.add_argument("--repetitions", type=int, default=1,
                         help="how often each figure must have been measured at least; "
                              "after one time no goal is judged")
-    parser.add_argument("files", type=pathlib.Path, metavar="FILE", nargs="+")
+    parser.add_argument("--figures", type=pathlib.Path, metavar="FILE", required=True,
+                        help="what the programs have recorded")
+    parser.add_argument("--instructions", type=pathlib.Path, metavar="FILE", required=True,
+                        help="what callgrind has counted")
+    parser.add_argument("reports", type=pathlib.Path, metavar="REPORT", nargs="+",
+                        help="what Google Benchmark has measured, as JSON")
     options = parser.parse_args()
-    figures = Figures(options.files)
+    figures = Figures(options)
     too_few = figures.too_few(options.repetitions)
     if too_few:
         sys.exit(f"table.py: measured less than {options.repetitions} times: {', '.join(too_few)}")

@@ -2,6 +2,9 @@
 #include "Campaign.h"
 
 #include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <fstream>
 #include <malloc.h>
@@ -37,6 +40,18 @@ long Campaign::residentMemory()
     long resident = 0;
     file >> total >> resident;
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+void Campaign::recordFigure(const std::string &what, double value)
+{
+    QFile file(qEnvironmentVariable("USBHAL_FIGURES"));
+    if (file.fileName().isEmpty())
+        return;
+    const QJsonObject figure{{"figure", QString::fromStdString(what)}, {"value", value}};
+    // Unbuffered, so that a line is one system call.
+    const QByteArray line = QJsonDocument(figure).toJson(QJsonDocument::Compact) + '\n';
+    if (!file.open(QIODevice::Append | QIODevice::Unbuffered) || file.write(line) != line.size())
+        qFatal("cannot write %s: %s", qPrintable(file.fileName()), qPrintable(file.errorString()));
 }
 
 int Campaign::openDescriptors()

@@ -41,11 +41,19 @@ long residentMemory();
 /** Open file descriptors of this process. */
 int openDescriptors();
 
-/** Prints a line "FIGURE what: value", which the campaign script collects. */
+/**
+ * Adds a figure as a line of JSON, {"figure": what, "value": value}, to the file that the
+ * environment's USBHAL_FIGURES names; without that does nothing. Several processes may share a
+ * file. Ends the process where the file cannot be written.
+ */
+void recordFigure(const std::string &what, double value);
+
+/** Prints a figure, and records it for the scripts that collect what programs count. */
 template <typename Value>
 void printFigure(const std::string &what, const Value &value)
 {
-    std::cout << "FIGURE " << what << ": " << value << std::endl;
+    std::cout << what << ": " << value << std::endl;
+    recordFigure(what, static_cast<double>(value));
 }
 
 } // namespace Campaign
