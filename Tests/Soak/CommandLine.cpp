@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "CommandLine.h"
 
+#include <ProgramOptions.h>
 #include <SimNodeControl.h>
 
-#include <CLI/CLI.hpp>
-
-#include <iostream>
+#include <limits>
 #include <random>
 
 namespace {
 
-constexpr int exitUsage = 2;
-constexpr double longestRun = 1e6; // minutes
+using programoptions::addNumber;
+using programoptions::addSeconds;
+
+constexpr double longestRun = 1e8;
 constexpr double longestPeriod = 86400;
 
 const char description[] =
@@ -21,18 +22,25 @@ const char description[] =
 
 void addOptions(CLI::App &application, SoakOptions &options)
 {
-    application.add_option("--minutes", options.minutes, "End after so many minutes")
-        ->check(CLI::Range(0.0, longestRun));
-    application.add_option("--seed", options.seed, "Repeat the choices of an earlier run")
-        ->envname("USBHAL_SEED");
-    application
-        .add_option("--status-period", options.statusPeriod, "Seconds between two status lines")
-        ->check(CLI::Range(0.1, longestPeriod))
-        ->capture_default_str();
+    addSeconds(application, "--seconds", options.seconds, longestRun,
+               "End after so many seconds; with 0 by a signal alone");
+    addNumber(application, "--seed", options.seed, 0, std::numeric_limits<quint32>::max(),
+              "Repeat the choices of an earlier run; also as USBHAL_SEED of the environment")
+        ->envname("USBHAL_SEED")
+        ->default_str("a new one");
+    addSeconds(application, "--status-period", options.statusPeriod, longestPeriod,
+               "Seconds between two status lines");
     application.add_flag("--virtual", options.isVirtual,
                          "Let the pauses and time-outs pass in a small part of their time");
-    application.add_flag("!--without-kills", options.withKills,
-                         "Leave out the faults that make the watchdog kill the thread");
+    application.add_flag_callback(
+        "--without-kills", [&options] { options.withKills = false; },
+        "Leave out the faults that make the watchdog kill the thread");
+}
+
+CommandLine endWith(const programoptions::Ending &ending)
+{
+    ending.print();
+    return {std::nullopt, ending.status};
 }
 
 } // namespace
@@ -42,21 +50,13 @@ CommandLine parseCommandLine(int argc, char **argv)
     SoakOptions options;
     options.seed = std::random_device()();
     CLI::App application(description, "usbhal-soak");
-    application.failure_message(CLI::FailureMessage::help);
+    programoptions::prepare(application);
     addOptions(application, options);
-    CommandLine result;
-    try {
-        application.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        result.exitStatus = application.exit(error) == 0 ? 0 : exitUsage;
-        return result;
-    }
-    if (SimNodeControl::directoryFromEnvironment().empty()) {
-        std::cerr << "usbhal-soak: there is no simulated node; start it by: simnode run -- "
-                     "usbhal-soak [OPTIONS]\n";
-        result.exitStatus = exitUsage;
-        return result;
-    }
-    result.options = options;
-    return result;
+    if (const auto ending = programoptions::parse(application, {argv, argv + argc}))
+        return endWith(*ending);
+    if (SimNodeControl::directoryFromEnvironment().empty())
+        return endWith(programoptions::wrongUsage(
+            application,
+            "there is no simulated node; start it by: simnode run -- usbhal-soak [OPTIONS]"));
+    return {options, 0};
 }

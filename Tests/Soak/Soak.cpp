@@ -15,7 +15,6 @@ constexpr int slowReaderBytes = 20000; // for each port: together more than the 
 constexpr int allMessages = 1000000;
 constexpr quint64 cyclesPerHost = 50; // then a new one, since a host keeps what it receives
 constexpr double msPerSecond = 1000;
-constexpr double msPerMinute = 60000;
 
 } // namespace
 
@@ -53,7 +52,7 @@ std::vector<Soak::Fault> Soak::faults(bool withKills)
 
 void Soak::run(const std::function<bool()> &isStopRequested)
 {
-    const auto end = static_cast<qint64>(_options.minutes * msPerMinute);
+    const auto end = static_cast<qint64>(_options.seconds * msPerSecond);
     const auto period = static_cast<qint64>(_options.statusPeriod * msPerSecond);
     qint64 nextStatus = period;
     while (!isStopRequested() && (end <= 0 || _clock.elapsed() < end)) {

@@ -9,7 +9,7 @@
 
 struct SoakOptions
 {
-    double minutes = 0; ///< 0: until it is told to stop
+    double seconds = 0; ///< 0: until it is told to stop
     quint32 seed = 0;
     double statusPeriod = 60; ///< seconds
     bool isVirtual = false;

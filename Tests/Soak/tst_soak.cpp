@@ -109,12 +109,13 @@ private slots:
     void aByteOnTheWrongPortEndsTheRunWithItsSeed();
     void aWrongCommandLineSaysWhatIsWrong_data();
     void aWrongCommandLineSaysWhatIsWrong();
+    void helpTellsTheDefaultsAndVersionTheVersion();
 };
 
 void SoakTest::aRunOfSomeSecondsReportsItsWork()
 {
     SoakProcess soak;
-    soak.startOverNode({"--minutes", "0.05", "--status-period", "1", "--seed", "7"});
+    soak.startOverNode({"--seconds", "3", "--status-period", "1", "--seed", "7"});
     QCOMPARE(soak.waitForEnd(), 0);
     QVERIFY(soak.output().startsWith("usbhal-soak: seed 7\n"));
     const QRegularExpressionMatch status = lastStatus(soak.output());
@@ -158,11 +159,11 @@ void SoakTest::aWrongCommandLineSaysWhatIsWrong_data()
         QTest::newRow(name) << options << text;
     };
     row("no node", {}, "simnode run -- usbhal-soak");
-    row("unknown option", {"--fast"}, "--fast");
-    row("no number", {"--minutes", "many"}, "--minutes");
-    row("too many minutes", {"--minutes", "1e9"}, "--minutes");
-    row("no period", {"--status-period", "0"}, "--status-period");
-    row("no seed", {"--seed", "-1"}, "--seed");
+    row("unknown option", {"--fast"}, "there is no option \"--fast\"");
+    row("no number", {"--seconds", "many"}, "--seconds needs seconds");
+    row("too many seconds", {"--seconds", "1e9"}, "--seconds needs seconds");
+    row("no period", {"--status-period", "-1"}, "--status-period needs seconds");
+    row("no seed", {"--seed", "-1"}, "--seed needs a whole number");
 }
 
 void SoakTest::aWrongCommandLineSaysWhatIsWrong()
@@ -172,7 +173,24 @@ void SoakTest::aWrongCommandLineSaysWhatIsWrong()
     SoakProcess soak;
     soak.startAlone(options);
     QCOMPARE(soak.waitForEnd(), 2);
-    QVERIFY(soak.errors().contains(text));
+    const QByteArray errors = soak.errors();
+    QVERIFY2(errors.contains(text), errors);
+    QVERIFY2(errors.endsWith("\nTry \"usbhal-soak --help\".\n"), errors);
+    QCOMPARE(errors.count('\n'), 2);
+}
+
+void SoakTest::helpTellsTheDefaultsAndVersionTheVersion()
+{
+    SoakProcess help;
+    help.startAlone({"--help"});
+    QCOMPARE(help.waitForEnd(), 0);
+    const QByteArray text = help.output();
+    QVERIFY2(text.contains("Seconds between two status lines; by default 60\n"), text);
+    QVERIFY2(text.contains(" --without-kills  "), text);
+    SoakProcess version;
+    version.startAlone({"--version"});
+    QCOMPARE(version.waitForEnd(), 0);
+    QCOMPARE(version.output(), QByteArray("usbhal-soak " PROJECT_VERSION "\n"));
 }
 
 QTEST_GUILESS_MAIN(SoakTest)
