@@ -44,6 +44,8 @@ void Node::submit(CallId call, const DeviceRequest &request, const std::string &
 {
     if (request.version != protocolVersion)
         refuse(call, EPROTO);
+    else if (request.call == Call::Look)
+        submitLook(call);
     else if (request.call == Call::Open)
         submitOpen(call, request, now);
     else
@@ -72,9 +74,19 @@ void Node::submitToDescriptor(CallId call, const DeviceRequest &request, const s
         submitClose(call, now);
         return;
     case Call::Open:
+    case Call::Look:
         break;
     }
     refuse(call, EPROTO);
+}
+
+// No driver hears of it: neither a fault nor a counter does.
+void Node::submitLook(CallId call)
+{
+    if (_present)
+        answer(call, 0);
+    else
+        refuse(call, ENOENT);
 }
 
 void Node::submitOpen(CallId call, const DeviceRequest &request, Time now)

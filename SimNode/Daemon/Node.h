@@ -140,6 +140,7 @@ private:
 
     void answer(CallId call, std::int64_t result, std::string data = {}, std::uint32_t handle = 0);
     void refuse(CallId call, int error);
+    void submitLook(CallId call);
     void submitOpen(CallId call, const DeviceRequest &request, Time now);
     void submitRead(CallId call, const Descriptor &descriptor, std::size_t size, Time now);
     void submitWrite(CallId call, const Descriptor &descriptor, const std::string &data, Time now);

@@ -404,6 +404,43 @@ int openConnected(int connection, const sockaddr_un &address, int flags)
     return connection;
 }
 
+// Ends the connection also when the thread is cancelled meanwhile.
+int transactAndEnd(int connection, const sockaddr_un &address, Exchange &exchange, int deadError)
+{
+    int result = -1;
+    pthread_cleanup_push(endConnection, &connection);
+    result = transact(connection, address, exchange, deadError);
+    pthread_cleanup_pop(0);
+    const int error = errno;
+    endConnection(&connection);
+    errno = error;
+    return result;
+}
+
+int connectToNode(const sockaddr_un &address, int flags)
+{
+    int connection = openConnection((flags & O_CLOEXEC) != 0);
+    if (connection >= 0 && openConnected(connection, address, flags) < 0) {
+        const int error = errno;
+        endConnection(&connection);
+        errno = error;
+        return -1;
+    }
+    return connection;
+}
+
+// O_PATH names a file and does not open it: the descriptor is that of the daemon's socket, on which
+// the kernel refuses all transfers, as on that of a device.
+int lookAtNode(const sockaddr_un &address, int flags)
+{
+    const int connection = openConnection(true);
+    if (connection < 0)
+        return -1;
+    Exchange exchange = makeExchange(Call::Look, 0);
+    const bool isThere = transactAndEnd(connection, address, exchange, ENOENT) == 0;
+    return isThere ? nextOpen(address.sun_path, flags) : -1;
+}
+
 int openNode(const char *directory, int flags)
 {
     const int savedErrno = errno;
@@ -412,30 +449,11 @@ int openNode(const char *directory, int flags)
         errno = ENAMETOOLONG;
         return -1;
     }
-    int connection = openConnection((flags & O_CLOEXEC) != 0);
-    if (connection < 0)
-        return -1;
-    if (openConnected(connection, address, flags) < 0) {
-        const int error = errno;
-        endConnection(&connection);
-        errno = error;
-        return -1;
-    }
-    errno = savedErrno;
-    return connection;
-}
-
-// Ends the connection also when the thread is cancelled meanwhile.
-int transactAndEnd(int connection, const sockaddr_un &address, Exchange &exchange)
-{
-    int result = -1;
-    pthread_cleanup_push(endConnection, &connection);
-    result = transact(connection, address, exchange, ENODEV);
-    pthread_cleanup_pop(0);
-    const int error = errno;
-    endConnection(&connection);
-    errno = error;
-    return result;
+    const int fd =
+        (flags & O_PATH) != 0 ? lookAtNode(address, flags) : connectToNode(address, flags);
+    if (fd >= 0)
+        errno = savedErrno;
+    return fd;
 }
 
 // As long as it lives, the thread is not cancelled.
@@ -477,7 +495,7 @@ int callNode(int fd, Exchange &exchange)
     // No close waits for a daemon that hangs.
     if (exchange.request.call == Call::Close)
         limitWait(connection, {2, 0});
-    const int result = transactAndEnd(connection, address, exchange);
+    const int result = transactAndEnd(connection, address, exchange, ENODEV);
     const int error = result < 0 ? errno : savedErrno;
     if (exchange.reply.isDrained != 0)
         drain(fd, exchange.request.handle);

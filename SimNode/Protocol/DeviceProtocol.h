@@ -25,8 +25,9 @@ constexpr std::uint32_t setReadTimeoutRequest = 0x5302;
 // in eight hexadecimal digits behind it: so a copy that came from another program tells its handle.
 constexpr char descriptorNamePrefix[] = "\0simnode-";
 
-enum class Call : std::uint32_t { Open = 1, Read = 2, Write = 3, Ioctl = 4, Close = 5 };
+enum class Call : std::uint32_t { Open = 1, Read = 2, Write = 3, Ioctl = 4, Close = 5, Look = 6 };
 
+// `Look` asks whether the node is there, without a handle and without a call on its driver.
 // Each system call goes over a connection of its own. The connection of an `open` that succeeds
 // stays and is the program's descriptor; the connection of any other call ends with the call, and
 // its early end tells the daemon that the calling thread was cancelled, interrupted or killed.

@@ -27,6 +27,7 @@ private slots:
     void openHonoursCloseOnExec();
     void openFailsWithNoSuchFileWhileTheNodeIsMissing();
     void openFailsWithTheSetErrorWhileRefused();
+    void namingTheNodeDoesNotOpenIt();
     void otherFilesAreLeftAlone();
     void withoutADirectoryTheNodeIsLeftAlone();
     void ioctlSetsTheTimeouts();
@@ -91,6 +92,27 @@ void ContractDescriptorsTest::openFailsWithTheSetErrorWhileRefused()
     QCOMPARE(outcomeOf(openNode), Outcome(-1, EACCES));
     QCOMPARE(control("open ok"), std::string("ok"));
     QVERIFY(DeviceNode().fd() >= 0);
+}
+
+void ContractDescriptorsTest::namingTheNodeDoesNotOpenIt()
+{
+    const auto nameNode = [] { return open(nodePath, O_PATH | O_CLOEXEC); };
+    QCOMPARE(control("on open 1 node missing"), std::string("ok"));
+    QCOMPARE(control("open fail EBUSY"), std::string("ok"));
+    const FileDescriptor name(nameNode());
+    QVERIFY(name.isOpen());
+    const std::string named = "/proc/self/fd/" + std::to_string(name.get());
+    QCOMPARE(access(named.c_str(), R_OK | W_OK), 0);
+    std::array<char, 4> buffer = {};
+    const Outcome refused(-1, EBADF);
+    QCOMPARE(outcomeOf([&] { return read(name.get(), buffer.data(), buffer.size()); }), refused);
+    QCOMPARE(outcomeOf([&] { return write(name.get(), buffer.data(), buffer.size()); }), refused);
+    QCOMPARE(outcomeOf([&] { return ioctl(name.get(), setReadTimeoutRequest, 10); }), refused);
+    QCOMPARE(_control->statusValue("node"), std::string("present"));
+    QCOMPARE(_control->statusValue("opens"), std::string("0"));
+    QCOMPARE(_control->statusValue("descriptors"), std::string("0"));
+    QCOMPARE(control("node missing"), std::string("ok"));
+    QCOMPARE(outcomeOf(nameNode), Outcome(-1, ENOENT));
 }
 
 void ContractDescriptorsTest::otherFilesAreLeftAlone()
