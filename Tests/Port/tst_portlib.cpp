@@ -24,6 +24,7 @@ private slots:
     void aFullQueueDropsNothing();
     void theReadBufferIsBounded();
     void theReadBufferIsBoundedOnASlowNode();
+    void aLargerReadBufferIsFilled();
     void withoutAnEventLoop();
     void theModesReadOrWriteOnly();
     void nothingRunsWhileIdle();
@@ -148,6 +149,14 @@ void Port::aMessageWithoutBytesHidesNothing()
     QVERIFY(fixture.command("inject " + messages.toHex().toStdString()));
     QVERIFY(port.waitForReadyRead(20000));
     QCOMPARE(port.readAll(), QByteArray("abc"));
+    // Nor when the read buffer is full before it.
+    port.setReadBufferSize(3);
+    const QByteArray more("FADA000070001abcFADA000040001FADA000070001def");
+    QVERIFY(fixture.command("inject " + more.toHex().toStdString()));
+    QTRY_COMPARE_WITH_TIMEOUT(port.bytesAvailable(), 3, 20000);
+    QCOMPARE(port.readAll(), QByteArray("abc"));
+    QTRY_COMPARE_WITH_TIMEOUT(port.bytesAvailable(), 3, 20000);
+    QCOMPARE(port.readAll(), QByteArray("def"));
 }
 
 void Port::linesAndTransactionsSpanMessages()
@@ -274,6 +283,20 @@ void Port::_readInPieces(PortFixture &fixture)
     got += port.readAll();
     QTRY_COMPARE_WITH_TIMEOUT(got.size(), bytes.size(), 30000);
     QVERIFY(got == bytes);
+}
+
+void Port::aLargerReadBufferIsFilled()
+{
+    PortFixture fixture;
+    UsbHalPort port(1);
+    QVERIFY(fixture.connect(port));
+    port.setReadBufferSize(4);
+    fixture.host.send(1, "helloworld");
+    QTRY_COMPARE_WITH_TIMEOUT(port.bytesAvailable(), 4, 20000);
+    // Nothing else arrives that would have the port look.
+    port.setReadBufferSize(100);
+    QTRY_COMPARE_WITH_TIMEOUT(port.bytesAvailable(), 10, 20000);
+    QCOMPARE(port.readAll(), QByteArray("helloworld"));
 }
 
 void Port::withoutAnEventLoop()
