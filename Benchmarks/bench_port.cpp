@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The port as a QIODevice against the facade that it stands on, over the simulated node: processor
-// time for the same bytes, payload rates, and what an idle port costs. To be run under simnode.
+// time for the same bytes, payload rates, what an idle port costs, and memory. To be run under
+// simnode.
 
 #include "HostProcess.h"
+#include "Memory.h"
 #include "Phase.h"
 #include "Require.h"
 
@@ -119,6 +121,19 @@ public:
             spinUntil("a port is written empty", [&] { return port->bytesToWrite() == 0; });
     }
 
+    /** Fills the write buffers; returns the bytes that wait. */
+    qint64 writeFull()
+    {
+        qint64 waiting = 0;
+        for (const auto &port : _ports) {
+            const QByteArray bytes = fill(port->portNumber(), maxPayload);
+            while (port->write(bytes) == bytes.size()) {
+            }
+            waiting += port->bytesToWrite();
+        }
+        return waiting;
+    }
+
 private:
     void fillBuffer(UsbHalPort *port)
     {
@@ -165,13 +180,22 @@ void measureBytes(Client &client, const char *name, HostProcess &host, int cycle
     spinUntil("the host sends all that waits", [&] { return host.pending() == 0; });
 }
 
+void measureMemory(PortClient &client)
+{
+    const double before = heldMemory();
+    const auto waiting = static_cast<double>(client.writeFull());
+    Campaign::printFigure("port.ours.held", (heldMemory() - before) / waiting);
+}
+
 template <typename Client>
 void measure(Client &client, const char *name, HostProcess &host, int cycles)
 {
     spin(fillTime);
     Phase(host, cycles).printUsage(std::string("port.") + name);
+    const double before = heldMemory();
     for (const int size : {16, maxPayload})
         measureBytes(client, name, host, cycles, size);
+    Campaign::printFigure(std::string("port.") + name + ".grown", heldMemory() - before);
 }
 
 } // namespace
@@ -196,6 +220,7 @@ int main(int argc, char *argv[])
     }
     PortClient devices;
     measure(devices, "ours", host, cycles);
+    measureMemory(devices);
     require(!host.sawWrongBytes(), "the host gets each port's own bytes");
     return 0;
 }

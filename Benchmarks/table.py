@@ -201,10 +201,16 @@ def port_rows():
     for side, text in (("todevice", "to the device"), ("tohost", "to the host")):
         yield Row(f"`UsbHalPort`: payload rate {text}, five ports, both directions at once; floor: the "
                   "ceiling", "B/s", f"port.ours.9987.{side}", "link.rate.ceiling",
-                  {"facade": f"port.facade.9987.{side}"}, [Goal("floor", 0.98, at_least=True)])
+                  {"facade": f"port.facade.9987.{side}"},
+                  [Goal("floor", 0.98, at_least=True), Goal("facade", 0.98, at_least=True)])
     yield Row("`UsbHalPort`: context switches of an idle cycle, five ports; floor: the facade's", "",
               "link.port.ours.process.switches", "link.port.facade.process.switches",
               goals=[Goal("floor", 1, plus=0.05, text="no more (0.05 for the measuring)")])
+    yield Row("`UsbHalPort`: held for each byte of full write buffers", "B", "port.ours.held",
+              goals=[Goal("", 0, plus=1.05, text="≤ 1.05 B")])
+    yield Row("`UsbHalPort`: held more after these bytes than before them, five ports; peer: the facade's client",
+              "B", "port.ours.grown", peers={"facade": "port.facade.grown"},
+              goals=[Goal("", 0, plus=65536, text="≤ 64 KiB")])
 
 
 def latency_rows():

@@ -5,6 +5,7 @@
 #include <Campaign.h>
 
 #include <fstream>
+#include <malloc.h>
 #include <string>
 
 /** Memory of this process, kB, as figures: what is resident, and what of it no other may share. */
@@ -17,6 +18,13 @@ inline void printMemory(const std::string &candidate)
         if (word == "Private_Dirty:" && file >> size)
             Campaign::printFigure("memory.private." + candidate, size);
     }
+}
+
+/** Bytes that malloc has given out to this process. */
+inline double heldMemory()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
 #endif

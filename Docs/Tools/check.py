@@ -207,6 +207,40 @@ def check_made_manuals(folder):
             fault(path, "names the folder of the sources")
 
 
+# ---- the port's page ----
+
+
+def weaknesses():
+    """What stands in bold at the begin of each row, without the mark at its end."""
+    text = (DOCS / "behaviour-to-know.md").read_text(encoding="utf-8")
+    return [title.rstrip(".,") for title in re.findall(r"^\| \*\*(.+?)\*\*", text, re.M)]
+
+
+def test_functions():
+    functions = set()
+    for source in (pages.ROOT / "Tests").glob("*/tst_*.cpp"):
+        text = source.read_text(encoding="utf-8")
+        slots = re.search(r"^private slots:\n(.*?)^(?:private:|};)", text, re.M | re.S)
+        functions.update(re.findall(r"^    void (\w+)\(\)", slots[1], re.M) if slots else [])
+    return functions
+
+
+def check_port_page():
+    page = DOCS / "port.md"
+    functions = test_functions()
+    text = page.read_text(encoding="utf-8").partition("| the facade | the port | test |\n")[2]
+    rows = re.findall(r"^\| ([^|]+) \| [^|]+ \| ([^|]*) \|$", text.partition("\n\n")[0], re.M)
+    told = [title for title, _ in rows]
+    if told != weaknesses():
+        fault(page, f"its rows differ: {set(told) ^ set(weaknesses()) or 'in their order'}")
+    for title, tests in rows:
+        names = re.findall(r"`(\w+)`", tests)
+        if not names:
+            fault(page, f"the row '{title}' names no test")
+        for name in set(names) - functions:
+            fault(page, f"there is no test {name}")
+
+
 # ---- code ----
 
 
@@ -255,6 +289,7 @@ if __name__ == "__main__":
     check_log_texts()
     check_manuals()
     check_made_manuals(built / "man")
+    check_port_page()
     check_examples()
     check_code()
     sys.exit("\n".join(faults) if faults else 0)

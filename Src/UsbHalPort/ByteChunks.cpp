@@ -40,6 +40,7 @@ void ByteChunks::append(const char *bytes, qint64 size, int chunkSize)
     while (size > 0) {
         if (_chunks.isEmpty() || _chunks.constLast().size() >= chunkSize) {
             _chunks.append(QByteArray());
+            _chunks.last().reserve(chunkSize); // else it would take half as much again
         }
         QByteArray &last = _chunks.last();
         const int part = static_cast<int>(qMin<qint64>(size, chunkSize - last.size()));

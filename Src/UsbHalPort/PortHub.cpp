@@ -198,7 +198,7 @@ bool PortHub::take(PortRecord &record, quint32 losses, qint64 maxSize, ByteChunk
         to.append(bytes);
         size = _hal->nbBytesReceived(port);
     }
-    _setBacklogged(record, size > 0 && to.size() >= maxSize);
+    _setBacklogged(record, (size > 0 || record._announced > 0) && to.size() >= maxSize);
     return record._backlogged;
 }
 

@@ -76,7 +76,7 @@ bool UsbHalPort::reopen() const
 
 void UsbHalPort::setReadBufferSize(qint64 bytes)
 {
-    _stream->readLimit = qMax<qint64>(bytes, 1);
+    _stream->setReadLimit(qMax<qint64>(bytes, 1));
 }
 
 qint64 UsbHalPort::readBufferSize() const

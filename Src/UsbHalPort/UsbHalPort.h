@@ -101,8 +101,9 @@ public:
 
     /**
      * Closes the port: hands on what the library's queue has room for and waits up to 300 ms until
-     * the device node has taken it; bytesLost() tells what it has not. Bytes not yet read are gone.
-     * Without effect on a port that is not open. Only in the object's thread.
+     * the device node has taken it; bytesLost() tells what it has not, also of a message that it is
+     * just taking and that may reach the host. Bytes not yet read are gone. Without effect on a
+     * port that is not open. Only in the object's thread.
      */
     void close() override;
 

@@ -307,6 +307,19 @@ void UsbHalPort::Stream::_takeIn()
     }
 }
 
+// What was left in the library may be taken now.
+void UsbHalPort::Stream::_noteRoom()
+{
+    if (_isBacklogged && _record)
+        PortHub::instance().wake(*_record);
+}
+
+void UsbHalPort::Stream::setReadLimit(qint64 bytes)
+{
+    readLimit = bytes;
+    _noteRoom();
+}
+
 qint64 UsbHalPort::Stream::_readRoom() const
 {
     return readLimit - port->bytesAvailable();
@@ -315,8 +328,8 @@ qint64 UsbHalPort::Stream::_readRoom() const
 qint64 UsbHalPort::Stream::read(char *data, qint64 maxSize)
 {
     const qint64 size = incoming.read(data, maxSize);
-    if (size > 0 && _isBacklogged && _record)
-        PortHub::instance().wake(*_record);
+    if (size > 0)
+        _noteRoom();
     // Without a host to come there is nothing more to wait for.
     return size == 0 && maxSize > 0 && state == UnconnectedState ? -1 : size;
 }

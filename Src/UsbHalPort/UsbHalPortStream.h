@@ -34,6 +34,7 @@ public:
     bool waitForBytesWritten(int msecs);
 
     void clearError() { _fail(NoError, QString()); }
+    void setReadLimit(qint64 bytes);
     qint64 unwritten() const { return _outgoing.size() + _queuedBytes; }
 
     UsbHalPort *const port;
@@ -80,6 +81,7 @@ private:
     void _leaveLibrary();
     void _dropStale();
     void _takeIn();
+    void _noteRoom();
     qint64 _readRoom() const;
     bool _handOn(bool urgent);
     int _hand(const QByteArray &bytes, bool urgent);

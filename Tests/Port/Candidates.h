@@ -28,19 +28,21 @@ public:
     QStringList take() { return std::exchange(_seen, {}); }
 
 protected:
+    void note(const QString &text) { _seen += text; }
+
     template <typename Device>
     void watch(Device *watched)
     {
-        const auto note = [this](const QString &text) { return [=] { _seen += text; }; };
-        QObject::connect(watched, &Device::readyRead, note("readyRead"));
-        QObject::connect(watched, &Device::aboutToClose, note("aboutToClose"));
-        QObject::connect(watched, &Device::readChannelFinished, note("readChannelFinished"));
-        QObject::connect(watched, &Device::disconnected, note("disconnected"));
-        QObject::connect(watched, &Device::errorOccurred, note("errorOccurred"));
+        const auto noting = [this](const QString &text) { return [=] { note(text); }; };
+        QObject::connect(watched, &Device::readyRead, noting("readyRead"));
+        QObject::connect(watched, &Device::aboutToClose, noting("aboutToClose"));
+        QObject::connect(watched, &Device::readChannelFinished, noting("readChannelFinished"));
+        QObject::connect(watched, &Device::disconnected, noting("disconnected"));
+        QObject::connect(watched, &Device::errorOccurred, noting("errorOccurred"));
         QObject::connect(watched, &Device::bytesWritten,
-                         [this](qint64 size) { _seen += "bytesWritten " + QString::number(size); });
+                         [this](qint64 size) { note("bytesWritten " + QString::number(size)); });
         QObject::connect(watched, &Device::stateChanged,
-                         [this](auto state) { _seen += nameOf(state); });
+                         [this](auto state) { note(nameOf(state)); });
     }
 
 private:
@@ -66,6 +68,7 @@ public:
     {
         _port.setReopen(false);
         watch(&_port);
+        QObject::connect(&_port, &UsbHalPort::bytesLost, [this] { note("bytesLost"); });
     }
     QIODevice *device() override { return &_port; }
     bool connect() override
@@ -77,7 +80,8 @@ public:
     void send(const QByteArray &bytes) override { _fixture.host.send(1, bytes); }
     bool waitForReceived(const QByteArray &bytes) override
     {
-        return QTest::qWaitFor([&] { return _fixture.host.received(1).mid(_before) == bytes; });
+        return QTest::qWaitFor([&] { return _fixture.host.received(1).mid(_before) == bytes; },
+                               20000);
     }
     void cutOff() override { _fixture.loseLink(); }
     bool waitForDisconnected() override { return _port.waitForDisconnected(); }
@@ -111,7 +115,7 @@ public:
     bool waitForReceived(const QByteArray &bytes) override
     {
         QByteArray got;
-        return QTest::qWaitFor([&] { return (got += _farEnd->readAll()) == bytes; });
+        return QTest::qWaitFor([&] { return (got += _farEnd->readAll()) == bytes; }, 20000);
     }
     void cutOff() override { _farEnd->close(); }
     bool waitForDisconnected() override

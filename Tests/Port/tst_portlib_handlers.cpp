@@ -119,7 +119,7 @@ void PortLibHandlersTest::noSignalComesWithinItself()
         // More arrives while the first bytes are handled; it is told afterwards.
         if (calls == 1) {
             fixture.host.send(1, "second");
-            QTRY_COMPARE(port.bytesAvailable(), 11);
+            QTRY_COMPARE_WITH_TIMEOUT(port.bytesAvailable(), 11, 20000);
             QCOMPARE(port.read(5), QByteArray("first"));
         } else {
             got += port.readAll();
@@ -127,7 +127,7 @@ void PortLibHandlersTest::noSignalComesWithinItself()
         --depth;
     });
     fixture.host.send(1, "first");
-    QTRY_COMPARE(got, QByteArray("second"));
+    QTRY_COMPARE_WITH_TIMEOUT(got, QByteArray("second"), 20000);
     QCOMPARE(deepest, 1);
     QCOMPARE(calls, 2);
 

@@ -109,7 +109,7 @@ const QList<Row> rows = {
          candidate.setReadBufferSize(4);
          candidate.send("helloworld");
          for (QByteArray got; got.size() < 10;) {
-             device.waitForReadyRead(100);
+             device.waitForReadyRead(20000);
              told << text(device.bytesAvailable());
              got += device.readAll();
          }
@@ -154,10 +154,12 @@ const QList<Row> rows = {
          told << text(device.write("hello")) << candidate.take();
          device.close();
          told << text(device.isOpen()) << text(device.bytesAvailable());
-         const bool disconnected = QTest::qWaitFor([&] {
-             told += candidate.take();
-             return told.contains("disconnected");
-         });
+         const bool disconnected = QTest::qWaitFor(
+             [&] {
+                 told += candidate.take();
+                 return told.contains("disconnected");
+             },
+             20000);
          told << text(disconnected) << text(candidate.waitForReceived("hello"));
      },
      // A port's close sends what it can before it returns; a socket's goes on in the event loop.
@@ -180,6 +182,18 @@ QStringList run(const Row &row, Candidate &&candidate)
     return told;
 }
 
+// A close waits 300 ms for the node, in which a busy machine may not come to it.
+QStringList runOnPort(const Row &row, PortFixture &fixture)
+{
+    QStringList told;
+    for (int i = 0; i < 10; ++i) {
+        told = run(row, PortCandidate(fixture));
+        if (!told.contains("bytesLost"))
+            break;
+    }
+    return told;
+}
+
 bool tells(const char *who, const Row &row, const QStringList &told, const QStringList &expected)
 {
     if (told == expected)
@@ -196,7 +210,7 @@ void PortLibPeersTest::aPortBehavesLikeASocket()
     for (const Row &row : rows) {
         const QStringList &tcp = row.tcp.isEmpty() ? row.port : row.tcp;
         const QStringList &local = row.local.isEmpty() ? tcp : row.local;
-        QVERIFY(tells("port:", row, run(row, PortCandidate(fixture)), row.port));
+        QVERIFY(tells("port:", row, runOnPort(row, fixture), row.port));
         QVERIFY(tells("TCP socket:", row, run(row, TcpCandidate()), tcp));
         QVERIFY(tells("local socket:", row, run(row, LocalCandidate()), local));
     }

@@ -30,7 +30,7 @@ public:
     void unplug();
 
     /** Stops exchanging right after an answer of the device, which then waits for the host. */
-    bool pause(int msecs = 5000);
+    bool pause(int msecs = 20000);
     void resume();
 
     void send(int port, const QByteArray &bytes);
