@@ -33,7 +33,7 @@ bool isMeant(const UsbDevice &device, const UsbSelector &selector)
            (selector.busPath.empty() || selector.busPath == device.busPath);
 }
 
-UsbDevice describe(libusb_device *device)
+UsbDevice describe(libusb_device *device, const Interface &interface)
 {
     libusb_device_descriptor descriptor{};
     libusb_get_device_descriptor(device, &descriptor);
@@ -44,6 +44,10 @@ UsbDevice describe(libusb_device *device)
     shown.serial = attributeOf(shown.busPath, "serial");
     shown.description = attributeOf(shown.busPath, "product");
     shown.speed = attributeOf(shown.busPath, "speed");
+    shown.bus = libusb_get_bus_number(device);
+    shown.address = libusb_get_device_address(device);
+    shown.endpointIn = interface.in;
+    shown.endpointOut = interface.out;
     return shown;
 }
 
@@ -56,7 +60,7 @@ std::vector<Match> matchesOf(libusb_context *context, const UsbSelector &selecto
         const auto interface = interfaceOf(device.get());
         if (!interface)
             continue;
-        UsbDevice shown = describe(device.get());
+        UsbDevice shown = describe(device.get(), *interface);
         if (isMeant(shown, selector))
             matches.push_back({std::move(device), *interface, std::move(shown)});
     }

@@ -30,6 +30,10 @@ struct UsbDevice
     std::string description = {}; ///< what the device says of itself; empty for one that does not
     std::string speed = {};       ///< in Mbit/s
     std::string holder = {};      ///< who holds the interface; empty when nobody is known to
+    std::uint8_t bus = 0;         ///< the number of the bus, as in captures
+    std::uint8_t address = 0;     ///< on the bus, another one after each plugging in
+    std::uint8_t endpointIn = 0;  ///< address of the bulk endpoint towards the host
+    std::uint8_t endpointOut = 0; ///< address of the bulk endpoint towards the device
 };
 
 /**

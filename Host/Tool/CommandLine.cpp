@@ -52,6 +52,14 @@ void declareCommon(CLI::App &application, Arguments &arguments)
         ->check(CLI::Range(0.0, longestTime))
         ->capture_default_str()
         ->type_name("SECONDS");
+    application
+        .add_option("--pcap", arguments.link.capture,
+                    "Write every transfer into a capture for Wireshark")
+        ->type_name("FILE");
+    application
+        .add_option("--pcap-size", arguments.link.captureSize,
+                    "Begin another one before it grows beyond, and keep it as FILE.1")
+        ->type_name("BYTES");
     application.add_flag("-v,--verbose", arguments.link.trace, "Tell every transfer");
     application.set_version_flag("--version", "usbhal " USBHAL_VERSION);
 }

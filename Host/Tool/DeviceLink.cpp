@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceLink.h"
 
+#include "CapturingTransport.h"
 #include "Console.h"
 #include "DeviceChoice.h"
 #include "Failure.h"
@@ -31,7 +32,14 @@ std::string secondsText(double seconds)
 
 } // namespace
 
-DeviceLink::DeviceLink(LinkOptions options) : _options(std::move(options)) {}
+DeviceLink::DeviceLink(LinkOptions options) : _options(std::move(options)), _capture(tell)
+{
+    if (_options.capture.empty())
+        return;
+    const std::string error = _capture.start(_options.capture, _options.captureSize);
+    if (!error.empty())
+        throw Failure(exitFailed, error);
+}
 
 void DeviceLink::setHandlers(std::function<void(int)> received,
                              std::function<void(int, std::size_t)> delivered)
@@ -105,7 +113,7 @@ bool DeviceLink::_connect()
 
 void DeviceLink::_begin(const DeviceName &name)
 {
-    _transport = std::make_unique<TracingTransport>(newTransport(name), _options.trace);
+    _transport = std::make_unique<TracingTransport>(_newTransport(name), _options.trace);
     _session = std::make_unique<HostSession>(*_transport, turns);
     HostSession::Handlers handlers;
     handlers.bytesReceived = _received;
@@ -115,6 +123,13 @@ void DeviceLink::_begin(const DeviceName &name)
     };
     handlers.faultSeen = [this](const std::string &text) { _noteFault(text); };
     _session->setHandlers(std::move(handlers));
+}
+
+std::unique_ptr<DeviceTransport> DeviceLink::_newTransport(const DeviceName &name)
+{
+    if (_options.capture.empty())
+        return newTransport(name);
+    return std::make_unique<CapturingTransport>(name, _capture);
 }
 
 // Until the device has said how much it takes, it may be one that speaks something else. It is

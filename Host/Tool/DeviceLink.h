@@ -7,6 +7,8 @@
 #include "Options.h"
 #include "TracingTransport.h"
 
+#include <UsbCapture.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -19,6 +21,7 @@
 class DeviceLink
 {
 public:
+    /** Begins the capture, if one is asked for; a Failure says why it cannot be. */
     explicit DeviceLink(LinkOptions options);
 
     /** The first handlers of the sessions to come; what is faulty is told by the link itself. */
@@ -44,10 +47,12 @@ private:
     bool _connect();
     bool _establish(Clock::time_point limit);
     void _begin(const usbhalhost::DeviceName &name);
+    std::unique_ptr<usbhalhost::DeviceTransport> _newTransport(const usbhalhost::DeviceName &name);
     void _noteFault(const std::string &text);
     void _waitFor(const std::string &what);
 
     LinkOptions _options;
+    capture::UsbCapture _capture;
     std::function<void(int)> _received;
     std::function<void(int, std::size_t)> _delivered;
     std::unique_ptr<TracingTransport> _transport;

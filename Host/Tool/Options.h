@@ -12,6 +12,8 @@ struct LinkOptions
     std::string device; ///< empty for the only one there is
     double wait = 10;   ///< seconds for a device to be there, and again for its answer
     bool trace = false;
+    std::string capture = {};      ///< the path of a capture; empty for none
+    std::uint64_t captureSize = 0; ///< bytes before another file begins; 0: as many as come
 };
 
 /** What the user asks of a command that moves bytes through one port. */

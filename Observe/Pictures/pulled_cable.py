@@ -28,7 +28,6 @@ def play(build, folder):
         session.control("cable", "in")
         session.plug_in()
         session.load(LOAD)
-    (folder / "bus.pcap").write_bytes(session.capture.bytes())
 
 
 if __name__ == "__main__":

@@ -15,7 +15,17 @@ using Words = std::vector<std::string_view>;
 constexpr std::uint32_t maxMergedTransfers = 1000;
 constexpr int maxNesting = 8; // of `on ... on ...`
 
-enum class Argument { None, Error, OptionalCalls, Bytes, PieceBytes, Transfers, Hex, Milliseconds };
+enum class Argument {
+    None,
+    Error,
+    OptionalCalls,
+    Bytes,
+    PieceBytes,
+    Transfers,
+    Hex,
+    File,
+    Milliseconds
+};
 
 struct Rule
 {
@@ -54,6 +64,8 @@ constexpr Rule rules[] = {
     {"merge", "", Subject::Merge, Verb::None, Argument::Transfers},
     {"split", "", Subject::Split, Verb::None, Argument::PieceBytes},
     {"inject", "", Subject::Inject, Verb::None, Argument::Hex},
+    {"pcap", "off", Subject::Pcap, Verb::Off},
+    {"pcap", "", Subject::Pcap, Verb::None, Argument::File},
     {"wait", "", Subject::Wait, Verb::None, Argument::Milliseconds},
     {"status", "", Subject::Status, Verb::None},
     {"reset", "", Subject::Reset, Verb::None},
@@ -61,7 +73,7 @@ constexpr Rule rules[] = {
 
 constexpr const char *onUsage = "on open|read|write|ioctl|close K COMMAND...";
 constexpr const char *allSubjects = "node, open, read, write, ioctl, close, latency, timeout, "
-                                    "cable, merge, split, inject, on, wait, "
+                                    "cable, merge, split, inject, pcap, on, wait, "
                                     "status, reset";
 
 const char *describe(Argument argument)
@@ -80,6 +92,8 @@ const char *describe(Argument argument)
         return " N";
     case Argument::Hex:
         return " HEX";
+    case Argument::File:
+        return " FILE";
     case Argument::Milliseconds:
         return " MS";
     }
@@ -188,6 +202,9 @@ std::string parseArgument(Argument argument, std::string_view word, Command &com
         return parseNumber(word, 0, maxMergedTransfers, command.quantity);
     case Argument::Hex:
         return parseHex(word, command.data);
+    case Argument::File:
+        command.data = word;
+        return {};
     case Argument::Milliseconds:
         return parseNumber(word, 0, unlimited, command.quantity);
     }

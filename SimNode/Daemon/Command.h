@@ -26,13 +26,28 @@ enum class Subject {
     Merge,
     Split,
     Inject,
+    Pcap,
     On,
     Wait,
     Status,
     Reset
 };
 
-enum class Verb { None, Ok, Missing, Present, Fail, Stuck, Silent, Short, Zero, Error, Out, In };
+enum class Verb {
+    None,
+    Ok,
+    Missing,
+    Present,
+    Fail,
+    Stuck,
+    Silent,
+    Short,
+    Zero,
+    Error,
+    Out,
+    In,
+    Off
+};
 
 struct Command
 {
@@ -41,7 +56,7 @@ struct Command
     int error = 0;                       // errno of `fail`
     std::uint32_t calls = 0;             // N of a fault, 0: until further notice; K of `on`
     std::uint32_t quantity = 0;          // bytes, transfers or milliseconds, as the subject says
-    std::string data;                    // of `inject`
+    std::string data;                    // of `inject`, or the path of `pcap`
     Call call = Call::Read;              // of `on`
     std::shared_ptr<const Command> then; // of `on`
 };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <utility>
 
 namespace simnode {
 
@@ -12,6 +13,8 @@ namespace {
 // Enough for a host that runs ahead a little; with more unread the host has to wait.
 constexpr std::size_t maxUnreadTransfers = 4;
 constexpr std::size_t maxInjectedTransfers = 1000;
+
+LinkObserver nobody;
 
 bool opensForReading(std::uint32_t flags)
 {
@@ -25,8 +28,10 @@ bool opensForWriting(std::uint32_t flags)
 
 } // namespace
 
-Node::Node(bool timeoutIsError)
-    : _timeoutIsErrorAtStart(timeoutIsError), _timeoutIsError(timeoutIsError)
+Node::Node(bool timeoutIsError, LinkObserver *observer)
+    : _observer(observer != nullptr ? observer : &nobody),
+      _timeoutIsErrorAtStart(timeoutIsError),
+      _timeoutIsError(timeoutIsError)
 {
 }
 
@@ -143,15 +148,18 @@ void Node::submitWrite(CallId call, const Descriptor &descriptor, const std::str
     }
     ++_counters.writes;
     runTriggers(Call::Write, now);
+    _observer->writeBegan(call);
     const FaultPlan plan = _writeFaults.next();
     if (plan.fault == Verb::Stuck)
         return;
     if (plan.fault == Verb::Fail) {
+        _observer->writeEnded(call, plan.error, {});
         refuse(call, plan.error);
         return;
     }
     // An empty packet on the host's socket would look like its end.
     if (plan.fault == Verb::Zero || data.empty()) {
+        _observer->writeEnded(call, 0, {});
         answer(call, 0);
         return;
     }
@@ -190,6 +198,7 @@ void Node::submitClose(CallId call, Time now)
 
 void Node::abandon(CallId call)
 {
+    _observer->writeEnded(call, ENOENT, {}); // as a request is told that its host takes back
     const auto isCall = [call](const auto &waiting) { return waiting.call == call; };
     _waitingReads.erase(std::remove_if(_waitingReads.begin(), _waitingReads.end(), isCall),
                         _waitingReads.end());
@@ -270,6 +279,7 @@ std::string Node::takePiece(std::size_t size)
     std::string piece = transfer.substr(_readOffset, std::min(size, maxTransferSize));
     _readOffset += piece.size();
     if (_readOffset == transfer.size()) {
+        _observer->deviceRead(_transfers.front().sent);
         _transfers.pop_front();
         _readOffset = 0;
     }
@@ -281,9 +291,16 @@ std::string Node::takePiece(std::size_t size)
 void Node::hostLeft()
 {
     _hostConnected = false;
+    dropTransfers();
+}
+
+void Node::dropTransfers()
+{
+    _observer->unreadDropped();
     _transfers.clear();
     _readOffset = 0;
     _merged.clear();
+    _mergedTransfers = 0;
 }
 
 bool Node::takesTransfers() const
@@ -296,23 +313,28 @@ std::optional<Node::Time> Node::arrivalOf(Time sent) const
     return _latency.count() > 0 ? std::optional<Time>(sent + _latency) : std::nullopt;
 }
 
-void Node::queueTransfer(std::string bytes, Time now)
+void Node::queueTransfer(std::string bytes, std::size_t sent, Time now)
 {
-    _transfers.push_back({std::move(bytes), arrivalOf(now)});
+    _transfers.push_back({std::move(bytes), sent, arrivalOf(now)});
+}
+
+void Node::queueMerged(Time now)
+{
+    queueTransfer(std::exchange(_merged, {}), std::exchange(_mergedTransfers, 0), now);
 }
 
 void Node::transferFromHost(const std::string &transfer, Time now)
 {
     if (transfer.empty())
         return;
+    _observer->hostSent(transfer);
     if (_toMerge == 0) {
-        queueTransfer(transfer, now);
+        queueTransfer(transfer, 1, now);
     } else {
         _merged += transfer;
-        if (--_toMerge == 0) {
-            queueTransfer(std::move(_merged), now);
-            _merged.clear();
-        }
+        ++_mergedTransfers;
+        if (--_toMerge == 0)
+            queueMerged(now);
     }
     serveReads();
 }
@@ -328,6 +350,7 @@ const std::string *Node::transferForHost(Time now) const
 void Node::hostTookTransfer()
 {
     const WaitingWrite &write = _waitingWrites.front();
+    _observer->writeEnded(write.call, 0, write.transfer);
     answer(write.call, static_cast<std::int64_t>(write.transfer.size()));
     _waitingWrites.pop_front();
 }
@@ -373,6 +396,8 @@ std::string Node::execute(const Command &command, Time now)
         return "ok";
     case Subject::Inject:
         return inject(command.data, now);
+    case Subject::Pcap:
+        return capture(command.data);
     case Subject::On:
         _triggers.push_back({command.call, command.calls, *command.then});
         return "ok";
@@ -401,8 +426,7 @@ void Node::startMerge(std::uint32_t transfers, Time now)
     _toMerge = transfers;
     if (_merged.empty())
         return;
-    queueTransfer(std::move(_merged), now);
-    _merged.clear();
+    queueMerged(now);
     serveReads();
 }
 
@@ -413,6 +437,13 @@ std::string Node::inject(const std::string &transfer, Time now)
                " transfers wait for the device; it should be: read them first";
     transferFromHost(transfer, now);
     return "ok";
+}
+
+std::string Node::capture(const std::string &path)
+{
+    const std::string error = _observer->capture(path);
+    return error.empty() ? "ok"
+                         : "error: " + error + "; it should be: a file with room on its disk";
 }
 
 void Node::reset()
@@ -426,9 +457,7 @@ void Node::reset()
         *plan = FaultPlan();
     _triggers.clear();
     _counters = Counters();
-    _transfers.clear();
-    _readOffset = 0;
-    _merged.clear();
+    dropTransfers();
     _toMerge = 0;
     _pieceSize = 0;
 }
@@ -488,6 +517,7 @@ void Node::endWrites(Time now)
     const auto end = [&](const WaitingWrite &write) {
         if (write.deadline > now)
             return false;
+        _observer->writeEnded(write.call, ETIMEDOUT, {});
         refuse(write.call, ETIMEDOUT);
         return true;
     };

@@ -4,6 +4,7 @@
 
 #include "Command.h"
 #include "DeviceProtocol.h"
+#include "LinkObserver.h"
 
 #include <chrono>
 #include <cstdint>
@@ -23,7 +24,7 @@ class Node
 public:
     using Time = std::chrono::steady_clock::time_point;
     /// Chosen by the caller of submit(); no two waiting calls may have the same.
-    using CallId = std::uint64_t;
+    using CallId = simnode::CallId;
 
     /// The end of one system call.
     struct Reply
@@ -37,7 +38,8 @@ public:
     static constexpr std::uint32_t defaultTimeout = 2000; // ms
 
     /// `timeoutIsError` chooses what a read returns after its time-out: -1 with ETIMEDOUT, or 0.
-    explicit Node(bool timeoutIsError = false);
+    /// `observer`, if any, is told of all transfers; it must outlive the node.
+    explicit Node(bool timeoutIsError = false, LinkObserver *observer = nullptr);
 
     // -- device side
 
@@ -121,6 +123,7 @@ private:
     struct UnreadTransfer
     {
         std::string bytes;
+        std::size_t sent; // in so many transfers of the host
         std::optional<Time> onTheWayUntil;
     };
 
@@ -152,10 +155,13 @@ private:
     void serveReads();
     bool hasArrivedTransfer() const;
     std::optional<Time> arrivalOf(Time sent) const;
-    void queueTransfer(std::string bytes, Time now);
+    void queueTransfer(std::string bytes, std::size_t sent, Time now);
+    void queueMerged(Time now);
+    void dropTransfers();
     std::string takePiece(std::size_t size);
     void startMerge(std::uint32_t transfers, Time now);
     std::string inject(const std::string &transfer, Time now);
+    std::string capture(const std::string &path);
     void setCable(bool in);
     void endJourneys(Time now);
     void endReads(Time now);
@@ -171,9 +177,11 @@ private:
     std::deque<UnreadTransfer> _transfers; // from the host
     std::size_t _readOffset = 0;           // into the first of them
     std::string _merged;
+    std::size_t _mergedTransfers = 0;
     std::uint32_t _toMerge = 0;
     std::uint32_t _pieceSize = 0; // 0: whole transfers
 
+    LinkObserver *_observer;
     bool _present = true;
     bool _cableIn = true;
     bool _hostConnected = false;

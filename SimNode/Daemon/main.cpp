@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "Command.h"
+#include "LinkCapture.h"
 #include "Node.h"
 #include "NodeDirectory.h"
 #include "Program.h"
@@ -14,6 +15,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <limits>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 
@@ -30,6 +32,8 @@ struct Options
     std::string directory;
     std::string scriptPath;
     std::string timeoutResult = "zero";
+    std::string pcapPath;
+    std::uint64_t pcapSize = 0;
     std::vector<std::string> words;
 };
 
@@ -88,7 +92,8 @@ struct Daemon
     explicit Daemon(const Options &options)
         : script(loadScript(options.scriptPath)),
           directory(options.directory),
-          node(options.timeoutResult == "error"),
+          capture(options.pcapPath, options.pcapSize),
+          node(options.timeoutResult == "error", &capture),
           server(directory, node, script)
     {
     }
@@ -96,6 +101,7 @@ struct Daemon
     Signals signals;
     ScriptRunner script;
     NodeDirectory directory;
+    LinkCapture capture;
     Node node;
     Server server;
 };
@@ -166,6 +172,14 @@ void addNodeOptions(CLI::App *command, Options &options)
     programoptions::addChoice(*command, "--timeout-result", options.timeoutResult,
                               {"zero", "error"},
                               "What a read returns after its time-out: 0, or -1 with ETIMEDOUT");
+    command
+        ->add_option("--pcap", options.pcapPath,
+                     "Capture of the cable, for Wireshark; begun anew if it is there")
+        ->type_name("FILE");
+    programoptions::addNumber(*command, "--pcap-size", options.pcapSize, 0,
+                              std::numeric_limits<std::int64_t>::max(),
+                              "Bytes that a capture may have before it becomes FILE.1 and another "
+                              "one begins; 0: as many as come");
 }
 
 CLI::Option *addDirectoryOption(CLI::App *command, Options &options, const std::string &help)

@@ -24,7 +24,8 @@ inline Outcome outcome(const Node::Reply &reply)
 class Bench
 {
 public:
-    explicit Bench(bool timeoutIsError = false) : node(timeoutIsError)
+    explicit Bench(bool timeoutIsError = false, LinkObserver *observer = nullptr)
+        : node(timeoutIsError, observer)
     {
         handle = open().header.handle;
     }

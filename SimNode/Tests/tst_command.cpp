@@ -19,6 +19,7 @@ private slots:
     void errorsAreTakenByName();
     void quantitiesAreTakenAsGiven();
     void injectedBytesAreReadFromHexadecimal();
+    void thePathOfACaptureIsTakenAsGiven();
     void onKeepsTheCallTheCountAndTheCommand();
     void onMayBeNestedButNotWithoutEnd();
     void faultyCommandsSayWhyAndHowItShouldBe_data();
@@ -74,6 +75,8 @@ void CommandTest::everyCommandOfTheTableIsUnderstood_data()
     row("cable out", Subject::Cable, Verb::Out);
     row("cable in", Subject::Cable, Verb::In);
     row("inject 00", Subject::Inject);
+    row("pcap bus.pcap", Subject::Pcap);
+    row("pcap off", Subject::Pcap, Verb::Off);
     row("on open 1 node missing", Subject::On);
     row("wait 10", Subject::Wait);
     row("status", Subject::Status);
@@ -128,6 +131,12 @@ void CommandTest::injectedBytesAreReadFromHexadecimal()
     QCOMPARE(parsed(("inject " + longest).c_str()).data.size(), maxTransferSize);
 }
 
+void CommandTest::thePathOfACaptureIsTakenAsGiven()
+{
+    QCOMPARE(parsed("pcap ../a-b_%41/off").data, std::string("../a-b_%41/off"));
+    QCOMPARE(parsed("pcap off").data, std::string());
+}
+
 void CommandTest::onKeepsTheCallTheCountAndTheCommand()
 {
     const Command command = parsed("on write 5 read fail EIO 2");
@@ -177,6 +186,8 @@ void CommandTest::faultyCommandsSayWhyAndHowItShouldBe_data()
     row("inject", "a word is missing", "inject HEX");
     row("inject abc", "two hexadecimal digits", "inject HEX");
     row("inject 0g", "'0g' is no hexadecimal byte", "inject HEX");
+    row("pcap", "a word is missing", "pcap FILE");
+    row("pcap a b", "'b' is too much", "pcap FILE");
     row("on read 1", "a word is missing", "on open|read|write|ioctl|close K COMMAND");
     row("on poll 1 status", "'poll' is no call", "on open|read|write|ioctl|close K COMMAND");
     row("ioctl stuck", "'stuck' does not follow 'ioctl'", "ioctl fail ERRNO [N] | ioctl ok");

@@ -64,12 +64,13 @@ std::string hexOf(std::string_view bytes)
 // The words of a command, from what it was understood as.
 std::string wordsOf(const Command &command)
 {
-    constexpr const char *subjects[] = {"node",    "open",    "read",   "write", "ioctl", "close",
-                                        "latency", "timeout", "cable",  "merge", "split", "inject",
-                                        "on",      "wait",    "status", "reset"};
+    constexpr const char *subjects[] = {"node",    "open",    "read",  "write",  "ioctl", "close",
+                                        "latency", "timeout", "cable", "merge",  "split", "inject",
+                                        "pcap",    "on",      "wait",  "status", "reset"};
     constexpr const char *calls[] = {"open", "read", "write", "ioctl", "close"};
-    constexpr const char *verbs[] = {"",        " ok",    " missing", " present", " fail", " stuck",
-                                     " silent", " short", " zero",    " error",   " out",  " in"};
+    constexpr const char *verbs[] = {"",       " ok",     " missing", " present", " fail",
+                                     " stuck", " silent", " short",   " zero",    " error",
+                                     " out",   " in",     " off"};
     const Subject subject = command.subject;
     std::string words = subjects[static_cast<int>(subject)];
     if (subject == Subject::On) {
@@ -85,28 +86,30 @@ std::string wordsOf(const Command &command)
         words += ' ' + std::to_string(command.quantity);
     if (command.calls > 0)
         words += ' ' + std::to_string(command.calls);
+    if (subject == Subject::Pcap && command.verb == Verb::None)
+        words += ' ' + command.data;
     return words + (subject == Subject::Inject ? ' ' + hexOf(command.data) : std::string());
 }
 
 // The words of a line, with one blank between them, its numbers and its bytes as wordsOf() has
-// them.
+// them. A path stays as it is.
 std::string normalized(std::string_view line)
 {
     constexpr std::string_view blanks = " \t\r\n";
     std::string words;
-    bool isHex = false;
+    std::string before;
     while (!isBlank(line)) {
         line.remove_prefix(line.find_first_not_of(blanks));
         const std::size_t size = std::min(line.find_first_of(blanks), line.size());
         std::string word(line.substr(0, size));
         line.remove_prefix(size);
-        if (isHex)
+        if (before == "inject")
             std::transform(word.begin(), word.end(), word.begin(),
                            [](char c) { return c >= 'A' && c <= 'F' ? char(c + 32) : c; });
-        else
+        else if (before != "pcap")
             word.erase(0, std::min(word.find_first_not_of('0'), word.size() - 1));
-        isHex = word == "inject";
         words += (words.empty() ? "" : " ") + word;
+        before = word;
     }
     return words;
 }
@@ -535,7 +538,8 @@ private:
         const std::string answer = _node.execute(command, _now);
         const bool done = answer.substr(0, 2) == "ok";
         require(done || answer.substr(0, 7) == "error: ", "a command is answered");
-        require(done == (command.subject != Subject::Wait), "all but a wait can be executed");
+        require(done == (command.subject != Subject::Wait && command.subject != Subject::Pcap),
+                "all can be executed but a wait and a capture, which this node has nobody for");
         _model.execute(command);
     }
 

@@ -3,6 +3,7 @@
 #include "Protocol.h"
 
 #include <BuiltProgram.h>
+#include <CaptureReader.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -19,7 +20,8 @@ namespace {
 const std::string noData = "DEVICE_NODATA";
 const std::string readSize = "DEVICE_NODATA10000";
 constexpr int payloadSize = 10000 - 13;
-constexpr int quietTime = 700; // ms; more than a turn of the program takes at most
+constexpr int longTime = 30000; // ms; for what has to happen
+constexpr int quietTime = 700;  // ms; more than a turn of the program takes at most
 
 std::string data(int port, std::string_view payload)
 {
@@ -78,6 +80,10 @@ private slots:
     void whatWaitingCannotMendIsSaidAtOnce();
     void theEnvironmentNamesTheDevice();
     void verboseTellsEveryTransfer();
+    void aCaptureKeepsEveryTransfer();
+    void aCaptureTellsATimeOutAndTheLossOfTheDevice();
+    void aCaptureIsKeptInTwoFiles();
+    void aCaptureThatCannotBeWrittenIsSaid();
     void wrongCommandLinesAreSaid_data();
     void wrongCommandLinesAreSaid();
     void helpShowsExamples_data();
@@ -535,6 +541,46 @@ void HostToolTest::verboseTellsEveryTransfer()
     QVERIFY2(errors.startsWith("usbhal: to the device, 13 bytes: \"DEVICE_NODATA\"\n"
                                "usbhal: from the device, 18 bytes: \"DEVICE_NODATA10000\"\n"),
              errors);
+}
+
+void HostToolTest::aCaptureKeepsEveryTransfer()
+{
+    _start({"--pcap", _file("bus.pcap"), "cat", "1", "--linger", "0"});
+    QVERIFY(_accept());
+    QCOMPARE(_answerToTheEnd(), 0);
+    QCOMPARE(capture::toldOf(_file("bus.pcap")).mid(0, 4),
+             (QStringList{"S out -115 13 DEVICE_NODATA", "C out 0 13", "S in -115 65536",
+                          "C in 0 18 DEVICE_NODATA10000"}));
+}
+
+void HostToolTest::aCaptureTellsATimeOutAndTheLossOfTheDevice()
+{
+    _start({"cat", "1", "--wait", "30", "--pcap", _file("bus.pcap")}, "hello");
+    QVERIFY(_node->accept());
+    QCOMPARE(_node->receive(), noData);
+    QTRY_COMPARE_WITH_TIMEOUT(capture::toldOf(_file("bus.pcap")).value(3), QString("C in -2 0"),
+                              longTime);
+    _node.reset();
+    QTRY_VERIFY_WITH_TIMEOUT(capture::toldOf(_file("bus.pcap")).contains("C in -108 0"), longTime);
+}
+
+void HostToolTest::aCaptureIsKeptInTwoFiles()
+{
+    _start({"--pcap", _file("bus.pcap"), "--pcap-size", "1", "cat", "1", "--linger", "0"});
+    QVERIFY(_accept());
+    QCOMPARE(_answerToTheEnd(), 0);
+    QCOMPARE(capture::toldOf(_file("bus.pcap")).size(), 1);
+    QCOMPARE(capture::toldOf(_file("bus.pcap.1")).size(), 1);
+}
+
+void HostToolTest::aCaptureThatCannotBeWrittenIsSaid()
+{
+    const QString path = _file("none/bus.pcap");
+    _start({"--pcap", path, "cat", "1"});
+    QCOMPARE(_exitStatus(), 1);
+    QCOMPARE(_errors(),
+             QString("usbhal: cannot write the capture " + path + ": No such file or directory\n")
+                 .toUtf8());
 }
 
 void HostToolTest::wrongCommandLinesAreSaid_data()

@@ -102,6 +102,10 @@ void HostUsbTest::aDeviceIsFoundByItsInterfaceAndShownAsTheSystemKnowsIt()
     QCOMPARE(devices[0].description, std::string("Ports"));
     QCOMPARE(devices[0].speed, std::string("480"));
     QCOMPARE(devices[0].holder, std::string());
+    QCOMPARE(devices[0].bus, std::uint8_t(1));
+    QCOMPARE(devices[0].address, std::uint8_t(2));
+    QCOMPARE(devices[0].endpointIn, std::uint8_t(0x81));
+    QCOMPARE(devices[0].endpointOut, std::uint8_t(0x01));
 }
 
 void HostUsbTest::aDeviceWithoutTheInterfaceIsNone()

@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: MIT
-"""Captures of which all that is told is written down: golden.py --update writes it anew."""
+"""Captures of which all that is told is written down: golden.py --update BUILD writes it anew."""
 
 import pathlib
 import sys
 
+import faults
 from tshark import TsharkTest
 from usbmon import Capture, DELAY, LINK_TYPE_USER0, NO_DATA, data, max_read_size
 
@@ -11,6 +12,12 @@ _FOLDER = pathlib.Path(__file__).resolve().parent / "Golden"
 _FIELDS = ("frame.number", "usbhal.from_host", "usbhal.kind", "usbhal.port", "usbhal.length", "usbhal.payload",
            "usbhal.max_read_size", "usbhal.consumed", "usbhal.rejected", "usbhal.answer_time",
            "_ws.expert.message", "_ws.expert.severity", "_ws.col.Protocol", "_ws.col.Info")
+
+# Without times, which differ from run to run.
+_LINK_FIELDS = ("frame.number", "usb.bus_id", "usb.device_address", "usb.endpoint_address", "usb.transfer_type",
+                "usb.urb_type", "usb.urb_status", "usb.urb_len", "usb.data_len", "usbhal.kind", "usbhal.port", "usbhal.payload",
+                "usbhal.max_read_size", "usbhal.rejected", "_ws.expert.message", "_ws.col.Info")
+_NEVER_SLOW = ("-o", "usbhal.slow:600000")
 
 
 def _messages():
@@ -74,13 +81,22 @@ def path_of(name):
     return _FOLDER / f"{name}.txt"
 
 
+def _lines(test, path, names, options):
+    lines = []
+    for row in test.fields(path, *names, options=options):
+        row += [[]] * (len(names) - len(row))
+        lines += [f"{name}: {'; '.join(value)}" for name, value in zip(names, row) if value] + [""]
+    return "\n".join(lines)
+
+
 def told(test, path):
     """One line for each field of each packet that has it."""
-    lines = []
-    for row in test.fields(path, *_FIELDS, options=("-Y", "usbhal")):
-        row += [[]] * (len(_FIELDS) - len(row))
-        lines += [f"{name}: {'; '.join(value)}" for name, value in zip(_FIELDS, row) if value] + [""]
-    return "\n".join(lines)
+    return _lines(test, path, _FIELDS, ("-Y", "usbhal"))
+
+
+def told_of_link(test, path):
+    """The same of a capture of simnode, with what has no message in it."""
+    return _lines(test, path, _LINK_FIELDS, _NEVER_SLOW)
 
 
 class _Writer(TsharkTest):
@@ -88,10 +104,13 @@ class _Writer(TsharkTest):
         """Writes all down."""
         for name, capture in captures().items():
             path_of(name).write_text(told(self, self.write(capture)), encoding="utf-8")
+        for name in faults.FAULTS:
+            path = faults.capture(sys.argv[2], self.folder, name)
+            path_of(f"simnode-{name}").write_text(told_of_link(self, path), encoding="utf-8")
 
 
 if __name__ == "__main__":
-    if sys.argv[1:] != ["--update"]:
-        sys.exit("golden.py: it should be: golden.py --update")
+    if len(sys.argv) != 3 or sys.argv[1] != "--update":
+        sys.exit("golden.py: it should be: golden.py --update BUILD")
     result = _Writer()()
     sys.exit(0 if result.wasSuccessful() else str(result.errors + result.failures))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The sample manager on a simulated node, with a host that keeps a capture of what it exchanges, as usbmon would."""
+"""The sample manager on a simulated node that captures, with a host that keeps what it exchanges as well."""
 
 import os
 import pathlib
@@ -30,13 +30,14 @@ class Session:
         self._build = pathlib.Path(build)
         self._node = folder / "node"
         self.log = folder / "log"
+        self.bus = folder / "bus.pcap"
         self.capture = Capture()
         self._socket = None
         self._simnode = self._build / "SimNode" / "simnode"
         self._processes = []
 
     def __enter__(self):
-        self._start([self._simnode, "serve", "--dir", self._node], {})
+        self._start([self._simnode, "serve", "--dir", self._node, "--pcap", self.bus], {})
         wait_for("the start of the node", (self._node / "host").exists)
         preload = self._build / "SimNode" / "libsimnode-preload.so"
         self._start([self._build / "Examples" / "SampleManager" / "usbhal-sample-manager", "--retries", "1",

@@ -21,7 +21,7 @@ python () {
 inherit cmake_qt5 ptest systemd useradd
 
 # Some of the simulated node's tests are built with AddressSanitizer.
-DEPENDS = "cli11 libusb1 nlohmann-json ${@'gcc-sanitizers' if d.getVar('PTEST_ENABLED') == '1' else ''}"
+DEPENDS = "cli11 libpcap libusb1 nlohmann-json ${@'gcc-sanitizers' if d.getVar('PTEST_ENABLED') == '1' else ''}"
 
 EXTRA_OECMAKE = " \
     -DUSBHAL_WARNINGS_AS_ERRORS=OFF \
