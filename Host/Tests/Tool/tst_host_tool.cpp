@@ -577,7 +577,7 @@ void ToolTest::wrongCommandLinesAreSaid()
 void ToolTest::helpShowsExamples_data()
 {
     QTest::addColumn<QString>("command");
-    for (const char *command : {"list", "wait", "cat", "send", "recv", "completion"})
+    for (const char *command : {"list", "wait", "cat", "send", "recv", "forward", "completion"})
         QTest::newRow(command) << QString(command);
 }
 
