@@ -35,7 +35,7 @@ std::optional<LinkCounters> countersOf(const std::string &line)
     if (!value.is_object() || !value.contains("ports") || !value["ports"].is_object())
         return std::nullopt;
     LinkCounters counters;
-    counters.isUp = value.value("isUp", json()) == true;
+    counters.isUp = value.contains("isUp") && value["isUp"] == true;
     counters.turns = numberIn(value, "turns");
     counters.delays = numberIn(value, "delays");
     counters.faults = numberIn(value, "faults");

@@ -26,6 +26,7 @@ DEPENDS = "cli11 libusb1 nlohmann-json ${@'gcc-sanitizers' if d.getVar('PTEST_EN
 EXTRA_OECMAKE = " \
     -DUSBHAL_WARNINGS_AS_ERRORS=OFF \
     -DUSBHAL_BUILD_OBSERVE=OFF \
+    -DUSBHAL_BUILD_PYTHON=OFF \
     -DUSBHAL_BUILD_TESTS=${@'ON' if d.getVar('PTEST_ENABLED') == '1' else 'OFF'} \
     -DUSBHAL_UDEV_RULES_DIR=${nonarch_base_libdir}/udev/rules.d \
     -DUSBHAL_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
