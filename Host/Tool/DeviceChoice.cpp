@@ -4,6 +4,7 @@
 #include "Failure.h"
 #include "SimulatedNodes.h"
 
+#include <filesystem>
 #include <vector>
 
 using namespace usbhalhost;
@@ -43,6 +44,16 @@ std::optional<DeviceName> chooseDevice(const std::string &name)
     for (const std::string &each : names)
         list += (list.empty() ? "" : ", ") + each;
     throw Failure(exitUsage, "there are several devices: name one with --device, of " + list);
+}
+
+std::string placeOf(const DeviceName &name)
+{
+    if (const auto *node = std::get_if<SimulatedNodeName>(&name)) {
+        std::error_code error;
+        return "sim:" + std::filesystem::weakly_canonical(node->folder, error).string();
+    }
+    const auto devices = findUsbDevices(std::get<UsbSelector>(name));
+    return devices.size() == 1 ? "usb:" + devices.front().busPath : std::string();
 }
 
 std::string wordsFor(const std::string &name)

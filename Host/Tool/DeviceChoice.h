@@ -13,6 +13,12 @@
  */
 std::optional<usbhalhost::DeviceName> chooseDevice(const std::string &name);
 
+/**
+ * Where a device is now, by a name that is the same whichever of its names was given. Empty when it
+ * is nowhere, or one of several.
+ */
+std::string placeOf(const usbhalhost::DeviceName &name);
+
 /** A device's name in a sentence; the name may be empty. */
 std::string wordsFor(const std::string &name);
 

@@ -32,7 +32,10 @@ std::string secondsText(double seconds)
 
 } // namespace
 
-DeviceLink::DeviceLink(LinkOptions options) : _options(std::move(options)), _capture(tell)
+DeviceLink::DeviceLink(LinkOptions options)
+    : _options(std::move(options)),
+      _capture(tell),
+      _pause([](std::chrono::milliseconds time) { std::this_thread::sleep_for(time); })
 {
     if (_options.capture.empty())
         return;
@@ -41,11 +44,21 @@ DeviceLink::DeviceLink(LinkOptions options) : _options(std::move(options)), _cap
         throw Failure(exitFailed, error);
 }
 
-void DeviceLink::setHandlers(std::function<void(int)> received,
+void DeviceLink::setHandlers(std::function<void(int, const std::string &)> received,
                              std::function<void(int, std::size_t)> delivered)
 {
     _received = std::move(received);
     _delivered = std::move(delivered);
+}
+
+void DeviceLink::setDetour(std::function<bool()> detour)
+{
+    _detour = std::move(detour);
+}
+
+void DeviceLink::setPause(std::function<void(std::chrono::milliseconds)> pause)
+{
+    _pause = std::move(pause);
 }
 
 void DeviceLink::open()
@@ -65,9 +78,10 @@ void DeviceLink::_openWithin(std::chrono::duration<double> limit)
     const auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(limit);
     Attempt attempt = _try(end);
     while (attempt == Attempt::NoDevice && Clock::now() < end && !endIsAsked()) {
-        std::this_thread::sleep_for(retryPause);
+        _pause(retryPause);
         attempt = _try(end);
     }
+    _wasOpen = _wasOpen || attempt == Attempt::Done;
     if (attempt == Attempt::Done)
         return;
     if (endIsAsked())
@@ -82,6 +96,8 @@ void DeviceLink::_openWithin(std::chrono::duration<double> limit)
 
 DeviceLink::Attempt DeviceLink::_try(Clock::time_point limit)
 {
+    if (_detour && _detour())
+        return Attempt::Done;
     if (!_connect()) {
         _waitFor(wordsFor(_options.device) + " (" + _reason + ")");
         return Attempt::NoDevice;
@@ -96,18 +112,20 @@ DeviceLink::Attempt DeviceLink::_try(Clock::time_point limit)
 
 bool DeviceLink::_connect()
 {
-    if (!_transport) {
-        const auto name = chooseDevice(_options.device);
-        if (!name) {
+    if (!_name) {
+        _name = chooseDevice(_options.device);
+        if (!_name) {
             _reason = "there is none on USB and no simulated node: plug one in";
             return false;
         }
-        _begin(*name);
+        _begin(*_name);
     }
     const TransferResult result = _transport->connect();
     _reason = result.text;
-    if (result.status != TransferResult::Status::Done && !result.mayComeLater)
+    // A device that is just being plugged in again may not have its permissions yet.
+    if (result.status != TransferResult::Status::Done && !result.mayComeLater && !_wasOpen)
         throw Failure(exitFailed, result.text);
+    _place = placeOf(*_name);
     return result.status == TransferResult::Status::Done;
 }
 
@@ -116,11 +134,9 @@ void DeviceLink::_begin(const DeviceName &name)
     _transport = std::make_unique<TracingTransport>(_newTransport(name), _options.trace);
     _session = std::make_unique<HostSession>(*_transport, turns);
     HostSession::Handlers handlers;
-    handlers.bytesReceived = _received;
-    handlers.bytesDelivered = _delivered;
-    handlers.delayChanged = [](bool delayed) {
-        tell(delayed ? "the device asks to wait" : "the device takes bytes again");
-    };
+    handlers.bytesReceived = [this](int port) { _noteReceived(port); };
+    handlers.bytesDelivered = [this](int port, std::size_t bytes) { _noteDelivered(port, bytes); };
+    handlers.delayChanged = [this](bool delayed) { _noteDelay(delayed); };
     handlers.faultSeen = [this](const std::string &text) { _noteFault(text); };
     _session->setHandlers(std::move(handlers));
 }
@@ -144,22 +160,49 @@ bool DeviceLink::_establish(Clock::time_point limit)
         if (Clock::now() >= limit)
             return false;
         _waitFor(wordsFor(_options.device) + " to answer");
+        _pause(0ms);
     }
     return false;
 }
 
 bool DeviceLink::step()
 {
-    if (_session->step() != HostSession::StepResult::Closed)
+    const HostSession::StepResult result = _session->step();
+    _counters.turns += result == HostSession::StepResult::Exchanged ? 1 : 0;
+    _counters.isUp = _session->isEstablished();
+    if (result != HostSession::StepResult::Closed)
         return true;
+    ++_counters.losses;
     _reason = _session->closeReason();
     return false;
+}
+
+void DeviceLink::_noteReceived(int port)
+{
+    const std::string bytes = _session->received(port);
+    _counters.ports[port].received += bytes.size();
+    if (_received)
+        _received(port, bytes);
+}
+
+void DeviceLink::_noteDelivered(int port, std::size_t bytes)
+{
+    _counters.ports[port].delivered += bytes;
+    if (_delivered)
+        _delivered(port, bytes);
+}
+
+void DeviceLink::_noteDelay(bool delayed)
+{
+    _counters.delays += delayed ? 1 : 0;
+    tell(delayed ? "the device asks to wait" : "the device takes bytes again");
 }
 
 void DeviceLink::_noteFault(const std::string &text)
 {
     if (_transport->lastReceived().empty())
         return; // silence of a device that has never answered is told by the wait for it
+    ++_counters.faults;
     const std::string excerpt = excerptOf(_transport->lastReceived());
     if (!_session->isMaxWriteSizeKnown() && ++_faults >= mostFaults)
         throw Failure(exitFailed, wordsFor(_options.device) +

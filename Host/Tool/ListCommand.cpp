@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "ListCommand.h"
 
+#include "ControlChannel.h"
 #include "SimulatedNodes.h"
 #include "UsbDevices.h"
 
@@ -40,6 +41,16 @@ Row rowOf(const SimulatedNode &node)
     return {"sim:" + node.folder, {}, {}, {}, node.isTaken ? "another host" : "", "simulated node"};
 }
 
+void nameForwards(std::vector<Row> &rows)
+{
+    for (const RunningForward &forward : findForwards()) {
+        for (Row &row : rows) {
+            if (row.name == forward.place)
+                row.holder = "usbhal forward (process " + std::to_string(forward.process) + ")";
+        }
+    }
+}
+
 std::vector<Row> allRows()
 {
     std::vector<Row> rows;
@@ -47,6 +58,7 @@ std::vector<Row> allRows()
         rows.push_back(rowOf(device));
     for (const SimulatedNode &node : findSimulatedNodes())
         rows.push_back(rowOf(node));
+    nameForwards(rows);
     return rows;
 }
 

@@ -2,9 +2,11 @@
 #ifndef USBHAL_OPTIONS_H
 #define USBHAL_OPTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 /** What the user asks of every command. */
 struct LinkOptions
@@ -28,6 +30,24 @@ struct PipeOptions
     std::optional<double> idle = {};         ///< ends so many seconds after the last byte
     bool endsWithInput = true;               ///< what is received alone decides otherwise
     bool reconnect = false;
+};
+
+/** What the user asks of the command that forwards. */
+struct ForwardOptions
+{
+    std::vector<std::string> forwards = {};
+    bool hold = false; ///< keeps clients when the link is lost
+    /** Ends a client so many seconds after the last byte, when its input has ended. */
+    double linger = 0;
+};
+
+/** What the user asks of the command that measures. */
+struct BenchOptions
+{
+    int port = 0;
+    int count = 100;            ///< round trips
+    std::size_t bytes = 500000; ///< of throughput
+    bool asJson = false;
 };
 
 #endif

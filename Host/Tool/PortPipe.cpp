@@ -12,8 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto readerWait = 500ms;
-constexpr auto silentWait = 1s; // of a wait that is not told
+constexpr auto lastFlush = 500ms; // then it is asked whether to end
 
 std::optional<std::uint64_t> totalOf(const PipeOptions &options, const Input *input)
 {
@@ -23,14 +22,15 @@ std::optional<std::uint64_t> totalOf(const PipeOptions &options, const Input *in
 } // namespace
 
 PortPipe::PortPipe(const LinkOptions &link, PipeOptions options)
-    : _options(std::move(options)), _link(link)
+    : _options(std::move(options)),
+      _link(link, _options.port,
+            {[this](const std::string &bytes) { _receive(bytes); },
+             [this](std::size_t bytes) { _noteDelivered(bytes); }})
 {
     if (!_options.input.empty())
         _input = std::make_unique<Input>(_options.input);
     if (!_options.output.empty())
         _output = std::make_unique<Output>(_options.output);
-    _link.setHandlers([this](int port) { _receive(port); },
-                      [this](int, std::size_t bytes) { _noteDelivered(bytes); });
 }
 
 void PortPipe::run()
@@ -48,10 +48,10 @@ void PortPipe::run()
 void PortPipe::_turn()
 {
     if (_output && _output->isFull()) {
-        _waitForReader();
+        _readerWait.waitFor(*_output, "the reader of the output");
         return;
     }
-    _readerWaits = false;
+    _readerWait.end();
     if (_output)
         _output->flush(0ms);
     _feed();
@@ -69,7 +69,7 @@ bool PortPipe::_isOver() const
         return true;
     if (_options.idle && _isQuietFor(*_options.idle))
         return true;
-    return _options.endsWithInput && _input && _input->isEnded() && _undelivered.empty() &&
+    return _options.endsWithInput && _input && _input->isEnded() && _link.undelivered() == 0 &&
            _isQuietFor(_options.linger);
 }
 
@@ -78,24 +78,21 @@ bool PortPipe::_isQuietFor(double seconds) const
     return Clock::now() - _lastMoved >= std::chrono::duration<double>(seconds);
 }
 
-// Two transfers ahead, so that each is full.
 void PortPipe::_feed()
 {
-    const std::size_t wanted = 2 * _link.session().maxWriteSize();
-    if (!_input || _input->isEnded() || _undelivered.size() >= wanted)
+    const std::size_t room = _link.room();
+    if (!_input || _input->isEnded() || room == 0)
         return;
-    const std::string bytes = _input->take(wanted - _undelivered.size());
+    const std::string bytes = _input->take(room);
     if (bytes.empty() && !_input->isEnded())
         return;
     _lastMoved = Clock::now();
-    _undelivered += bytes;
-    _link.session().send(_options.port, bytes);
+    _link.send(bytes);
 }
 
-void PortPipe::_receive(int port)
+void PortPipe::_receive(std::string bytes)
 {
-    std::string bytes = _link.session().received(port);
-    if (port != _options.port || !_output)
+    if (!_output)
         return;
     _lastMoved = Clock::now();
     if (_options.bytes)
@@ -109,59 +106,42 @@ void PortPipe::_noteDelivered(std::size_t bytes)
 {
     _lastMoved = Clock::now();
     _delivered += bytes;
-    _undelivered.erase(0, bytes);
 }
 
 // A device that has fallen silent has thrown away what it was sent and did not answer.
 void PortPipe::_noteSilence()
 {
-    if (!_link.session().isEstablished())
+    if (!_link.answers())
         _countLoss();
 }
 
-// What the session still has was never sent, and is no loss.
 void PortPipe::_countLoss()
 {
-    const std::size_t inFlight = _undelivered.size() - _link.session().pendingBytes(_options.port);
-    _lost += inFlight;
-    _undelivered.erase(0, inFlight);
+    _lost += _link.takeLoss();
 }
 
 void PortPipe::_handleLoss()
 {
     _countLoss();
-    _complete = _options.endsWithInput && _input->isEnded() && _undelivered.empty() && _lost == 0;
+    _complete =
+        _options.endsWithInput && _input->isEnded() && _link.undelivered() == 0 && _lost == 0;
     if (_complete)
         return;
     if (!_options.reconnect)
         throw Failure(exitFailed, "the link is lost: " + _link.reason() + "; " +
-                                      std::to_string(_lost + _undelivered.size()) +
+                                      std::to_string(_lost + _link.undelivered()) +
                                       " bytes may not have reached the device");
     tell("the link is lost: " + _link.reason() + "; waiting for the device");
     _link.reopen();
     tell("the device is back");
-    _link.session().send(_options.port, _undelivered);
     _lastMoved = Clock::now();
-}
-
-void PortPipe::_waitForReader()
-{
-    if (!std::exchange(_readerWaits, true)) {
-        _readerWaitBegan = Clock::now();
-        _readerWaitTold = false;
-    }
-    _output->flush(readerWait);
-    if (_output->isFull() && !_readerWaitTold && Clock::now() - _readerWaitBegan >= silentWait) {
-        _readerWaitTold = true;
-        tell("the reader of the output takes nothing: the exchange with the device waits for it");
-    }
 }
 
 void PortPipe::_finish()
 {
     while (_output && !_output->isEmpty() && !endIsAsked())
-        _output->flush(readerWait);
-    _lost += _undelivered.size();
+        _output->flush(lastFlush);
+    _lost += _link.undelivered();
     if (_lost > 0)
         throw Failure(exitFailed, std::to_string(_lost) +
                                       " bytes may not have reached the device: send them again");

@@ -2,9 +2,10 @@
 #ifndef USBHAL_PORTPIPE_H
 #define USBHAL_PORTPIPE_H
 
-#include "DeviceLink.h"
 #include "Options.h"
+#include "PortLink.h"
 #include "Progress.h"
+#include "ReaderWait.h"
 #include "Streams.h"
 
 #include <chrono>
@@ -32,28 +33,24 @@ private:
     bool _isQuietFor(double seconds) const;
     void _turn();
     void _feed();
-    void _receive(int port);
+    void _receive(std::string bytes);
     void _noteDelivered(std::size_t bytes);
     void _noteSilence();
     void _countLoss();
     void _handleLoss();
-    void _waitForReader();
     void _finish();
 
     PipeOptions _options;
-    DeviceLink _link;
+    PortLink _link;
     std::unique_ptr<Input> _input;
     std::unique_ptr<Output> _output;
     std::unique_ptr<Progress> _progress;
-    std::string _undelivered; // handed to the session, and not answered yet
+    ReaderWait _readerWait;
     std::uint64_t _delivered = 0;
     std::uint64_t _received = 0;
     std::uint64_t _lost = 0;
     Clock::time_point _lastMoved;
     bool _complete = false; // the link is lost, and nothing with it
-    Clock::time_point _readerWaitBegan;
-    bool _readerWaits = false;
-    bool _readerWaitTold = false;
 };
 
 #endif

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -51,6 +52,8 @@ Input::Input(const std::string &name)
         fail("read", _name, "name a file that can be read, or - for standard input");
 }
 
+Input::Input(int fd, std::string name) : _name(std::move(name)), _fd(fd) {}
+
 Input::~Input()
 {
     if (_fd != STDIN_FILENO)
@@ -76,6 +79,16 @@ std::string Input::take(std::size_t most)
     return bytes;
 }
 
+void Input::wait(std::chrono::milliseconds limit) const
+{
+    isReady(_fd, POLLIN, static_cast<int>(limit.count()));
+}
+
+bool Input::endComes() const
+{
+    return isReady(_fd, POLLRDHUP, 0);
+}
+
 std::optional<std::uint64_t> Input::size() const
 {
     struct stat status = {};
@@ -92,6 +105,8 @@ Output::Output(const std::string &name)
     if (_fd < 0)
         fail("write", _name, "name a file that can be written, or - for standard output");
 }
+
+Output::Output(int fd, std::string name) : _name(std::move(name)), _fd(fd) {}
 
 Output::~Output()
 {

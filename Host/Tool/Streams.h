@@ -20,13 +20,19 @@ class Input
 public:
     /** Opens a file, or standard input for "-". Failure when that cannot be done. */
     explicit Input(const std::string &name);
+    /** Takes over a descriptor that is open. */
+    Input(int fd, std::string name);
     ~Input();
     Input(const Input &) = delete;
     Input &operator=(const Input &) = delete;
 
     /** What can be read at once, at most so many bytes. */
     std::string take(std::size_t most);
+    /** Waits for bytes or the end, so long at most. */
+    void wait(std::chrono::milliseconds limit) const;
     bool isEnded() const { return _ended; }
+    /** Whether the other end of a socket has ended it, even when bytes before that are not read. */
+    bool endComes() const;
     /** The size of a regular file; nothing is known of other inputs. */
     std::optional<std::uint64_t> size() const;
     const std::string &name() const { return _name; }
@@ -46,6 +52,8 @@ class Output
 public:
     /** Opens a file, emptying it, or standard output for "-". Failure when that cannot be done. */
     explicit Output(const std::string &name);
+    /** Takes over a descriptor that is open. */
+    Output(int fd, std::string name);
     ~Output();
     Output(const Output &) = delete;
     Output &operator=(const Output &) = delete;
@@ -57,6 +65,8 @@ public:
     /** So much is kept that no more should come. */
     bool isFull() const;
     bool isEmpty() const { return _kept.empty(); }
+    /** Bytes that are kept. */
+    std::size_t size() const { return _kept.size(); }
 
 private:
     bool _write();

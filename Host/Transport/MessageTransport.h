@@ -35,13 +35,24 @@ class USBHALHOST_EXPORT MessageTransport
 public:
     virtual ~MessageTransport();
 
-    /** Largest transfer in bytes that this transport carries in either direction. */
+    /**
+     * Largest transfer in bytes that this transport carries in either direction. Receiving a longer
+     * one closes the connection.
+     */
     virtual std::size_t maxTransferSize() const = 0;
 
-    /** Sends one transfer, which must not be empty, waiting at most timeout for the device. */
+    /**
+     * Sends one transfer, which must not be empty. TimedOut when the device takes nothing of it
+     * within the time-out; Closed, with a text, when there is no connection, it breaks or the
+     * device takes only a part.
+     */
     virtual TransferResult send(std::string_view transfer, std::chrono::milliseconds timeout) = 0;
 
-    /** Replaces transfer by the next one of the device, waiting at most timeout for it. */
+    /**
+     * Replaces transfer by the next one of the device. TimedOut when none comes within the
+     * time-out; Closed, with a text, when there is no connection, it breaks or the device leaves.
+     * Without a transfer, transfer stays as it is.
+     */
     virtual TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) = 0;
 };
 

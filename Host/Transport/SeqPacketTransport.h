@@ -30,19 +30,10 @@ public:
     void close() override;
     bool isConnected() const override;
 
-    /** 65536 bytes. Receiving a longer transfer closes the connection. */
+    /** 65536 bytes. */
     std::size_t maxTransferSize() const override;
 
-    /**
-     * Sends one packet. TimedOut when the other end takes none within the time-out in ms; Closed,
-     * with a text, when there is no connection or it breaks.
-     */
     TransferResult send(std::string_view transfer, std::chrono::milliseconds timeout) override;
-    /**
-     * Replaces transfer by the next packet. TimedOut when none comes within the time-out in ms;
-     * Closed, with a text, when there is no connection, it breaks or the other end leaves. Without
-     * a packet, transfer stays as it is.
-     */
     TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) override;
 
 private:

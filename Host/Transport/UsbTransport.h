@@ -42,20 +42,11 @@ public:
     void close() override;
     bool isConnected() const override;
 
-    /** 65536 bytes. Receiving a longer transfer closes the connection. */
+    /** 65536 bytes. */
     std::size_t maxTransferSize() const override;
 
-    /**
-     * Sends one transfer, with an empty packet behind it where its end would not show otherwise.
-     * TimedOut when the device takes nothing of it within the time-out in ms; Closed, with a text,
-     * when there is no connection, it breaks or the device takes only a part.
-     */
+    /** An empty packet follows a transfer whose end would not show otherwise. */
     TransferResult send(std::string_view transfer, std::chrono::milliseconds timeout) override;
-    /**
-     * Replaces transfer by the next one of the device. TimedOut when none comes within the time-out
-     * in ms; Closed, with a text, when there is no connection or it breaks. Without a transfer,
-     * transfer stays as it is.
-     */
     TransferResult receive(std::string &transfer, std::chrono::milliseconds timeout) override;
 
 private:

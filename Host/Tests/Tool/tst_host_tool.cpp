@@ -623,7 +623,7 @@ void HostToolTest::wrongCommandLinesAreSaid()
 void HostToolTest::helpShowsExamples_data()
 {
     QTest::addColumn<QString>("command");
-    for (const char *command : {"list", "wait", "cat", "send", "recv", "completion"})
+    for (const char *command : {"list", "wait", "cat", "send", "recv", "forward", "completion"})
         QTest::newRow(command) << QString(command);
 }
 

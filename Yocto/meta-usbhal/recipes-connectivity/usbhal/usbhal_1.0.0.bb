@@ -26,9 +26,11 @@ DEPENDS = "cli11 libpcap libusb1 nlohmann-json ${@'gcc-sanitizers' if d.getVar('
 EXTRA_OECMAKE = " \
     -DUSBHAL_WARNINGS_AS_ERRORS=OFF \
     -DUSBHAL_BUILD_OBSERVE=OFF \
+    -DUSBHAL_BUILD_PYTHON=OFF \
     -DUSBHAL_BUILD_TESTS=${@'ON' if d.getVar('PTEST_ENABLED') == '1' else 'OFF'} \
     -DUSBHAL_UDEV_RULES_DIR=${nonarch_base_libdir}/udev/rules.d \
     -DUSBHAL_SYSTEMD_UNIT_DIR=${systemd_system_unitdir} \
+    -DUSBHAL_SYSTEMD_USER_UNIT_DIR=${systemd_user_unitdir} \
     -DUSBHAL_SYSUSERS_DIR=${nonarch_libdir}/sysusers.d \
 "
 
@@ -45,7 +47,13 @@ SUMMARY:${PN}-host = "Library for programs on the USB host of a device with UsbH
 FILES:${PN}-host = "${libdir}/libusbhal-host.so.*"
 
 SUMMARY:${PN}-tool = "Tool for the USB host of a device with UsbHal"
-FILES:${PN}-tool = "${bindir}/usbhal ${datadir}/bash-completion ${datadir}/zsh"
+FILES:${PN}-tool = " \
+    ${bindir}/usbhal \
+    ${datadir}/bash-completion \
+    ${datadir}/zsh \
+    ${nonarch_base_libdir}/udev/rules.d/70-usbhal-host.rules \
+    ${systemd_user_unitdir}/usbhal-forward@.service \
+"
 
 SUMMARY:${PN}-sim = "Simulated device node for programs that use UsbHal"
 FILES:${PN}-sim = "${bindir}/simnode ${libdir}/simnode"

@@ -1,0 +1,180 @@
+# SPDX-License-Identifier: MIT
+"""The module as a program calls it, with a device that answers every transfer."""
+
+import os
+import signal
+import tempfile
+import threading
+import time
+import unittest
+
+import usbhal
+from device import Device, WAIT
+
+BLOCK = bytes(range(256)) * 1000
+
+
+class ModuleTest(unittest.TestCase):
+    """A device that is plugged in, and the host's end of it."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+        self.node = Device(self.folder)
+        self.device = usbhal.Device("sim:" + self.folder)
+        self.addCleanup(self.device.close)
+
+    def port(self, number=1):
+        """A port of the device that answers."""
+        self.device.wait_connected(WAIT)
+        return self.device.port(number)
+
+
+    def unplug_after(self, data):
+        """Pulls the cable when port 1 has received something."""
+        self.node.received(1, len(data))
+        self.node.unplug()
+
+
+class Bytes(ModuleTest):
+    """Through a port."""
+
+    def test_both_ways(self):
+        """More than a transfer holds."""
+        port = self.port(9999)
+        self.node.echo(9999)
+        port.write(BLOCK, WAIT)
+        self.assertEqual(self.node.received(9999, len(BLOCK)), BLOCK)
+        self.assertEqual(port.readexactly(len(BLOCK), WAIT), BLOCK)
+        self.assertEqual((port.number, self.device.is_connected), (9999, True))
+
+    def test_read_returns_what_there_is(self):
+        """Up to the size that is asked for."""
+        port = self.port()
+        self.node.send(1, b"hello")
+        self.assertEqual(port.read(3, WAIT), b"hel")
+        self.assertEqual(port.read(timeout=WAIT), b"lo")
+
+    def test_lines(self):
+        """With their ends; a part of one stays."""
+        port = self.port()
+        self.node.send(1, b"one\ntwo\nthr")
+        self.assertEqual(port.readline(WAIT), b"one\n")
+        self.assertEqual(port.readline(WAIT), b"two\n")
+        with self.assertRaises(usbhal.TimedOut):
+            port.readline(0.1)
+        self.node.send(1, b"ee\nrest")
+        self.assertEqual(port.readline(WAIT), b"three\n")
+        self.assertEqual(port.read(2, WAIT), b"re")
+        self.assertEqual(port.readexactly(2, WAIT), b"st")
+
+    def test_ports_do_not_mix(self):
+        """Each has its own bytes."""
+        one, two = self.port(1), self.port(2)
+        self.node.send(2, b"two")
+        self.node.send(1, b"one")
+        self.assertEqual((one.readexactly(3, WAIT), two.readexactly(3, WAIT)), (b"one", b"two"))
+
+    def test_a_reader_that_takes_nothing_holds_the_device_back(self):
+        """Nothing is thrown away."""
+        port = self.port()
+        self.node.send(1, BLOCK * 8)
+        self.assertGreaterEqual(self.node.sent(900000), 900000)
+        self.assertLess(self.node.sent(), 1024 * 1024)
+        self.assertEqual(port.readexactly(len(BLOCK) * 8, WAIT), BLOCK * 8)
+
+
+class Failures(ModuleTest):
+    """As exceptions."""
+
+    def test_a_time_that_is_over(self):
+        """Of a read and of a write, and nothing is connected."""
+        port = self.port()
+        with self.assertRaises(usbhal.TimedOut):
+            port.read(1, 0.1)
+        self.node.swallow(True)
+        with self.assertRaises(TimeoutError):
+            port.write(b"hello", 0.1)
+        with self.assertRaises(usbhal.TimedOut):
+            self.device.wait_disconnected(0)
+
+    def test_a_lost_link(self):
+        """What is on its way is lost; the device is found again."""
+        port = self.port()
+        self.node.swallow(True)
+        threading.Thread(target=self.unplug_after, args=(b"hello",)).start()
+        with self.assertRaises(usbhal.LinkLost):
+            port.write(b"hello", WAIT)
+        with self.assertRaises(usbhal.LinkLost):
+            port.read(1, WAIT)
+        self.device.wait_disconnected(WAIT)
+        self.assertNotEqual(self.device.reason, "")
+        self.node.swallow(False)
+        self.node.forget()
+        self.node.plug()
+        self.device.wait_connected(WAIT)
+        port.write(b"again", WAIT)
+        self.assertEqual(self.node.received(1, 5), b"again")
+
+    def test_a_device_that_does_not_answer(self):
+        """Has thrown the bytes away."""
+        port = self.port()
+        self.node.swallow(True)
+        with self.assertRaises(usbhal.LinkLost):
+            port.write(b"hello", WAIT)
+
+    def test_wrong_names(self):
+        """Of a device and of a port."""
+        with self.assertRaisesRegex(usbhal.WrongName, "^'ttyUSB0' names no device: "):
+            usbhal.Device("ttyUSB0")
+        for number in (-1, 10000):
+            with self.assertRaises(usbhal.WrongName):
+                self.device.port(number)
+
+    def test_what_waiting_cannot_mend(self):
+        """Is said at once."""
+        with usbhal.Device("sim:/nowhere/at/all") as device:
+            with self.assertRaisesRegex(usbhal.DeviceError, "No such file or directory"):
+                device.wait_connected()
+
+    def test_a_closed_device(self):
+        """Says so; closing it again does nothing."""
+        self.device.close()
+        self.device.close()
+        with self.assertRaisesRegex(usbhal.DeviceError, "the device is closed"):
+            self.device.wait_connected(WAIT)
+
+    def test_the_environment_names_the_device(self):
+        """Where the program does not."""
+        os.environ["USBHAL_DEVICE"] = "sim:/nowhere/at/all"
+        self.addCleanup(os.environ.pop, "USBHAL_DEVICE")
+        with usbhal.Device() as device:
+            with self.assertRaisesRegex(usbhal.DeviceError, "/nowhere/at/all"):
+                device.wait_connected()
+
+
+class Waiting(ModuleTest):
+    """A wait holds up neither other threads nor a signal."""
+
+    def test_other_threads_run_meanwhile(self):
+        """One writes what the other waits for."""
+        port = self.port()
+        self.node.echo(1)
+        writer = threading.Thread(target=port.write, args=(b"from a thread", WAIT))
+        writer.start()
+        self.assertEqual(port.readexactly(13, WAIT), b"from a thread")
+        writer.join()
+
+    def test_a_signal_ends_a_wait(self):
+        """As Ctrl-C does."""
+        port = self.port()
+        begin = time.monotonic()
+        with self.assertRaises(KeyboardInterrupt):
+            threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
+            port.read(1, WAIT)
+        self.assertLess(time.monotonic() - begin, WAIT)
+
+
+if __name__ == "__main__":
+    unittest.main()
