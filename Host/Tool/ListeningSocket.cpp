@@ -39,9 +39,11 @@ Addresses resolve(const ForwardAddress &address)
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    // A system without /etc/hosts knows no name, not even this one.
+    const std::string host = address.host == "localhost" ? "127.0.0.1" : address.host;
     addrinfo *found = nullptr;
-    const int error = getaddrinfo(address.host.c_str(), std::to_string(address.localPort).c_str(),
-                                  &hints, &found);
+    const int error =
+        getaddrinfo(host.c_str(), std::to_string(address.localPort).c_str(), &hints, &found);
     if (error != 0)
         throw Failure(exitFailed, "cannot find the address " + address.host + ": " +
                                       gai_strerror(error) + "; name one of this machine");
