@@ -116,5 +116,10 @@ std::size_t ask(RunningForward &forward, const std::string &request)
     const std::string refusal = answer.value("error", "");
     if (!refusal.empty())
         throw Failure(exitFailed, refusal);
-    return answer.value("largest", std::size_t(0));
+    const json largest = answer.value("largest", json());
+    if (!largest.is_number_unsigned() || largest == 0U)
+        throw Failure(exitFailed,
+                      "usbhal forward (process " + std::to_string(forward.process) +
+                          "), which has the device, does not answer: try again, or end it");
+    return largest;
 }

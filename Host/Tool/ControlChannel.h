@@ -38,7 +38,9 @@ std::optional<RunningForward> findForward(const std::string &place);
 /** Waits for the next line of a forward; nothing when it has ended or says nothing. */
 std::optional<std::string> nextLine(RunningForward &forward);
 
-/** Waits for the answer to a line of JSON, and returns the number in it. Failure when it refuses.
+/**
+ * Waits for the answer to a line of JSON, and returns the number in it, which is not 0. Failure
+ * when it refuses, or does not answer for a few seconds.
  */
 std::size_t ask(RunningForward &forward, const std::string &request);
 

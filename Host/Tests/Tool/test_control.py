@@ -8,6 +8,7 @@ import shutil
 import socket
 import stat
 import subprocess
+import threading
 import unittest
 
 from device import WAIT
@@ -156,6 +157,38 @@ class Socket(ControlTest):
         self.assert_ended(raw)
         self.client.sendall(b"undisturbed")
         self.assertEqual(self.node.received(1, 11), b"undisturbed")
+
+
+class Unresponsive(ForwardTest):
+    """A forward that does not do what it should."""
+
+    def greet(self, *answers):
+        """Greets each caller as a forward of the device does, and gives it the next answer."""
+        os.mkdir(self.path("usbhal"), 0o700)
+        listening = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listening.close)
+        listening.bind(self.path("usbhal/1"))
+        listening.listen()
+        threading.Thread(target=self.serve, args=(listening, answers), daemon=True).start()
+
+    def serve(self, listening, answers):
+        """Keeps the connections of those that it does not answer."""
+        greeting = {"process": 1, "place": "sim:" + os.path.realpath(self.folder)}
+        for answer in answers:
+            caller = listening.accept()[0]
+            self.addCleanup(caller.close)
+            caller.sendall(json.dumps(greeting).encode() + b"\n" + answer)
+
+    def test_a_command_that_gets_no_answer_ends(self):
+        """Or one that is none: with a sentence, and without waiting for ever."""
+        answers = (b'{"largest": 0}\n', b'{"largest": "10000"}\n', b"{}\n", b"")
+        self.greet(*answers)
+        for answer in answers:
+            with self.subTest(answer=answer):
+                program = self.run_tool("cat", "2")
+                self.assertEqual(program.wait(), 1)
+                self.assertEqual(program.errors(), "usbhal: usbhal forward (process 1), which has the device, does "
+                                 "not answer: try again, or end it\n")
 
 
 class Direct(ForwardTest):
