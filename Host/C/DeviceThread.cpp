@@ -11,6 +11,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto retryPause = 100ms;
+constexpr auto longestHold = 100ms; // of the device, before it is seen whether it is still there
 // What is kept for a port before the exchange waits for its reader; one transfer more may come.
 constexpr std::size_t mostKept = 900000;
 
@@ -54,31 +55,52 @@ bool DeviceThread::isConnected()
 void DeviceThread::openPort(int port)
 {
     const Lock lock(_mutex);
-    _ports.try_emplace(port);
+    _ports[port].isOpen = true;
+}
+
+void DeviceThread::closePort(int port)
+{
+    const Lock lock(_mutex);
+    Port *queues = _findOpen(port);
+    if (queues == nullptr)
+        return;
+    queues->isOpen = false;
+    queues->incoming.clear();
+    _changed.notify_all();
 }
 
 DeviceThread::Outcome DeviceThread::write(int port, std::string_view bytes, Clock::time_point end)
 {
     Lock lock(_mutex);
-    if (!_connected)
-        return Outcome::Lost;
-    Port &queues = _ports[port];
-    queues.outgoing += bytes;
-    queues.queued += bytes.size();
-    const std::uint64_t target = queues.queued;
+    Port *queues = _findOpen(port);
+    if (queues == nullptr || !_connected)
+        return queues == nullptr ? Outcome::NotOpen : Outcome::Lost;
+    queues->outgoing += bytes;
+    queues->queued += bytes.size();
+    const std::uint64_t target = queues->queued;
     const std::uint64_t losses = _losses;
-    _changed.wait_until(lock, end, [&] { return queues.delivered >= target || _losses != losses; });
+    const auto isDelivered = [&] { return _losses == losses && queues->delivered >= target; };
+    _changed.wait_until(lock, end,
+                        [&] { return isDelivered() || _losses != losses || !queues->isOpen; });
+    if (isDelivered())
+        return Outcome::Done;
     if (_losses != losses)
         return Outcome::Lost;
-    return queues.delivered >= target ? Outcome::Done : Outcome::TimedOut;
+    return queues->isOpen ? Outcome::TimedOut : Outcome::NotOpen;
 }
 
 DeviceThread::Outcome DeviceThread::read(int port, std::size_t most, Clock::time_point end,
                                          std::string &bytes)
 {
     Lock lock(_mutex);
-    std::string &incoming = _ports[port].incoming;
-    _changed.wait_until(lock, end, [&] { return !incoming.empty() || !_connected; });
+    Port *queues = _findOpen(port);
+    if (queues == nullptr)
+        return Outcome::NotOpen;
+    std::string &incoming = queues->incoming;
+    _changed.wait_until(lock, end,
+                        [&] { return !incoming.empty() || !_connected || !queues->isOpen; });
+    if (!queues->isOpen)
+        return Outcome::NotOpen;
     bytes = incoming.substr(0, most);
     incoming.erase(0, bytes.size());
     _changed.notify_all();
@@ -113,7 +135,7 @@ bool DeviceThread::_connect()
     _hopeless =
         result.status == TransferResult::Status::Closed && !result.mayComeLater && _losses == 0;
     for (auto &[number, port] : _ports)
-        port = Port(); // nothing of the old link reaches the new one
+        port = Port{port.isOpen}; // nothing of the old link reaches the new one
     _changed.notify_all();
     return result.status == TransferResult::Status::Done;
 }
@@ -121,18 +143,31 @@ bool DeviceThread::_connect()
 void DeviceThread::_exchange()
 {
     _session.restart();
-    while (_handOver() && _session.step() != HostSession::StepResult::Closed && _noteTurn()) {
+    while (_turn() && _noteTurn()) {
     }
     _transport->close();
     _noteLoss();
 }
 
+// False when the link is lost or the end is asked for.
+bool DeviceThread::_turn()
+{
+    if (_isHeldBack())
+        return _session.listen() != HostSession::StepResult::Closed;
+    return _handOver() && _session.step() != HostSession::StepResult::Closed;
+}
+
+// Waits for the readers, as the device can be held back as a whole alone.
+bool DeviceThread::_isHeldBack()
+{
+    Lock lock(_mutex);
+    return !_changed.wait_for(lock, longestHold, [this] { return _ending || !_isFull(); });
+}
+
 // False when the end is asked for.
 bool DeviceThread::_handOver()
 {
-    Lock lock(_mutex);
-    // The device can be held back as a whole alone.
-    _changed.wait(lock, [this] { return _ending || !_isFull(); });
+    const Lock lock(_mutex);
     for (auto &[number, port] : _ports) {
         if (!port.outgoing.empty())
             _session.send(number, std::exchange(port.outgoing, {}));
@@ -164,21 +199,28 @@ void DeviceThread::_receive(int port)
 {
     const std::string bytes = _session.received(port);
     const Lock lock(_mutex);
-    const auto entry = _ports.find(port);
-    if (entry != _ports.end())
-        entry->second.incoming += bytes;
+    Port *queues = _findOpen(port);
+    if (queues != nullptr)
+        queues->incoming += bytes;
 }
 
 void DeviceThread::_noteDelivered(int port, std::size_t bytes)
 {
     const Lock lock(_mutex);
-    _ports[port].delivered += bytes;
+    _ports.at(port).delivered += bytes;
 }
 
 bool DeviceThread::_isFull() const
 {
     return std::any_of(_ports.begin(), _ports.end(),
                        [](const auto &entry) { return entry.second.incoming.size() >= mostKept; });
+}
+
+// Null when it is not open.
+DeviceThread::Port *DeviceThread::_findOpen(int port)
+{
+    const auto entry = _ports.find(port);
+    return entry != _ports.end() && entry->second.isOpen ? &entry->second : nullptr;
 }
 
 } // namespace usbhalhost

@@ -29,7 +29,8 @@ public:
     enum class Outcome {
         Done,
         TimedOut,
-        Lost,  ///< the link, and what was on its way
+        Lost, ///< the link, and what was on its way
+        NotOpen,
         Failed ///< the device cannot be reached, and waiting does not help
     };
 
@@ -46,6 +47,8 @@ public:
 
     /** From now on what the device sends to this port is kept. */
     void openPort(int port);
+    /** Throws away what was not read, and ends the waits for the port. */
+    void closePort(int port);
     /** Sends bytes and waits until the device has answered the last. Late bytes may still reach it.
      */
     Outcome write(int port, std::string_view bytes, Clock::time_point end);
@@ -56,10 +59,12 @@ public:
     std::string reason();
 
 private:
+    // Stays when it is closed: what was sent may still be delivered, and is no later writer's.
     struct Port
     {
-        std::string outgoing; // not handed to the session yet
-        std::string incoming;
+        bool isOpen = false;
+        std::string outgoing = {}; // not handed to the session yet
+        std::string incoming = {};
         std::uint64_t queued = 0;
         std::uint64_t delivered = 0;
     };
@@ -68,12 +73,15 @@ private:
     void _run();
     bool _connect();
     void _exchange();
+    bool _turn();
+    bool _isHeldBack();
     bool _handOver();
     bool _noteTurn();
     void _noteLoss();
     void _receive(int port);
     void _noteDelivered(int port, std::size_t bytes);
     bool _isFull() const;
+    Port *_findOpen(int port);
 
     std::unique_ptr<DeviceTransport> _transport;
     HostSession _session; // of the thread alone

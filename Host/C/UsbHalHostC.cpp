@@ -37,6 +37,8 @@ int resultOf(DeviceThread::Outcome outcome)
         return usbhal_done;
     case DeviceThread::Outcome::TimedOut:
         return usbhal_timed_out;
+    case DeviceThread::Outcome::NotOpen:
+        return usbhal_not_open;
     case DeviceThread::Outcome::Lost:
         return usbhal_lost;
     case DeviceThread::Outcome::Failed:
@@ -93,6 +95,14 @@ int usbhal_open_port(usbhal_device *device, int port)
     if (!isPort(port))
         return usbhal_wrong;
     device->thread.openPort(port);
+    return usbhal_done;
+}
+
+int usbhal_close_port(usbhal_device *device, int port)
+{
+    if (!isPort(port))
+        return usbhal_wrong;
+    device->thread.closePort(port);
     return usbhal_done;
 }
 

@@ -24,7 +24,8 @@ enum usbhal_result {
     usbhal_failed = -1, /**< the device cannot be reached, and waiting does not help */
     usbhal_wrong = -2,  /**< a name that names no device, or a port outside of 0 to 9999 */
     usbhal_lost = -3,   /**< there is no link, or what was on its way is lost with it */
-    usbhal_timed_out = -4
+    usbhal_timed_out = -4,
+    usbhal_not_open = -5 /**< the port was not opened, or is closed */
 };
 
 /**
@@ -44,6 +45,9 @@ USBHALHOST_EXPORT void usbhal_reason(usbhal_device *device, char *text, size_t s
 
 /** From now on keeps what the device sends to a port; 1 MiB at most, then it waits for a reader. */
 USBHALHOST_EXPORT int usbhal_open_port(usbhal_device *device, int port);
+/** Throws away what was not read and what still comes, and ends the calls that wait for the port.
+ */
+USBHALHOST_EXPORT int usbhal_close_port(usbhal_device *device, int port);
 /** Sends bytes and waits until the device has answered the last of them. */
 USBHALHOST_EXPORT int usbhal_write(usbhal_device *device, int port, const void *bytes, size_t size,
                                    double seconds);

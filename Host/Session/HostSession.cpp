@@ -53,8 +53,9 @@ struct HostSession::Private
 
     void restart();
     StepResult step();
+    StepResult listen();
     TransferResult _write();
-    TransferResult _read();
+    TransferResult _read(std::chrono::milliseconds timeout);
     StepResult _closeOrWait(const TransferResult &result);
 
     Transfer _nextTransfer() const;
@@ -139,6 +140,11 @@ HostSession::StepResult HostSession::step()
     return _private->step();
 }
 
+HostSession::StepResult HostSession::listen()
+{
+    return _private->listen();
+}
+
 bool HostSession::isEstablished() const
 {
     return _private->_established;
@@ -187,12 +193,18 @@ HostSession::StepResult HostSession::Private::step()
         if (written.status != Status::Done)
             return _closeOrWait(written);
     }
-    const TransferResult read = _read();
+    const TransferResult read = _read(_timeouts.step);
     if (read.status == Status::Done)
         return StepResult::Exchanged;
     if (read.status == Status::TimedOut)
         _noteSilence();
     return _closeOrWait(read);
+}
+
+HostSession::StepResult HostSession::Private::listen()
+{
+    const TransferResult read = _read(std::chrono::milliseconds(0));
+    return read.status == Status::Done ? StepResult::Exchanged : _closeOrWait(read);
 }
 
 TransferResult HostSession::Private::_write()
@@ -209,10 +221,10 @@ TransferResult HostSession::Private::_write()
     return result;
 }
 
-TransferResult HostSession::Private::_read()
+TransferResult HostSession::Private::_read(std::chrono::milliseconds timeout)
 {
     std::string transfer;
-    TransferResult result = _transport.receive(transfer, _timeouts.step);
+    TransferResult result = _transport.receive(transfer, timeout);
     if (result.status == Status::Done) {
         _noteAnswer();
         _process(transfer);

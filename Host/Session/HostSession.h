@@ -93,6 +93,12 @@ public:
     StepResult step();
 
     /**
+     * One read that does not wait, and no write: for a caller that holds the device back, and wants
+     * to see that the link is lost meanwhile. Silent when there is nothing, which does not count.
+     */
+    StepResult listen();
+
+    /**
      * Whether the device answers: false after restart() and after a transfer that counts as lost,
      * true from the next answer on. No data is sent while it is false.
      */

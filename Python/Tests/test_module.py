@@ -85,6 +85,64 @@ class Bytes(ModuleTest):
         self.assertEqual(port.readexactly(len(BLOCK) * 8, WAIT), BLOCK * 8)
 
 
+class FullPort(ModuleTest):
+    """The device is held back as a whole."""
+
+    def setUp(self):
+        super().setUp()
+        self.full, self.other = self.port(1), self.port(2)
+        self.node.send(1, BLOCK * 8)
+        self.assertGreaterEqual(self.node.sent(900000), 900000)
+
+    def test_a_loss_is_seen(self):
+        """And ends the calls for the other ports."""
+        self.node.unplug()
+        self.device.wait_disconnected(WAIT)
+        with self.assertRaises(usbhal.LinkLost):
+            self.other.read(1, WAIT)
+
+    def test_the_end_of_its_port_lets_the_device_go_on(self):
+        """What was not read is thrown away."""
+        self.full.close()
+        self.other.write(b"hello", WAIT)
+        self.assertEqual(self.node.received(2, 5), b"hello")
+        self.assertEqual(self.node.sent(len(BLOCK) * 8), len(BLOCK) * 8)
+
+
+class ClosedPort(ModuleTest):
+    """It is there for nobody."""
+
+    def test_calls_fail(self):
+        """Those that wait, too; closing it again does nothing, and it can be opened again."""
+        port = self.port()
+        self.node.send(1, b"part of a line")
+        closing = threading.Thread(target=port.close)
+        closing.start()
+        with self.assertRaisesRegex(usbhal.DeviceError, "the port is closed"):
+            port.readline(WAIT)
+        closing.join()
+        port.close()
+        with self.assertRaisesRegex(usbhal.DeviceError, "the port is closed"):
+            port.write(b"hello", WAIT)
+        self.node.forget()
+        self.device.port(1).write(b"again", WAIT)
+        self.assertEqual(self.node.received(1, 5), b"again")
+
+    def test_after_the_device(self):
+        """There is nothing left to close."""
+        port = self.port()
+        self.device.close()
+        port.close()
+
+    def test_one_that_was_never_opened(self):
+        """Is not opened by what is written to it."""
+        handle = usbhal._library.Handle("sim:" + self.folder)
+        self.addCleanup(handle.close)
+        for _ in range(2):
+            with self.assertRaisesRegex(usbhal.DeviceError, "the port is closed"):
+                handle.write(1, b"hello", WAIT)
+
+
 class Failures(ModuleTest):
     """As exceptions."""
 

@@ -120,8 +120,9 @@ class Port(_Closing):
         return self._take(self._kept.index(b"\n") + 1)
 
     def close(self) -> None:
-        """Forgets what was not read."""
+        """Throws away what was not read, and ends the calls that wait: the port is closed for all that use it."""
         self._kept = b""
+        self._handle.close_port(self._number)
 
     def _more(self, deadline: Optional[float]) -> None:
         left = None if deadline is None else max(deadline - time.monotonic(), 0)

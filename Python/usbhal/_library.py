@@ -27,7 +27,7 @@ class TimedOut(DeviceError, TimeoutError):
     """The time is over."""
 
 
-_FAILURES = {-1: DeviceError, -2: WrongName, -3: LinkLost, -4: TimedOut}
+_FAILURES = {-1: DeviceError, -2: WrongName, -3: LinkLost, -4: TimedOut, -5: DeviceError}
 _TIMED_OUT = -4
 
 
@@ -44,6 +44,7 @@ def _load() -> ctypes.CDLL:
             ("is_connected", number, (device,)),
             ("reason", None, (device, ctypes.c_char_p, size)),
             ("open_port", number, (device, number)),
+            ("close_port", number, (device, number)),
             ("write", number, (device, number, ctypes.c_char_p, size, seconds)),
             ("read", ctypes.c_long, (device, number, ctypes.c_char_p, size, seconds))):
         function = getattr(library, "usbhal_" + name)
@@ -96,6 +97,11 @@ class Handle:
         """Keeps what the device sends to a port."""
         self._check(_LIBRARY.usbhal_open_port(self._open(), number))
 
+    def close_port(self, number: int) -> None:
+        """Throws away what the device sends to a port; of a closed device, nothing is left to close."""
+        if self._device:
+            self._check(_LIBRARY.usbhal_close_port(self._device, number))
+
     def write(self, number: int, data: bytes, timeout: Optional[float]) -> None:
         """Sends bytes, and waits for the answer."""
         left = FOR_EVER if timeout is None else timeout
@@ -124,5 +130,5 @@ class Handle:
     def _check(self, result: int) -> int:
         if result >= 0:
             return result
-        texts = {-2: "a port is a number of 0 to 9999", -4: "the time is over"}
+        texts = {-2: "a port is a number of 0 to 9999", -4: "the time is over", -5: "the port is closed"}
         raise _FAILURES[result](texts.get(result) or self.reason() or "there is no link")
