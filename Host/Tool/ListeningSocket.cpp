@@ -28,6 +28,29 @@ constexpr mode_t forOthers = S_IRWXG | S_IRWXO;
                   "cannot listen on " + name + ": " + std::strerror(errno) + "; " + advice);
 }
 
+// Keeps errno.
+void closeFailed(int fd)
+{
+    const int error = errno;
+    if (fd >= 0)
+        ::close(fd);
+    errno = error;
+}
+
+// Negative, with errno, when that cannot be done.
+int listenOn(const addrinfo &address)
+{
+    const int fd = ::socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0)
+        return -1;
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (::bind(fd, address.ai_addr, address.ai_addrlen) == 0 && ::listen(fd, mostWaiting) == 0)
+        return fd;
+    closeFailed(fd);
+    return -1;
+}
+
 struct FreeAddresses
 {
     void operator()(addrinfo *first) const { freeaddrinfo(first); }
@@ -100,10 +123,7 @@ int connectToPath(const std::string &path)
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (address && fd >= 0 && ::connect(fd, generic(*address), sizeof *address) == 0)
         return fd;
-    const int error = errno;
-    if (fd >= 0)
-        ::close(fd);
-    errno = error;
+    closeFailed(fd);
     return -1;
 }
 
@@ -125,12 +145,9 @@ ListeningSocket::~ListeningSocket()
 void ListeningSocket::_listenOnTcp(const ForwardAddress &address)
 {
     const Addresses addresses = resolve(address);
-    const addrinfo &first = *addresses;
-    _fd = ::socket(first.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const int on = 1;
-    setsockopt(_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (_fd < 0 || ::bind(_fd, first.ai_addr, first.ai_addrlen) != 0 ||
-        ::listen(_fd, mostWaiting) != 0)
+    for (const addrinfo *each = addresses.get(); each != nullptr && _fd < 0; each = each->ai_next)
+        _fd = listenOn(*each);
+    if (_fd < 0)
         fail(address.host + ":" + std::to_string(address.localPort),
              "choose another local port, or 0 for a free one");
     sockaddr_storage own{};

@@ -24,7 +24,7 @@ int connectToPath(const std::string &path);
 class ListeningSocket
 {
 public:
-    /** Listens. Failure when that cannot be done. */
+    /** Listens on the first address of the name that it can. Failure when there is none. */
     explicit ListeningSocket(const ForwardAddress &address);
     ~ListeningSocket();
     ListeningSocket(const ListeningSocket &) = delete;
