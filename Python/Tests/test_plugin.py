@@ -2,10 +2,13 @@
 """The fixtures for tests of a device's program."""
 
 import os
+import signal
 import subprocess
+import sys
 
 import pytest
 import usbhal
+from usbhal import pytest_plugin
 
 PROGRAM = os.environ["SAMPLE_MANAGER"]
 WAIT = 60
@@ -38,3 +41,25 @@ def test_faults_are_said_to_the_node(device, usbhal_node):
     with pytest.raises(subprocess.CalledProcessError):
         usbhal_node.control("nonsense")
     assert device.is_connected
+
+
+def test_a_node_that_does_not_end_is_killed(tmp_path, monkeypatch):
+    """The test that has it goes on."""
+    stubborn = tmp_path / "stubborn"
+    stubborn.write_text("#!/bin/sh\ntrap '' TERM\n: >$3/ready\nexec cat $3/never\n", encoding="ascii")
+    stubborn.chmod(0o755)
+    for fifo in ("ready", "never"):
+        os.mkfifo(tmp_path / fifo)
+    monkeypatch.setenv("USBHAL_SIMNODE", str(stubborn))
+    monkeypatch.setattr(pytest_plugin, "END_TIME", 0.1)
+    node = pytest_plugin.Node(str(tmp_path))
+    process = node.run([PROGRAM])
+    with open(tmp_path / "ready", "rb"):
+        node.close()
+    assert process.returncode == -signal.SIGKILL
+
+
+def test_tests_without_a_device_need_no_library():
+    """They have the plugin all the same."""
+    subprocess.run([sys.executable, "-B", "-c", "import usbhal.pytest_plugin"], check=True, timeout=WAIT,
+                   env={**os.environ, "USBHAL_HOST_LIBRARY": "/nowhere"})

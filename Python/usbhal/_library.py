@@ -2,6 +2,7 @@
 """The functions of libusbhal-host for C, as Python calls them."""
 
 import ctypes
+import functools
 import os
 import time
 from typing import Optional
@@ -31,7 +32,9 @@ _FAILURES = {-1: DeviceError, -2: WrongName, -3: LinkLost, -4: TimedOut, -5: Dev
 _TIMED_OUT = -4
 
 
-def _load() -> ctypes.CDLL:
+# Not before it is used: pytest imports the plugin wherever the package is installed.
+@functools.lru_cache(maxsize=None)
+def _library() -> ctypes.CDLL:
     library = ctypes.CDLL(os.environ.get("USBHAL_HOST_LIBRARY", "libusbhal-host.so.1"))
     device = ctypes.c_void_p
     number = ctypes.c_int
@@ -53,9 +56,6 @@ def _load() -> ctypes.CDLL:
     return library
 
 
-_LIBRARY = _load()
-
-
 def deadline(timeout: Optional[float]) -> Optional[float]:
     """When a time is over; None for never."""
     return None if timeout is None else time.monotonic() + timeout
@@ -66,7 +66,7 @@ class Handle:
 
     def __init__(self, name: str) -> None:
         text = ctypes.create_string_buffer(TEXT_SIZE)
-        self._device = _LIBRARY.usbhal_open(os.fsencode(name), text, TEXT_SIZE)
+        self._device = _library().usbhal_open(os.fsencode(name), text, TEXT_SIZE)
         if not self._device:
             raise WrongName(text.value.decode(errors="replace"))
 
@@ -77,40 +77,40 @@ class Handle:
         """Closes the link."""
         device, self._device = getattr(self, "_device", None), None
         if device:
-            _LIBRARY.usbhal_close(device)
+            _library().usbhal_close(device)
 
     def is_connected(self) -> bool:
         """Whether the device answers."""
-        return bool(_LIBRARY.usbhal_is_connected(self._open()))
+        return bool(_library().usbhal_is_connected(self._open()))
 
     def reason(self) -> str:
         """Why there is no link."""
         text = ctypes.create_string_buffer(TEXT_SIZE)
-        _LIBRARY.usbhal_reason(self._open(), text, TEXT_SIZE)
+        _library().usbhal_reason(self._open(), text, TEXT_SIZE)
         return text.value.decode(errors="replace")
 
     def wait(self, connected: bool, timeout: Optional[float]) -> None:
         """Waits until the device answers, or does not any more."""
-        self._repeat(lambda left: _LIBRARY.usbhal_wait(self._open(), int(connected), left), timeout)
+        self._repeat(lambda left: _library().usbhal_wait(self._open(), int(connected), left), timeout)
 
     def open_port(self, number: int) -> None:
         """Keeps what the device sends to a port."""
-        self._check(_LIBRARY.usbhal_open_port(self._open(), number))
+        self._check(_library().usbhal_open_port(self._open(), number))
 
     def close_port(self, number: int) -> None:
         """Throws away what the device sends to a port; of a closed device, nothing is left to close."""
         if self._device:
-            self._check(_LIBRARY.usbhal_close_port(self._device, number))
+            self._check(_library().usbhal_close_port(self._device, number))
 
     def write(self, number: int, data: bytes, timeout: Optional[float]) -> None:
         """Sends bytes, and waits for the answer."""
         left = FOR_EVER if timeout is None else timeout
-        self._check(_LIBRARY.usbhal_write(self._open(), number, bytes(data), len(data), left))
+        self._check(_library().usbhal_write(self._open(), number, bytes(data), len(data), left))
 
     def read(self, number: int, size: int, timeout: Optional[float]) -> bytes:
         """Waits for bytes."""
         buffer = ctypes.create_string_buffer(size)
-        count = self._repeat(lambda left: _LIBRARY.usbhal_read(self._open(), number, buffer, size, left), timeout)
+        count = self._repeat(lambda left: _library().usbhal_read(self._open(), number, buffer, size, left), timeout)
         return buffer.raw[:count]
 
     def _open(self) -> int:

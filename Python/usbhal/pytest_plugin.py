@@ -18,6 +18,7 @@ import pytest
 from . import Device
 
 START_TIME = 30  # seconds for a program to open its ports
+END_TIME = 30  # seconds for the node to end with its program, before it is killed
 
 
 class Node:
@@ -58,9 +59,14 @@ class Node:
         self.control("reset")
 
     def close(self) -> None:
-        """Ends the program and the node."""
-        if self._process is not None:
-            self._process.terminate()
+        """Ends the program and the node; kills the node when it does not end."""
+        if self._process is None:
+            return
+        self._process.terminate()
+        try:
+            self._process.wait(END_TIME)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
             self._process.wait()
 
 
