@@ -94,8 +94,8 @@ DeviceThread::Outcome DeviceThread::read(int port, std::size_t most, Clock::time
 {
     Lock lock(_mutex);
     Port *queues = _findOpen(port);
-    if (queues == nullptr)
-        return Outcome::NotOpen;
+    if (queues == nullptr || most == 0)
+        return queues == nullptr ? Outcome::NotOpen : Outcome::Done;
     std::string &incoming = queues->incoming;
     _changed.wait_until(lock, end,
                         [&] { return !incoming.empty() || !_connected || !queues->isOpen; });

@@ -52,7 +52,9 @@ public:
     /** Sends bytes and waits until the device has answered the last. Late bytes may still reach it.
      */
     Outcome write(int port, std::string_view bytes, Clock::time_point end);
-    /** Waits for bytes of the port, and takes as many as there are, up to most. */
+    /**
+     * Waits for bytes of the port, and takes as many as there are, up to most; 0 are there at once.
+     */
     Outcome read(int port, std::size_t most, Clock::time_point end, std::string &bytes);
 
     /** Why there is no link. */

@@ -56,6 +56,15 @@ class Bytes(ModuleTest):
         self.assertEqual(port.read(3, WAIT), b"hel")
         self.assertEqual(port.read(timeout=WAIT), b"lo")
 
+    def test_no_bytes_are_there_at_once(self):
+        """Whether others wait or not."""
+        port = self.port()
+        self.assertEqual(port.read(0, WAIT), b"")
+        self.node.send(1, b"hello")
+        self.assertEqual(port.read(1, WAIT), b"h")
+        self.assertEqual(port.read(0, WAIT), b"")
+        self.assertEqual(port.readexactly(4, WAIT), b"ello")
+
     def test_lines(self):
         """With their ends; a part of one stays."""
         port = self.port()
