@@ -64,7 +64,7 @@ void DeviceThread::closePort(int port)
     Port *queues = _findOpen(port);
     if (queues == nullptr)
         return;
-    queues->isOpen = false;
+    queues->isOpen = queues->isCut = queues->isAnew = false;
     queues->incoming.clear();
     _changed.notify_all();
 }
@@ -97,16 +97,19 @@ DeviceThread::Outcome DeviceThread::read(int port, std::size_t most, Clock::time
     if (queues == nullptr || most == 0)
         return queues == nullptr ? Outcome::NotOpen : Outcome::Done;
     std::string &incoming = queues->incoming;
+    const auto isLost = [&] { return queues->isAnew || (!_connected && incoming.empty()); };
     _changed.wait_until(lock, end,
-                        [&] { return !incoming.empty() || !_connected || !queues->isOpen; });
+                        [&] { return !incoming.empty() || isLost() || !queues->isOpen; });
     if (!queues->isOpen)
         return Outcome::NotOpen;
+    if (isLost()) {
+        queues->isCut = queues->isAnew = false;
+        return Outcome::Lost;
+    }
     bytes = incoming.substr(0, most);
     incoming.erase(0, bytes.size());
     _changed.notify_all();
-    if (!bytes.empty())
-        return Outcome::Done;
-    return _connected ? Outcome::TimedOut : Outcome::Lost;
+    return bytes.empty() ? Outcome::TimedOut : Outcome::Done;
 }
 
 std::string DeviceThread::reason()
@@ -134,10 +137,18 @@ bool DeviceThread::_connect()
     _reason = result.text;
     _hopeless =
         result.status == TransferResult::Status::Closed && !result.mayComeLater && _losses == 0;
-    for (auto &[number, port] : _ports)
-        port = Port{port.isOpen}; // nothing of the old link reaches the new one
+    const bool isDone = result.status == TransferResult::Status::Done;
+    if (isDone)
+        _resetPorts();
     _changed.notify_all();
-    return result.status == TransferResult::Status::Done;
+    return isDone;
+}
+
+// Nothing of the old link reaches the new one.
+void DeviceThread::_resetPorts()
+{
+    for (auto &[number, port] : _ports)
+        port = Port{port.isOpen, port.isCut, port.isCut};
 }
 
 void DeviceThread::_exchange()
@@ -180,15 +191,18 @@ bool DeviceThread::_handOver()
 bool DeviceThread::_noteTurn()
 {
     const Lock lock(_mutex);
-    const bool fellSilent = _connected && !_session.isEstablished();
+    if (_connected && !_session.isEstablished())
+        return false;
     _connected = _session.isEstablished() && _session.isMaxWriteSizeKnown();
     _changed.notify_all();
-    return !fellSilent;
+    return true;
 }
 
 void DeviceThread::_noteLoss()
 {
     const Lock lock(_mutex);
+    for (auto &[number, port] : _ports)
+        port.isCut = port.isCut || (_connected && port.isOpen);
     _connected = false;
     _reason = _session.closeReason().empty() ? "the device did not answer" : _session.closeReason();
     ++_losses;

@@ -54,6 +54,7 @@ public:
     Outcome write(int port, std::string_view bytes, Clock::time_point end);
     /**
      * Waits for bytes of the port, and takes as many as there are, up to most; 0 are there at once.
+     * What came before a loss is there until the next link. After each, one read fails as lost.
      */
     Outcome read(int port, std::size_t most, Clock::time_point end, std::string &bytes);
 
@@ -65,6 +66,8 @@ private:
     struct Port
     {
         bool isOpen = false;
+        bool isCut = false;        // the link was lost, and no read has said so
+        bool isAnew = false;       // and what comes now is of another link
         std::string outgoing = {}; // not handed to the session yet
         std::string incoming = {};
         std::uint64_t queued = 0;
@@ -74,6 +77,7 @@ private:
 
     void _run();
     bool _connect();
+    void _resetPorts();
     void _exchange();
     bool _turn();
     bool _isHeldBack();

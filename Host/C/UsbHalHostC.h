@@ -51,7 +51,8 @@ USBHALHOST_EXPORT int usbhal_close_port(usbhal_device *device, int port);
 /** Sends bytes and waits until the device has answered the last of them. */
 USBHALHOST_EXPORT int usbhal_write(usbhal_device *device, int port, const void *bytes, size_t size,
                                    double seconds);
-/** Waits for bytes, and takes as many as there are, up to size. Returns how many, or a result. */
+/** Waits for bytes, and takes as many as there are, up to size. Returns how many, or a result.
+ * What came before a loss is there until the next link. After each, one read fails as lost. */
 USBHALHOST_EXPORT long usbhal_read(usbhal_device *device, int port, void *bytes, size_t size,
                                    double seconds);
 

@@ -184,6 +184,38 @@ class Failures(ModuleTest):
         port.write(b"again", WAIT)
         self.assertEqual(self.node.received(1, 5), b"again")
 
+    def come_back(self):
+        """The cable is out, and in again."""
+        self.node.unplug()
+        self.device.wait_disconnected(WAIT)
+        self.node.plug()
+        self.device.wait_connected(WAIT)
+
+    def test_a_loss_while_nobody_reads(self):
+        """Is what the next read says, once, and not a line of two halves."""
+        port = self.port()
+        self.node.send(1, b"line\npart")
+        self.assertEqual(port.readline(WAIT), b"line\n")
+        for text in (b"one\n", b"two\n"):
+            self.come_back()
+            self.node.send(1, text)
+            with self.assertRaises(usbhal.LinkLost):
+                port.readline(WAIT)
+            self.assertEqual(port.readline(WAIT), text)
+
+    def test_the_last_words_of_a_device(self):
+        """Are there until it is back."""
+        port = self.port()
+        self.node.send(1, b"last words")
+        self.assertEqual(port.read(5, WAIT), b"last ")
+        self.node.unplug()
+        self.device.wait_disconnected(WAIT)
+        self.assertEqual(port.read(3, WAIT), b"wor")
+        self.node.plug()
+        self.device.wait_connected(WAIT)
+        with self.assertRaises(usbhal.LinkLost):
+            port.read(2, WAIT)
+
     def test_a_device_that_does_not_answer(self):
         """Has thrown the bytes away."""
         port = self.port()

@@ -100,9 +100,12 @@ class Port(_Closing):
         self._handle.write(self._number, data, timeout)
 
     def read(self, size: int = _CHUNK, timeout: Optional[float] = None) -> bytes:
-        """Waits for bytes, and returns as many as there are, up to size."""
+        """Waits for bytes, and returns as many as there are, up to size.
+
+        After the link was lost, one read fails with LinkLost, as what it would have got next is lost, too.
+        """
         if not self._kept:
-            return self._handle.read(self._number, size, timeout)
+            return self._fetch(size, timeout)
         return self._take(min(size, len(self._kept)))
 
     def readexactly(self, size: int, timeout: Optional[float] = None) -> bytes:
@@ -126,7 +129,14 @@ class Port(_Closing):
 
     def _more(self, deadline: Optional[float]) -> None:
         left = None if deadline is None else max(deadline - time.monotonic(), 0)
-        self._kept += self._handle.read(self._number, _CHUNK, left)
+        self._kept += self._fetch(_CHUNK, left)
+
+    def _fetch(self, size: int, timeout: Optional[float]) -> bytes:
+        try:
+            return self._handle.read(self._number, size, timeout)
+        except LinkLost:
+            self._kept = b""  # the rest of it does not come
+            raise
 
     def _take(self, size: int) -> bytes:
         taken, self._kept = self._kept[:size], self._kept[size:]
