@@ -3,6 +3,7 @@
 
 import os
 import signal
+import sys
 import tempfile
 import threading
 import time
@@ -90,8 +91,11 @@ class Bytes(ModuleTest):
         port = self.port()
         self.node.send(1, BLOCK * 8)
         self.assertGreaterEqual(self.node.sent(900000), 900000)
+        with self.assertRaises(TimeoutError):
+            self.port(2).write(b"late", 0.5)
         self.assertLess(self.node.sent(), 1024 * 1024)
         self.assertEqual(port.readexactly(len(BLOCK) * 8, WAIT), BLOCK * 8)
+        self.assertEqual(self.node.received(2, 4), b"late")
 
 
 class FullPort(ModuleTest):
@@ -156,13 +160,10 @@ class Failures(ModuleTest):
     """As exceptions."""
 
     def test_a_time_that_is_over(self):
-        """Of a read and of a write, and nothing is connected."""
+        """Of a read, and of a wait for what does not happen."""
         port = self.port()
         with self.assertRaises(usbhal.TimedOut):
             port.read(1, 0.1)
-        self.node.swallow(True)
-        with self.assertRaises(TimeoutError):
-            port.write(b"hello", 0.1)
         with self.assertRaises(usbhal.TimedOut):
             self.device.wait_disconnected(0)
 
@@ -265,12 +266,20 @@ class Waiting(ModuleTest):
         self.assertEqual(port.readexactly(13, WAIT), b"from a thread")
         writer.join()
 
+    def interrupt(self):
+        """Ctrl-C, once the main thread waits in the library."""
+        main = threading.main_thread().ident
+        end = time.monotonic() + WAIT
+        while time.monotonic() < end and sys._current_frames()[main].f_code.co_filename != usbhal._library.__file__:
+            time.sleep(0.01)
+        os.kill(os.getpid(), signal.SIGINT)
+
     def test_a_signal_ends_a_wait(self):
         """As Ctrl-C does."""
         port = self.port()
         begin = time.monotonic()
         with self.assertRaises(KeyboardInterrupt):
-            threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
+            threading.Thread(target=self.interrupt).start()
             port.read(1, WAIT)
         self.assertLess(time.monotonic() - begin, WAIT)
 

@@ -52,7 +52,7 @@ class Commands(ControlTest):
     def test_cat_through_the_forward(self):
         """Both ways, beside the client of another port."""
         self.node.echo(2)
-        called = self.call("cat", "2", given=BLOCK)
+        called = self.call("cat", "2", "--linger", "20", given=BLOCK)
         self.assertEqual((called.returncode, called.stderr, called.stdout), (0, b"", BLOCK))
         self.client.sendall(b"still here")
         self.assertEqual(self.node.received(1, 10), b"still here")

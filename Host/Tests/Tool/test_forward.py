@@ -91,7 +91,7 @@ class Clients(ForwardTest):
 
     def test_a_client_that_has_sent_all_gets_its_answer(self):
         """And then its end, which makes room for the next."""
-        client = self.begin("--linger", "2")
+        client = self.begin("--linger", "20")
         client.shutdown(socket.SHUT_WR)
         self.node.send(1, BLOCK)
         self.assertEqual(self.receive(client, len(BLOCK)), BLOCK)

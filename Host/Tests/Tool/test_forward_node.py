@@ -7,11 +7,13 @@ import subprocess
 import threading
 import unittest
 
+from device import WAIT
 from forwarding import ForwardTest
 
 SIMNODE = shlex.split(os.environ["SIMNODE"])
 MANAGER = shlex.split(os.environ["SAMPLE_MANAGER"])
 PORTS = range(1, 6)
+ANSWER_TIME = 20  # seconds, after which what was sent counts as lost with the link
 BLOCK = bytes(range(256)) * 300
 
 
@@ -24,9 +26,16 @@ class Node(ForwardTest):
         self.node = subprocess.Popen([*SIMNODE, "run", "--dir", self.folder, "--", *MANAGER, *echoes,
                                       "--log-dir", self.path("log")],
                                      stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-        self.addCleanup(self.node.wait)
-        self.addCleanup(self.node.terminate)
+        self.addCleanup(self.end_node)
         self.program, self.places = self.forward(*[f"0:{port}" for port in PORTS])
+
+    def end_node(self):
+        """Makes sure that nothing of it stays."""
+        self.node.terminate()
+        try:
+            self.node.wait(WAIT)
+        finally:
+            self.node.kill()
 
     def control(self, *command):
         """Tells the node what to do."""
@@ -40,11 +49,13 @@ class Node(ForwardTest):
         """A client of a port, as soon as clients are let in."""
         while True:
             client = self.connect(self.places[port])
+            client.settimeout(ANSWER_TIME)
             try:
                 client.sendall(b"hello")
                 if self.receive(client, 5) == b"hello":
+                    client.settimeout(WAIT)
                     return client
-            except ConnectionError:
+            except (ConnectionError, TimeoutError):
                 pass
             client.close()
 
